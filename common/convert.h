@@ -1,0 +1,56 @@
+// Conversions from float to integer, defined for every input the way the x86-64 instructions do them: what does not
+// fit, NaN included, gives the "integer indefinite" value, the lowest number of the instruction's width.
+// Functions here are static, one copy per file, so that kernel files of every instruction-set level may use them.
+#ifndef OPKIT_COMMON_CONVERT_H
+#define OPKIT_COMMON_CONVERT_H
+
+#include <emmintrin.h>
+#include <stdint.h>
+
+namespace opkit {
+
+static inline int32_t TruncateToI32(float value)
+{
+    return _mm_cvttss_si32(_mm_set_ss(value));
+}
+
+static inline int32_t TruncateToI32(double value)
+{
+    return _mm_cvttsd_si32(_mm_set_sd(value));
+}
+
+static inline int64_t TruncateToI64(float value)
+{
+    return _mm_cvttss_si64(_mm_set_ss(value));
+}
+
+static inline int64_t TruncateToI64(double value)
+{
+    return _mm_cvttsd_si64(_mm_set_sd(value));
+}
+
+// The low half of the 64-bit truncation, so that -1.0 gives 0xFFFFFFFF and 2^32 gives 0.
+static inline uint32_t TruncateToU32(float value)
+{
+    return static_cast<uint32_t>(TruncateToI64(value));
+}
+
+// From 2^63 on the truncation of value - 2^63 with the top bit set; below, the bits of the signed truncation.
+static inline uint64_t TruncateToU64(float value)
+{
+    constexpr float kTwoTo63 = 9223372036854775808.0f;
+    if (value >= kTwoTo63) {
+        return static_cast<uint64_t>(TruncateToI64(value - kTwoTo63)) | (uint64_t{1} << 63);
+    }
+    return static_cast<uint64_t>(TruncateToI64(value));
+}
+
+// The low byte of the 32-bit truncation.
+static inline uint8_t TruncateToByte(float value)
+{
+    return static_cast<uint8_t>(TruncateToI32(value));
+}
+
+}  // namespace opkit
+
+#endif  // OPKIT_COMMON_CONVERT_H

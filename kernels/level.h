@@ -1,0 +1,53 @@
+// Instruction-set levels: which variant of the hot kernels runs.
+//
+// A kernel file is compiled once per level, with OPKIT_LEVEL naming it. Everything in it stands in
+// namespace opkit::OPKIT_LEVEL, so that the three compilations never share a symbol; for the same reason a kernel file
+// includes no header with functions of its own besides the intrinsics (an inline function compiled at AVX-512 might
+// be the copy that the linker keeps for all). A kernel file ends with its table of function pointers:
+//
+//     // kernels/unary.h
+//     struct UnaryKernels { void (*neg)(const float* in, float* out, size_t count); };
+//     OPKIT_KERNEL_TABLE(UnaryKernels, unaryKernels, Unary)   // three tables, and Unary() for the one in use
+//
+//     // kernels/unary.cpp
+//     namespace opkit::OPKIT_LEVEL {
+//     static void Neg(const float* in, float* out, size_t count) { ... }
+//     extern const UnaryKernels unaryKernels = {Neg};
+//     }
+//
+// All levels give identical bits.
+#ifndef OPKIT_KERNELS_LEVEL_H
+#define OPKIT_KERNELS_LEVEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace opkit {
+
+enum class Level { kBaseline = 0, kAvx2 = 1, kAvx512 = 2 };
+
+// What the processor and the operating system can run.
+Level DetectedLevel();
+
+// The level in use: the detected one, unless a lower one was chosen.
+Level ActiveLevel();
+
+// Chooses a level for tests and benchmarks; a level above the detected one is cut to it. Not exported.
+void OverrideLevel(Level level);
+
+const char* LevelName(Level level);
+
+// Declares the tables `name` of the three levels and the function `Active()` that gives the table in use.
+#define OPKIT_KERNEL_TABLE(Record, name, Active)                            \
+    namespace baseline { extern const Record name; }                        \
+    namespace avx2 { extern const Record name; }                            \
+    namespace avx512 { extern const Record name; }                          \
+    inline const Record& Active()                                           \
+    {                                                                       \
+        static const Record* const tables[] = {&baseline::name, &avx2::name, &avx512::name}; \
+        return *tables[static_cast<int>(ActiveLevel())];                    \
+    }
+
+}  // namespace opkit
+
+#endif  // OPKIT_KERNELS_LEVEL_H

@@ -1,0 +1,351 @@
+// The buffer: constants first, each at a multiple of 64 bytes, then the layer tables. A table is followed by what it
+// locates: for each layer its record, name, tensor records, dimensions and attribute block.
+
+#include "modelkit/model_builder.h"
+
+#include <algorithm>
+
+namespace opkit::modelkit {
+namespace {
+
+constexpr uint32_t kScratchAlignment = 64;
+
+uint64_t RoundUp(uint64_t value, uint64_t multiple)
+{
+    return (value + multiple - 1) / multiple * multiple;
+}
+
+void CheckElements(const std::string& what, const Shape& shape, size_t given)
+{
+    if (ElementCount(shape) != given) {
+        throw BuildError(what + " has shape " + ShapeText(shape) + " and " + std::to_string(given) + " elements");
+    }
+    if (shape.size() > OPKIT_MAX_DIMS) {
+        throw BuildError(what + " has " + std::to_string(shape.size()) + " dimensions, an offline input at most 10");
+    }
+}
+
+TensorSpec Resolved(TensorSpec spec)
+{
+    spec.strideBytes = StrideOf(spec.shape, spec.strideBytes);
+    if (spec.strideBytes % 4 != 0) {
+        throw BuildError("tensor \"" + spec.name + "\": a stride is a multiple of 4 bytes");
+    }
+    return spec;
+}
+
+}  // namespace
+
+TensorRef TensorRef::As(Shape newShape) const
+{
+    TensorRef ref = *this;
+    ref.shape = std::move(newShape);
+    return ref;
+}
+
+TensorRef TensorRef::WithStride(uint32_t bytes) const
+{
+    if (memKind <= OPKIT_MEM_REQUEST_1) {
+        throw BuildError("the stride of a request tensor is set where it is added");
+    }
+    TensorRef ref = *this;
+    ref.strideIndex = bytes;
+    return ref;
+}
+
+TensorRef TensorRef::WithKind(uint32_t kind) const
+{
+    if ((memKind <= OPKIT_MEM_REQUEST_1) != (kind <= OPKIT_MEM_REQUEST_1)) {
+        throw BuildError("a tensor does not move between the request and the scratch");
+    }
+    TensorRef ref = *this;
+    ref.memKind = kind;
+    return ref;
+}
+
+LayerBuilder& LayerBuilder::Online(TensorRef tensor)
+{
+    if (tensor.memKind <= OPKIT_MEM_REQUEST_1 && tensor.requestOutput) {
+        throw BuildError("layer " + name_ + " reads a request output; put it into scratch, or bind an input to it");
+    }
+    inputs_.push_back(std::move(tensor));
+    flags_.push_back('0');
+    return *this;
+}
+
+LayerBuilder& LayerBuilder::Offline(ConstantRef constant)
+{
+    if (constant.index >= owner_.constants_.size()) {
+        throw BuildError("layer " + name_ + ": no such constant");
+    }
+    constants_.push_back(constant.index);
+    flags_.push_back('1');
+    return *this;
+}
+
+LayerBuilder& LayerBuilder::Offline(Shape shape, std::vector<float> data)
+{
+    const std::string name = name_ + ".constant" + std::to_string(owner_.constants_.size());
+    return Offline(owner_.AddConstant(name, std::move(shape), std::move(data)));
+}
+
+LayerBuilder& LayerBuilder::Output(TensorRef tensor)
+{
+    if (tensor.memKind <= OPKIT_MEM_REQUEST_1 && !tensor.requestOutput) {
+        throw BuildError("layer " + name_ + " writes a request input; bind an output to it instead");
+    }
+    outputs_.push_back(std::move(tensor));
+    return *this;
+}
+
+LayerBuilder& LayerBuilder::Flag(uint32_t k, char value)
+{
+    if (k >= OPKIT_MAX_LAYER_INPUTS) {
+        throw BuildError("layer " + name_ + ": flag " + std::to_string(k) + " lies outside the block");
+    }
+    flagOverrides_.emplace_back(k, value);
+    return *this;
+}
+
+LayerBuilder& LayerBuilder::AttrBytes(std::span<const std::byte> bytes)
+{
+    attr_.assign(bytes.begin(), bytes.end());
+    return *this;
+}
+
+LayerBuilder& LayerBuilder::Workspace(uint32_t bytes)
+{
+    workspace_ = bytes;
+    return *this;
+}
+
+LayerBuilder& LayerBuilder::LayerId(uint32_t id)
+{
+    id_ = id;
+    return *this;
+}
+
+TensorRef ModelBuilder::AddInput(TensorSpec spec)
+{
+    spec = Resolved(std::move(spec));
+    const uint32_t index = static_cast<uint32_t>(inputs_.size());
+    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index, spec.shape, false};
+    inputs_.push_back(std::move(spec));
+    return ref;
+}
+
+TensorRef ModelBuilder::AddOutput(TensorSpec spec)
+{
+    spec = Resolved(std::move(spec));
+    const uint32_t index = static_cast<uint32_t>(outputs_.size());
+    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index, spec.shape, true};
+    outputs_.push_back(std::move(spec));
+    return ref;
+}
+
+TensorRef ModelBuilder::AddScratch(TensorSpec spec, bool batched, std::optional<uint32_t> offset)
+{
+    spec = Resolved(std::move(spec));
+    const uint32_t size = PaddedBytes(spec.shape, spec.strideBytes);
+    const uint64_t begin = offset ? *offset : RoundUp(scratchEnd_, kScratchAlignment);
+    const uint64_t end = begin + uint64_t{size} * (batched ? maxBatch_ : 1);
+    if (end > UINT32_MAX) {
+        throw BuildError("scratch tensor \"" + spec.name + "\" ends beyond 4 GiB");
+    }
+    scratchEnd_ = std::max(scratchEnd_, end);
+    const uint32_t kind = batched ? OPKIT_MEM_SCRATCH_BATCHED : OPKIT_MEM_SCRATCH;
+    return {kind, static_cast<uint32_t>(begin), size, spec.strideBytes, std::move(spec.shape), false};
+}
+
+ConstantRef ModelBuilder::AddConstant(std::string name, Shape shape, std::vector<float> data)
+{
+    CheckElements("constant \"" + name + "\"", shape, data.size());
+    constants_.push_back({std::move(name), std::move(shape), std::move(data)});
+    return {static_cast<uint32_t>(constants_.size() - 1)};
+}
+
+void ModelBuilder::BeginTable(uint32_t segmentId, std::string name)
+{
+    if (name.empty()) {
+        name = "segment" + std::to_string(segmentId);
+    }
+    tables_.push_back({segmentId, std::move(name), {}});
+}
+
+LayerBuilder& ModelBuilder::AddLayer(std::string operatorName)
+{
+    if (tables_.empty()) {
+        BeginTable(0, "main");
+    }
+    auto& layers = tables_.back().layers;
+    layers.push_back(std::unique_ptr<LayerBuilder>(new LayerBuilder(*this, std::move(operatorName), nextLayerId_++)));
+    return *layers.back();
+}
+
+// Appends to the buffer. Positions count from its start; a table subtracts its own.
+class ModelBuilder::Writer {
+public:
+    explicit Writer(const ModelBuilder& builder) : builder_(builder) {}
+
+    void WriteConstants()
+    {
+        for (const Constant& constant : builder_.constants_) {
+            const uint32_t offset = Reserve(constant.data.size() * sizeof(float), Buffer::kAlignment);
+            if (!constant.data.empty()) {
+                std::memcpy(&bytes_[offset], constant.data.data(), constant.data.size() * sizeof(float));
+            }
+            model_.constants.push_back({constant.name, offset, constant.shape});
+        }
+    }
+
+    void WriteTable(const Table& table)
+    {
+        if (table.layers.size() > OPKIT_MAX_LAYERS) {
+            throw BuildError("table " + table.name + " has " + std::to_string(table.layers.size()) + " layers, at most 128");
+        }
+        const uint32_t count = static_cast<uint32_t>(table.layers.size());
+        base_ = Reserve(4 + size_t{count} * 4, 8);
+        Put(base_, count);
+        for (uint32_t i = 0; i < count; ++i) {
+            Put(base_ + 4 + i * 4, WriteLayer(*table.layers[i]));
+        }
+        const uint32_t size = static_cast<uint32_t>(bytes_.size()) - base_;
+        model_.tables.push_back({table.segmentId, table.name, base_, size});
+    }
+
+    Model Finish()
+    {
+        if (bytes_.size() > OPKIT_MAX_MODEL_SIZE) {
+            throw BuildError("the model takes " + std::to_string(bytes_.size()) + " bytes, at most 1 GiB");
+        }
+        model_.bytes = Buffer(std::span<const std::byte>(bytes_));
+        model_.inputs = builder_.inputs_;
+        model_.outputs = builder_.outputs_;
+        model_.scratchSize = ScratchSize();
+        model_.maxBatch = builder_.maxBatch_;
+        return std::move(model_);
+    }
+
+private:
+    uint32_t WorkspaceBegin() const
+    {
+        return static_cast<uint32_t>(RoundUp(builder_.scratchEnd_, kScratchAlignment));
+    }
+
+    uint32_t ScratchSize() const
+    {
+        uint64_t workspace = 0;
+        for (const Table& table : builder_.tables_) {
+            for (const auto& layer : table.layers) {
+                workspace = std::max<uint64_t>(workspace, layer->workspace_);
+            }
+        }
+        const uint64_t size = workspace == 0 ? builder_.scratchEnd_ : WorkspaceBegin() + workspace;
+        if (size > UINT32_MAX) {
+            throw BuildError("the scratch takes more than 4 GiB");
+        }
+        return static_cast<uint32_t>(size);
+    }
+
+    uint32_t Reserve(size_t size, size_t alignment)
+    {
+        const uint64_t begin = RoundUp(bytes_.size(), alignment);
+        if (begin + size > OPKIT_MAX_MODEL_SIZE) {
+            throw BuildError("the model takes more than 1 GiB");
+        }
+        bytes_.resize(begin + size);
+        return static_cast<uint32_t>(begin);
+    }
+
+    template <class T>
+    void Put(size_t offset, const T& value)
+    {
+        std::memcpy(&bytes_[offset], &value, sizeof(T));
+    }
+
+    uint32_t WriteShape(const Shape& shape)
+    {
+        const uint32_t offset = Reserve(shape.size() * 4, 8);
+        for (size_t i = 0; i < shape.size(); ++i) {
+            Put(offset + i * 4, shape[i]);
+        }
+        return offset - base_;
+    }
+
+    uint32_t WriteTensors(const std::vector<TensorRef>& tensors)
+    {
+        const uint32_t table = Reserve(tensors.size() * sizeof(TensorRecord), 8);
+        for (size_t i = 0; i < tensors.size(); ++i) {
+            const TensorRef& tensor = tensors[i];
+            const TensorRecord record = {tensor.memKind,     tensor.memIndex,         tensor.size,
+                                         tensor.strideIndex, WriteShape(tensor.shape), static_cast<uint32_t>(tensor.shape.size() * 4)};
+            Put(table + i * sizeof(TensorRecord), record);
+        }
+        return table - base_;
+    }
+
+    LayerAttrHead HeadOf(const LayerBuilder& layer) const
+    {
+        LayerAttrHead head = {};
+        for (size_t j = 0; j < layer.constants_.size(); ++j) {
+            const ModelConstant& constant = model_.constants[layer.constants_[j]];
+            head.offlineOffset[j] = static_cast<int32_t>(constant.offset);
+            std::copy(constant.shape.begin(), constant.shape.end(), head.offlineShape[j].dims);
+            head.offlineShape[j].dimNum = static_cast<uint32_t>(constant.shape.size());
+        }
+        head.offlineInputNum = static_cast<uint32_t>(layer.constants_.size());
+        std::copy(layer.flags_.begin(), layer.flags_.end(), head.inputFlags);
+        for (const auto& [k, value] : layer.flagOverrides_) {
+            head.inputFlags[k] = value;
+        }
+        return head;
+    }
+
+    // Returns the record's offset from the table.
+    uint32_t WriteLayer(const LayerBuilder& layer)
+    {
+        if (layer.flags_.size() > OPKIT_MAX_LAYER_INPUTS || layer.outputs_.size() > OPKIT_MAX_LAYER_OUTPUTS) {
+            throw BuildError("layer " + layer.name_ + " has more than 80 inputs or 30 outputs");
+        }
+        const uint32_t recordOffset = Reserve(sizeof(LayerRecord), 8);
+        LayerRecord record = {};
+        record.layerId = layer.id_;
+        record.nameSize = static_cast<uint32_t>(layer.name_.size() + 1);
+        const uint32_t name = Reserve(record.nameSize, 8);
+        std::memcpy(&bytes_[name], layer.name_.c_str(), record.nameSize);
+        record.nameOffset = name - base_;
+        record.bufOffset = layer.workspace_ == 0 ? 0 : WorkspaceBegin();
+        record.bufSize = layer.workspace_;
+        record.inputNum = static_cast<uint32_t>(layer.inputs_.size());
+        record.inputTableOffset = WriteTensors(layer.inputs_);
+        record.outputNum = static_cast<uint32_t>(layer.outputs_.size());
+        record.outputTableOffset = WriteTensors(layer.outputs_);
+        const uint64_t own = sizeof(LayerAttrHead) + layer.attr_.size();
+        record.attrSize = static_cast<uint32_t>(RoundUp(std::max<uint64_t>(own, kAttrBlockBytes), 8));
+        const uint32_t attr = Reserve(record.attrSize, 8);
+        Put(attr, HeadOf(layer));
+        if (!layer.attr_.empty()) {
+            std::memcpy(&bytes_[attr + sizeof(LayerAttrHead)], layer.attr_.data(), layer.attr_.size());
+        }
+        record.attrOffset = attr - base_;
+        Put(recordOffset, record);
+        return recordOffset - base_;
+    }
+
+    const ModelBuilder& builder_;
+    std::vector<std::byte> bytes_;
+    Model model_;
+    uint32_t base_ = 0;
+};
+
+Model ModelBuilder::Build() const
+{
+    Writer writer(*this);
+    writer.WriteConstants();
+    for (const Table& table : tables_) {
+        writer.WriteTable(table);
+    }
+    return writer.Finish();
+}
+
+}  // namespace opkit::modelkit

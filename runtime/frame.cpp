@@ -1,0 +1,112 @@
+// Resolving inputs, and the in-place row handling around an operator's own work.
+
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+bool ParseInputInfo(float** data, uint32_t** shape, int32_t* dimNum, uint32_t* stride, uint32_t* count, uint32_t index,
+                    uint32_t* onlineIndex, uint32_t* offlineIndex, LayerParam* param)
+{
+    LayerAttrHead& head = AttrOf<LayerAttrHead>(param);
+    if (head.inputFlags[index] == '1') {
+        OfflineShape& record = head.offlineShape[*offlineIndex];
+        *data = reinterpret_cast<float*>(Address(param->model, head.offlineOffset[*offlineIndex]));
+        *dimNum = static_cast<int32_t>(record.dimNum);
+        *shape = record.dims;
+        if (*dimNum < 1) {
+            return false;
+        }
+        *stride = record.dims[*dimNum - 1] * sizeof(float);
+        ++*offlineIndex;
+    } else {
+        if (*onlineIndex >= param->inputNum) {
+            return false;
+        }
+        const TensorInfo& tensor = param->inputs[*onlineIndex];
+        *data = static_cast<float*>(tensor.data);
+        *dimNum = static_cast<int32_t>(tensor.dimNum);
+        *shape = tensor.shape;
+        *stride = tensor.stride;
+        ++*onlineIndex;
+    }
+    for (int32_t i = 0; i < *dimNum; ++i) {
+        *count *= (*shape)[i];
+    }
+    return true;
+}
+
+namespace opkit {
+
+bool NextInput(InputCursor* cursor, Input* input)
+{
+    *input = Input();
+    const bool resolved = ParseInputInfo(&input->data, &input->shape, &input->dimNum, &input->stride, &input->count,
+                                         cursor->logical, &cursor->online, &cursor->offline, cursor->param);
+    ++cursor->logical;
+    input->alignNum = input->stride >> 2;
+    input->width = LastDimension(input->shape, input->dimNum);
+    return resolved;
+}
+
+bool NextInputOrReport(InputCursor* cursor, Input* input, Caller caller)
+{
+    const bool resolved = NextInput(cursor, input);
+    if (!resolved) {
+        Report(caller, "ParseInputInfo failed.\n\n");
+    }
+    return resolved;
+}
+
+bool ResolveOnlyInput(LayerParam* param, Input* input)
+{
+    InputCursor cursor = {param};
+    return NextInput(&cursor, input);
+}
+
+Output OutputOf(const LayerParam* param, uint32_t index)
+{
+    const TensorInfo& tensor = param->outputs[index];
+    Output output;
+    output.data = static_cast<float*>(tensor.data);
+    output.shape = tensor.shape;
+    output.dimNum = static_cast<int32_t>(tensor.dimNum);
+    output.stride = tensor.stride;
+    output.alignNum = tensor.stride >> 2;
+    output.width = LastDimension(tensor.shape, output.dimNum);
+    output.count = ElementCount(tensor.shape, tensor.dimNum);
+    output.size = tensor.size;
+    return output;
+}
+
+bool CompactInput(const Input& input, Caller caller)
+{
+    if (input.width == input.alignNum) {
+        return true;
+    }
+    const bool compacted = DelAlignSpace(input.data, static_cast<int32_t>(input.count), input.width, input.alignNum);
+    if (!compacted) {
+        Report(caller, "DelAlignSpace failed.\n\n");
+    }
+    return compacted;
+}
+
+uint32_t ExpandOutput(const Output& output, Caller caller)
+{
+    const uint32_t lastIndex = LastIndex(output.count, output.width, output.alignNum);
+    if (!InsertAlignSpace(output.data, output.count, static_cast<int32_t>(output.width), output.alignNum, lastIndex)) {
+        Report(caller, "InsertAlignSpace failed.\n\n");
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+uint32_t ExpandOutputChecked(const Output& output, Caller caller)
+{
+    if (output.width == 0) {
+        Report(caller, "widthOut can't be zero.\n\n");
+        return kFailure;
+    }
+    return ExpandOutput(output, caller);
+}
+
+}  // namespace opkit

@@ -1,0 +1,69 @@
+// Rows of the operator table whose operator is not built yet: each fails its layer plainly. An operator's file takes
+// its line out of this list; a test names what is left.
+
+#include "common/report.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+#define OPKIT_NOT_BUILT(name)                            \
+    uint32_t name(LayerParam* /*param*/)                 \
+    {                                                    \
+        opkit::Report(opkit::Here(), "not built yet\n\n"); \
+        return opkit::kFailure;                          \
+    }
+
+OPKIT_NOT_BUILT(ArgminOpkitForward)
+OPKIT_NOT_BUILT(BinaryMathOpkitForward)
+OPKIT_NOT_BUILT(BitShiftOpkitForward)
+OPKIT_NOT_BUILT(CeluOpkitForward)
+OPKIT_NOT_BUILT(CmpOpkitForward)
+OPKIT_NOT_BUILT(ConcatOpkitForward)
+OPKIT_NOT_BUILT(CondEndOpkitForward)
+OPKIT_NOT_BUILT(ConvolutionOpkitForward)
+OPKIT_NOT_BUILT(CumSumOpkitForward)
+OPKIT_NOT_BUILT(CustomOpkitForward)
+OPKIT_NOT_BUILT(DecBboxOpkitForward)
+OPKIT_NOT_BUILT(DepthToSpaceOpkitForward)
+OPKIT_NOT_BUILT(DetOpkitForward)
+OPKIT_NOT_BUILT(DetectionOutputOpkitForward)
+OPKIT_NOT_BUILT(ElseBeginOpkitForward)
+OPKIT_NOT_BUILT(ExpandOpkitForward)
+OPKIT_NOT_BUILT(EyelikeOpkitForward)
+OPKIT_NOT_BUILT(GatherElementsOpkitForward)
+OPKIT_NOT_BUILT(GatherNDOpkitForward)
+OPKIT_NOT_BUILT(GatherOpkitForward)
+OPKIT_NOT_BUILT(GemmOpkitForward)
+OPKIT_NOT_BUILT(HardSigmoidOpkitForward)
+OPKIT_NOT_BUILT(HardmaxOpkitForward)
+OPKIT_NOT_BUILT(IfOpkitForward)
+OPKIT_NOT_BUILT(InstanceNormalizationOpkitForward)
+OPKIT_NOT_BUILT(LogicalOpkitForward)
+OPKIT_NOT_BUILT(LoopOpkitForward)
+OPKIT_NOT_BUILT(LpNormOpkitForward)
+OPKIT_NOT_BUILT(MatMulOpkitForward)
+OPKIT_NOT_BUILT(MaxUnpoolOpkitForward)
+OPKIT_NOT_BUILT(ModOpkitForward)
+OPKIT_NOT_BUILT(NonMaxSuppressionOpkitForward)
+OPKIT_NOT_BUILT(NonZeroOpkitForward)
+OPKIT_NOT_BUILT(OneHotOpkitForward)
+OPKIT_NOT_BUILT(PadOpkitForward)
+OPKIT_NOT_BUILT(PermuteOpkitForward)
+OPKIT_NOT_BUILT(PoolingAveOpkitForward)
+OPKIT_NOT_BUILT(PoolingLpOpkitForward)
+OPKIT_NOT_BUILT(PoolingMaxOpkitForward)
+OPKIT_NOT_BUILT(QLinearMatMulOpkitForward)
+OPKIT_NOT_BUILT(ReductionOpkitForward)
+OPKIT_NOT_BUILT(ReshapeOpkitForward)
+OPKIT_NOT_BUILT(ResizeOpkitForward)
+OPKIT_NOT_BUILT(RoundOpkitForward)
+OPKIT_NOT_BUILT(ScatterNDOpkitForward)
+OPKIT_NOT_BUILT(ScatterOpkitForward)
+OPKIT_NOT_BUILT(SeluOpkitForward)
+OPKIT_NOT_BUILT(ShrinkOpkitForward)
+OPKIT_NOT_BUILT(SinhOpkitForward)
+OPKIT_NOT_BUILT(SqrtOpkitForward)
+OPKIT_NOT_BUILT(ThenEndOpkitForward)
+OPKIT_NOT_BUILT(ThresholdedReluOpkitForward)
+OPKIT_NOT_BUILT(TopKOpkitForward)
+OPKIT_NOT_BUILT(UniqueOpkitForward)
+OPKIT_NOT_BUILT(WhereOpkitForward)
