@@ -29,6 +29,17 @@ static inline int64_t TruncateToI64(double value)
     return _mm_cvttsd_si64(_mm_set_sd(value));
 }
 
+// roundf, then the i32 truncation. Up to 2^23 the distance from the whole part is exact; beyond, all floats are whole.
+inline int32_t RoundToI32(float value)
+{
+    const int32_t whole = TruncateToI32(value);
+    if (!(__builtin_fabsf(value) < 8388608.0f)) {
+        return whole;
+    }
+    const float rest = value - static_cast<float>(whole);
+    return whole + (rest >= 0.5f) - (rest <= -0.5f);
+}
+
 // The low half of the 64-bit truncation, so that -1.0 gives 0xFFFFFFFF and 2^32 gives 0.
 static inline uint32_t TruncateToU32(float value)
 {

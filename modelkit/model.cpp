@@ -80,7 +80,8 @@ std::string ShapeText(const Shape& shape)
 void PadRows(std::span<const float> compact, const Shape& shape, uint32_t strideBytes, std::span<float> padded)
 {
     if (compact.size() != ElementCount(shape) || padded.size() < PaddedFloats(shape, strideBytes)) {
-        throw BuildError("shape " + ShapeText(shape) + " does not take " + std::to_string(compact.size()) + " elements");
+        throw BuildError("shape " + ShapeText(shape) + " does not take " + std::to_string(compact.size()) +
+                         " elements");
     }
     const size_t width = RowWidth(shape);
     for (size_t from = 0, to = 0; from < compact.size(); from += width) {

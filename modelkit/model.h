@@ -33,12 +33,12 @@ struct BuildError : std::runtime_error {
 // Floats from one row's start to the next: width rounded up to a multiple of alignNum.
 uint32_t RowPitch(uint32_t width, uint32_t alignNum);
 
-uint64_t ElementCount(const Shape& shape);             // 1 for rank 0
-uint32_t RowWidth(const Shape& shape);                 // last dimension; 1 for rank 0
+uint64_t ElementCount(const Shape& shape);                    // 1 for rank 0
+uint32_t RowWidth(const Shape& shape);                        // last dimension; 1 for rank 0
 uint32_t StrideOf(const Shape& shape, uint32_t strideBytes);  // strideBytes, or the compact one where it is 0
 uint32_t PaddedFloats(const Shape& shape, uint32_t strideBytes);
 uint32_t PaddedBytes(const Shape& shape, uint32_t strideBytes);
-std::string ShapeText(const Shape& shape);             // "[2, 3, 4]"
+std::string ShapeText(const Shape& shape);  // "[2, 3, 4]"
 
 // Spreads compact elements over padded rows of `padded`, leaving its gaps; and the reverse.
 void PadRows(std::span<const float> compact, const Shape& shape, uint32_t strideBytes, std::span<float> padded);
@@ -65,15 +65,15 @@ struct ModelConstant {
 
 struct Model {
     Buffer bytes;
-    std::vector<TensorSpec> inputs;   // request tensors of one batch item, strides resolved
+    std::vector<TensorSpec> inputs;  // request tensors of one batch item, strides resolved
     std::vector<TensorSpec> outputs;
-    uint32_t scratchSize = 0;         // bytes of opkitBuf for up to maxBatch items
+    uint32_t scratchSize = 0;  // bytes of opkitBuf for up to maxBatch items
     uint32_t maxBatch = 1;
     std::vector<ModelTable> tables;
     std::vector<ModelConstant> constants;
 
-    const ModelTable& Table(uint32_t segmentId) const;       // throws BuildError when there is none
-    size_t InputIndex(std::string_view name) const;          // throws BuildError when there is none
+    const ModelTable& Table(uint32_t segmentId) const;  // throws BuildError when there is none
+    size_t InputIndex(std::string_view name) const;     // throws BuildError when there is none
     size_t OutputIndex(std::string_view name) const;
 };
 

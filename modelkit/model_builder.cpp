@@ -129,7 +129,8 @@ TensorRef ModelBuilder::AddInput(TensorSpec spec)
 {
     spec = Resolved(std::move(spec));
     const uint32_t index = static_cast<uint32_t>(inputs_.size());
-    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index, spec.shape, false};
+    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index,
+                           spec.shape,        false};
     inputs_.push_back(std::move(spec));
     return ref;
 }
@@ -138,7 +139,8 @@ TensorRef ModelBuilder::AddOutput(TensorSpec spec)
 {
     spec = Resolved(std::move(spec));
     const uint32_t index = static_cast<uint32_t>(outputs_.size());
-    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index, spec.shape, true};
+    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index,
+                           spec.shape,        true};
     outputs_.push_back(std::move(spec));
     return ref;
 }
@@ -201,7 +203,8 @@ public:
     void WriteTable(const Table& table)
     {
         if (table.layers.size() > OPKIT_MAX_LAYERS) {
-            throw BuildError("table " + table.name + " has " + std::to_string(table.layers.size()) + " layers, at most 128");
+            throw BuildError("table " + table.name + " has " + std::to_string(table.layers.size()) +
+                             " layers, at most 128");
         }
         const uint32_t count = static_cast<uint32_t>(table.layers.size());
         base_ = Reserve(4 + size_t{count} * 4, 8);
@@ -227,10 +230,7 @@ public:
     }
 
 private:
-    uint32_t WorkspaceBegin() const
-    {
-        return static_cast<uint32_t>(RoundUp(builder_.scratchEnd_, kScratchAlignment));
-    }
+    uint32_t WorkspaceBegin() const { return static_cast<uint32_t>(RoundUp(builder_.scratchEnd_, kScratchAlignment)); }
 
     uint32_t ScratchSize() const
     {
@@ -277,8 +277,9 @@ private:
         const uint32_t table = Reserve(tensors.size() * sizeof(TensorRecord), 8);
         for (size_t i = 0; i < tensors.size(); ++i) {
             const TensorRef& tensor = tensors[i];
-            const TensorRecord record = {tensor.memKind,     tensor.memIndex,         tensor.size,
-                                         tensor.strideIndex, WriteShape(tensor.shape), static_cast<uint32_t>(tensor.shape.size() * 4)};
+            const TensorRecord record = {
+                tensor.memKind,     tensor.memIndex,          tensor.size,
+                tensor.strideIndex, WriteShape(tensor.shape), static_cast<uint32_t>(tensor.shape.size() * 4)};
             Put(table + i * sizeof(TensorRecord), record);
         }
         return table - base_;

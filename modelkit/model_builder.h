@@ -32,9 +32,9 @@ inline constexpr uint32_t kAttrBlockBytes = 8832;
 // same memory under another shape, stride or kind gets an altered copy.
 struct TensorRef {
     uint32_t memKind = OPKIT_MEM_REQUEST;
-    uint32_t memIndex = 0;       // request tensor, or byte offset into opkitBuf
-    uint32_t size = 0;           // bytes of one batch item
-    uint32_t strideIndex = 0;    // request tensor whose stride counts, or the stride in bytes
+    uint32_t memIndex = 0;     // request tensor, or byte offset into opkitBuf
+    uint32_t size = 0;         // bytes of one batch item
+    uint32_t strideIndex = 0;  // request tensor whose stride counts, or the stride in bytes
     Shape shape;
     bool requestOutput = false;  // a request tensor of the output side
 
@@ -63,8 +63,8 @@ public:
     LayerBuilder& Attr(const T& record)
     {
         static_assert(std::is_trivially_copyable_v<T> && sizeof(T) >= sizeof(LayerAttrHead));
-        return AttrBytes({reinterpret_cast<const std::byte*>(&record) + sizeof(LayerAttrHead),
-                          sizeof(T) - sizeof(LayerAttrHead)});
+        return AttrBytes(
+            {reinterpret_cast<const std::byte*>(&record) + sizeof(LayerAttrHead), sizeof(T) - sizeof(LayerAttrHead)});
     }
     // The bytes behind the head.
     LayerBuilder& AttrBytes(std::span<const std::byte> bytes);

@@ -164,9 +164,8 @@ json TensorsToJson(const std::vector<TensorSpec>& specs)
 {
     json list = json::array();
     for (const TensorSpec& spec : specs) {
-        list.push_back({{"name", spec.name},
-                        {"shape", spec.shape},
-                        {"strideBytes", StrideOf(spec.shape, spec.strideBytes)}});
+        list.push_back(
+            {{"name", spec.name}, {"shape", spec.shape}, {"strideBytes", StrideOf(spec.shape, spec.strideBytes)}});
     }
     return list;
 }
@@ -223,7 +222,7 @@ void ReadTables(const Manifest& manifest, const fs::path& bufferFile, Model* mod
         try {
             ReadLayerTable(*model, model->tables.size() - 1);
         } catch (const ModelError& error) {
-            Fail(bufferFile, path + " " + error.what());
+            Fail(bufferFile, "where field " + path + "layerTableOffset leads: " + error.what());
         }
     }
     if (model->tables.empty()) {
@@ -241,7 +240,8 @@ void ReadTables(const Manifest& manifest, const fs::path& bufferFile, Model* mod
         }
         if (constant.offset % 4 != 0 || constant.offset + bytes > model->bytes.size()) {
             Fail(manifest.File(), "field " + path + "offset: bytes " + std::to_string(constant.offset) + " to " +
-                                      std::to_string(constant.offset + bytes) + " lie outside the buffer or off its words");
+                                      std::to_string(constant.offset + bytes) +
+                                      " lie outside the buffer or off its words");
         }
         model->constants.push_back(std::move(constant));
     }
@@ -283,7 +283,8 @@ Model LoadModel(const fs::path& path)
     if (manifest.Text(manifest.Root(), "", "format") != kFormatName) {
         Fail(paths.manifest, "field format is not \"" + std::string(kFormatName) + "\"");
     }
-    if (const uint32_t version = manifest.Number(manifest.Root(), "", "formatVersion"); version != kModelFormatVersion) {
+    if (const uint32_t version = manifest.Number(manifest.Root(), "", "formatVersion");
+        version != kModelFormatVersion) {
         Fail(paths.manifest, "field formatVersion is " + std::to_string(version) + ", this program reads " +
                                  std::to_string(kModelFormatVersion));
     }

@@ -1,4 +1,5 @@
-// A model on disk: NAME.json, the manifest, and NAME.bin, the model buffer as it is. docs/model-format.md describes both.
+// A model on disk: NAME.json, the manifest, and NAME.bin, the model buffer as it is. docs/model-format.md describes
+// both.
 #ifndef OPKIT_MODELKIT_MODEL_FILE_H
 #define OPKIT_MODELKIT_MODEL_FILE_H
 

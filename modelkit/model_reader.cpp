@@ -69,9 +69,8 @@ std::vector<ReadTensor> ReadTensors(Cursor& cursor, const char* side, uint32_t t
         ReadTensor& tensor = tensors[i];
         tensor.recordOffset = table + i * static_cast<uint32_t>(sizeof(TensorRecord));
         tensor.record = cursor.Get<TensorRecord>(tensor.recordOffset);
-        tensor.shapeOffset =
-            cursor.Located("shapeOffset", tensor.recordOffset + offsetof(TensorRecord, shapeOffset),
-                           tensor.record.shapeOffset, tensor.record.shapeSize);
+        tensor.shapeOffset = cursor.Located("shapeOffset", tensor.recordOffset + offsetof(TensorRecord, shapeOffset),
+                                            tensor.record.shapeOffset, tensor.record.shapeSize);
         tensor.shape = ReadShape(cursor, tensor.shapeOffset, tensor.record.shapeSize / 4);
     }
     cursor.prefix.clear();
@@ -128,8 +127,8 @@ ReadLayer ReadOneLayer(Cursor& cursor, uint32_t entryOffset)
         cursor.Located("layerOffset", entryOffset, cursor.Get<uint32_t>(entryOffset), sizeof(LayerRecord));
     const LayerRecord record = layer.record = cursor.Get<LayerRecord>(layer.recordOffset);
     const uint64_t at = layer.recordOffset;
-    layer.nameOffset = cursor.Located("nameOffset", at + offsetof(LayerRecord, nameOffset), record.nameOffset,
-                                      record.nameSize);
+    layer.nameOffset =
+        cursor.Located("nameOffset", at + offsetof(LayerRecord, nameOffset), record.nameOffset, record.nameSize);
     const auto name = cursor.Model().subspan(layer.nameOffset, record.nameSize);
     const auto end = std::find(name.begin(), name.end(), std::byte{0});
     if (end == name.end()) {
@@ -159,8 +158,12 @@ ReadLayer ReadOneLayer(Cursor& cursor, uint32_t entryOffset)
 
 ModelError::ModelError(int errorLayer, std::string errorField, uint64_t errorOffset, uint64_t errorValue,
                        uint64_t errorLimit)
-    : std::runtime_error(ErrorText(errorLayer, errorField, errorOffset, errorValue, errorLimit)), layer(errorLayer),
-      field(std::move(errorField)), byteOffset(errorOffset), value(errorValue), limit(errorLimit)
+    : std::runtime_error(ErrorText(errorLayer, errorField, errorOffset, errorValue, errorLimit)),
+      layer(errorLayer),
+      field(std::move(errorField)),
+      byteOffset(errorOffset),
+      value(errorValue),
+      limit(errorLimit)
 {
 }
 

@@ -17,11 +17,11 @@ namespace opkit::modelkit {
 struct ModelError : std::runtime_error {
     ModelError(int layer, std::string field, uint64_t byteOffset, uint64_t value, uint64_t limit);
 
-    int layer;             // position in the table; -1: the table itself
-    std::string field;     // such as "nameOffset" or "inputs[2].shapeOffset"
-    uint64_t byteOffset;   // where the field lies
+    int layer;            // position in the table; -1: the table itself
+    std::string field;    // such as "nameOffset" or "inputs[2].shapeOffset"
+    uint64_t byteOffset;  // where the field lies
     uint64_t value;
-    uint64_t limit;        // largest (in "layerCount must ...") value that would do
+    uint64_t limit;  // largest (in "layerCount must ...") value that would do
 };
 
 struct ReadTensor {

@@ -13,8 +13,12 @@ thread_local Request* running = nullptr;
 }  // namespace
 
 Request::Request(const Model& model, uint32_t batch)
-    : batch_(batch), inputSpecs_(model.inputs), outputSpecs_(model.outputs), tables_(model.tables),
-      modelBytes_(model.bytes), scratch_(model.scratchSize)
+    : batch_(batch),
+      inputSpecs_(model.inputs),
+      outputSpecs_(model.outputs),
+      tables_(model.tables),
+      modelBytes_(model.bytes),
+      scratch_(model.scratchSize)
 {
     if (batch == 0 || batch > OPKIT_MAX_BATCH) {
         throw BuildError("a request has 1 to 256 batch items, not " + std::to_string(batch));
@@ -55,7 +59,8 @@ void Request::BindTensors(const std::vector<TensorSpec>& specs, std::vector<Buff
     for (const TensorSpec& spec : specs) {
         const uint64_t size = uint64_t{PaddedBytes(spec.shape, spec.strideBytes)} * batch_;
         if (size > UINT32_MAX) {
-            throw BuildError("tensor \"" + spec.name + "\" takes more than 4 GiB for " + std::to_string(batch_) + " items");
+            throw BuildError("tensor \"" + spec.name + "\" takes more than 4 GiB for " + std::to_string(batch_) +
+                             " items");
         }
         buffers->emplace_back(size);
         TensorInfo info = {};

@@ -28,6 +28,9 @@ struct Tensor {
     uint32_t size = 0;      // bytes; outputs only
 
     uint32_t Pitch() const { return RowPitch(width, alignNum); }
+
+    // Floats up to the end of the last row, its gap included: what the tensor occupies.
+    size_t Extent() const { return size_t{ElementCount(shape, static_cast<uint32_t>(dimNum - 1))} * Pitch(); }
 };
 using Input = Tensor;
 using Output = Tensor;

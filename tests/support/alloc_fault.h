@@ -31,10 +31,10 @@ public:
     AllocFault& operator=(const AllocFault&) = delete;
 
     void Disarm();
-    uint64_t Seen() const;      // allocations asked for, the failed one included
-    int64_t Live() const;       // of those, still allocated
-    uint64_t LiveBytes() const; // as asked for
-    void FreeLive();            // frees them, for tests that assert a required leak
+    uint64_t Seen() const;       // allocations asked for, the failed one included
+    int64_t Live() const;        // of those, still allocated
+    uint64_t LiveBytes() const;  // as asked for
+    void FreeLive();             // frees them, for tests that assert a required leak
 };
 
 }  // namespace opkit::test

@@ -295,8 +295,8 @@ World::World(const LayerCase& layer)
         Placement at = {kScratchRegion, ref.memIndex, 0, tensor.shape, ref.strideIndex};
         if (ref.memKind <= OPKIT_MEM_REQUEST_1) {
             const TensorInfo& info = ref.requestOutput ? param_.outputs[ref.memIndex] : param_.inputs[ref.memIndex];
-            at = {kFirstTensorRegion + ref.memIndex + (ref.requestOutput ? requestInputs : 0), 0, ref.size, tensor.shape,
-                  info.stride};
+            at = {kFirstTensorRegion + ref.memIndex + (ref.requestOutput ? requestInputs : 0), 0, ref.size,
+                  tensor.shape, info.stride};
             if (ref.requestOutput && aliases[ref.memIndex] >= 0) {
                 at.region = kFirstTensorRegion + static_cast<size_t>(aliases[ref.memIndex]);
             }
@@ -348,7 +348,8 @@ void World::Bind(const Model& model, uint32_t batch, const std::vector<int>& out
         const TensorSpec& spec = isOutput ? model_->outputs[i - model.inputs.size()] : model_->inputs[i];
         const int alias = isOutput ? outputAliases[i - model.inputs.size()] : -1;
         const uint32_t itemBytes = PaddedBytes(spec.shape, spec.strideBytes);
-        AddRegion((isOutput ? "output \"" : "input \"") + spec.name + "\"", alias < 0 ? size_t{itemBytes} * batch : 0, seed);
+        AddRegion((isOutput ? "output \"" : "input \"") + spec.name + "\"", alias < 0 ? size_t{itemBytes} * batch : 0,
+                  seed);
         Region& region = regions_.back();
         region.shape = spec.shape;
         region.strideBytes = spec.strideBytes;
@@ -373,11 +374,16 @@ void World::Bind(const Model& model, uint32_t batch, const std::vector<int>& out
     param_.attrSize = sizeof(ModelOffsets);
     param_.model = regions_[kModelRegion].block.data();
     param_.modelSize = static_cast<uint32_t>(model.bytes.size());
-    uint32_t layerCount = 0;
-    std::memcpy(&layerCount, ModelBytes().data() + offsets_->layerTableOffset, sizeof(layerCount));
-    if (layerCount == 1) {
-        workspaceBegin_ = Layer().bufOffset;
-        workspaceEnd_ = workspaceBegin_ + Layer().bufSize;
+    for (size_t t = 0; t < model.tables.size(); ++t) {
+        uint32_t layerCount = 0;
+        std::memcpy(&layerCount, ModelBytes().data() + model.tables[t].layerTableOffset, sizeof(layerCount));
+        for (uint32_t i = 0; i < layerCount; ++i) {
+            const LayerRecord& layer = Layer(i, t);
+            if (layer.bufSize != 0) {  // all work spaces begin at one place
+                workspaceBegin_ = layer.bufOffset;
+                workspaceEnd_ = std::max(workspaceEnd_, layer.bufOffset + layer.bufSize);
+            }
+        }
     }
 }
 
@@ -460,7 +466,8 @@ void World::Store(const Placement& place, const CaseTensor& tensor, uint32_t bat
     const size_t padded = modelkit::PaddedFloats(place.shape, place.strideBytes);
     const auto itemsOf = [batch](size_t given, size_t perItem) {
         if (given != perItem && given != perItem * batch) {
-            throw std::invalid_argument("data is for one batch item or for all: " + std::to_string(perItem) + " values each");
+            throw std::invalid_argument("data is for one batch item or for all: " + std::to_string(perItem) +
+                                        " values each");
         }
         return given == perItem ? size_t{0} : perItem;
     };
@@ -542,7 +549,8 @@ std::byte* World::AttrAddress(size_t layerIndex, size_t tableIndex)
 std::string World::Difference(const World& actual, const World& expected, NanPolicy policy)
 {
     if (actual.param_.segId != expected.param_.segId) {
-        return "segId is " + std::to_string(actual.param_.segId) + ", expected " + std::to_string(expected.param_.segId);
+        return "segId is " + std::to_string(actual.param_.segId) + ", expected " +
+               std::to_string(expected.param_.segId);
     }
     const modelkit::Model& model = *actual.model_;
     const uint32_t tables = model.tables[0].layerTableOffset;  // constants lie before it
@@ -554,7 +562,7 @@ std::string World::Difference(const World& actual, const World& expected, NanPol
             const size_t byte = i * 4;
             const bool isWord = r == kModelRegion && byte >= tables;  // tables and attributes are no floats
             if (SameWord(a[i], b[i], isWord ? NanPolicy::kExactBits : policy) ||
-                (r == kScratchRegion && byte >= actual.workspaceBegin_ && byte + 4 <= actual.workspaceEnd_)) {
+                (r == kScratchRegion && byte >= actual.workspaceBegin_ && byte < actual.workspaceEnd_)) {
                 continue;
             }
             std::string where = region.name + ", byte " + std::to_string(byte);

@@ -34,11 +34,11 @@ class World;
 // One tensor of a LayerCase. The short forms of Online, Offline and Output fill the first three fields.
 struct CaseTensor {
     opkit::modelkit::Shape shape;
-    std::vector<float> data;     // compact: of one batch item (then every item has it) or of all; empty: fill pattern
-    uint32_t strideBytes = 0;    // 0: compact
-    std::vector<uint32_t> raw;   // instead of data: the words of one item's (or all items') padded rows
+    std::vector<float> data;    // compact: of one batch item (then every item has it) or of all; empty: fill pattern
+    uint32_t strideBytes = 0;   // 0: compact
+    std::vector<uint32_t> raw;  // instead of data: the words of one item's (or all items') padded rows
     uint32_t memKind = OPKIT_MEM_REQUEST;  // 2, 3: in scratch
-    int sameAsInput = -1;        // an output that is the memory of this online input (in place)
+    int sameAsInput = -1;                  // an output that is the memory of this online input (in place)
 };
 
 class LayerCase {
@@ -54,10 +54,10 @@ public:
     LayerCase& Output(CaseTensor tensor);
     // An output with the memory of online input `onlineIndex` (0: the first online input), same stride.
     LayerCase& OutputInPlace(int onlineIndex, Shape shape);
-    LayerCase& Flag(uint32_t k, char value);       // flag char of logical input k
+    LayerCase& Flag(uint32_t k, char value);  // flag char of logical input k
     LayerCase& Workspace(uint32_t bytes);
     LayerCase& Batch(uint32_t items);
-    LayerCase& SegId(uint32_t segId);              // the request's, before the run
+    LayerCase& SegId(uint32_t segId);  // the request's, before the run
     // Changes the memory after it is laid out: model bytes, tensors, null pointers.
     LayerCase& Tamper(std::function<void(World&)> change);
 
@@ -138,22 +138,22 @@ public:
     std::span<std::byte> ModelBytes();
 
     // Empty when all memory is the same, words compared bit by bit under the policy; otherwise a text that names the
-    // first difference. The work space of layer 0 does not count.
+    // first difference. Work spaces do not count.
     static std::string Difference(const World& actual, const World& expected, NanPolicy policy);
 
 private:
     struct Region {
         std::string name;
-        modelkit::Buffer block;      // the region and its guard
+        modelkit::Buffer block;  // the region and its guard
         size_t size = 0;
-        Shape shape;                 // of one item, empty for model and scratch
+        Shape shape;  // of one item, empty for model and scratch
         uint32_t strideBytes = 0;
         uint32_t itemBytes = 0;
     };
-    struct Placement {               // where a layer-0 tensor lies
+    struct Placement {  // where a layer-0 tensor lies
         size_t region;
         size_t offset;
-        size_t itemBytes;            // distance of two items; 0: shared
+        size_t itemBytes;  // distance of two items; 0: shared
         Shape shape;
         uint32_t strideBytes;
     };
@@ -167,7 +167,7 @@ private:
     void* Rebase(const World& from, void* pointer) const;
 
     std::shared_ptr<const modelkit::Model> model_;
-    mutable std::vector<Region> regions_;   // 0 model, 1 scratch, then the request's tensors
+    mutable std::vector<Region> regions_;  // 0 model, 1 scratch, then the request's tensors
     std::vector<Placement> layerInputs_;
     std::vector<Placement> layerOutputs_;
     std::vector<size_t> offlineConstants_;

@@ -34,7 +34,9 @@ bool ExpectSame(const World& actualWorld, const Observed& actual, const World& e
     EXPECT_EQ(actual.run.messages, expected.run.messages);
     EXPECT_EQ(actual.state, expected.state);
     const std::string difference = World::Difference(actualWorld, expectedWorld, policy);
-    EXPECT_EQ(difference, "");
+    if (!difference.empty()) {
+        ADD_FAILURE() << difference;
+    }
     return actual.run.result == expected.run.result && actual.run.messages == expected.run.messages &&
            actual.state == expected.state && difference.empty();
 }

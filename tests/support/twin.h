@@ -4,6 +4,7 @@
 // A twin is the literal, slow form of the operator, in tests/reference/, with the same LayerParam* signature and no
 // helper of the library. A complete test of a two-operand operator:
 //
+//     #include "opkit/opkit.h"
 //     #include "tests/reference/binary_math.h"   // uint32_t RefBinaryMath(LayerParam*);
 //     #include "tests/support/twin.h"
 //
@@ -22,7 +23,7 @@
 //                 layer.Online(other, random.Floats(ElementCount(other), Values::kMixed), random.Stride(other.back()));
 //             }
 //             layer.Output(shape, random.Stride(shape.back())).Batch(random.Int(1, 3));
-//             layer.Attr<BinaryMathAttr>().kind = random.Int(0, 10);
+//             layer.Attr<BinaryMathAttr>().mathType = random.Int(0, 10);
 //             ExpectSameAsReference(layer, BinaryMathOpkitForward, RefBinaryMath, {.nan = NanPolicy::kAnyNan});
 //         });
 //     }

@@ -1,0 +1,36 @@
+// What the operators at a branch's border do: logical input first + i goes to output i.
+#ifndef OPKIT_OPS_CONTROL_PASS_TENSORS_H
+#define OPKIT_OPS_CONTROL_PASS_TENSORS_H
+
+#include "opkit/helpers.h"
+#include "runtime/frame.h"
+
+namespace opkit {
+
+// Copies one tensor with row conversion; false, silently, when the input does not resolve.
+inline bool PassTensor(LayerParam* param, uint32_t input, uint32_t output)
+{
+    TensorDesc desc = {};
+    float* data = nullptr;
+    uint32_t* shape = nullptr;
+    if (!ParseInputInfo2(&desc, &data, &shape, input, param)) {
+        return false;
+    }
+    ParseInputToOutput(&param->outputs, output, shape, &desc, data);
+    return true;
+}
+
+// Copies `count` tensors in turn and stops at the first input that does not resolve.
+inline bool PassTensors(LayerParam* param, uint32_t firstInput, int64_t count)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        if (!PassTensor(param, firstInput + i, i)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace opkit
+
+#endif  // OPKIT_OPS_CONTROL_PASS_TENSORS_H

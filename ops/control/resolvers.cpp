@@ -1,0 +1,123 @@
+// Resolvers that keep no running indices, and the tensor copy between row layouts that control-flow operators share.
+
+#include <cstring>
+
+#include "opkit/helpers.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+namespace {
+
+int32_t Count(const uint32_t* shape, int32_t dimNum)
+{
+    return static_cast<int32_t>(dimNum > 0 ? ElementCount(shape, static_cast<uint32_t>(dimNum)) : 1);
+}
+
+// How many of the first `end` logical inputs are constants of the model.
+uint32_t OfflineBefore(const LayerAttrHead& head, uint32_t end)
+{
+    uint32_t count = 0;
+    for (uint32_t k = 0; k < end; ++k) {
+        count += head.inputFlags[k] == '1' ? 1 : 0;
+    }
+    return count;
+}
+
+struct Rows {
+    float* data;
+    const uint32_t* shape;
+    int32_t dimNum;
+    uint32_t stride;
+};
+
+// Compact element i goes to compact element i, for `count` elements: a smaller output takes a prefix of the input.
+void CopyRows(const Rows& in, const Rows& out, int32_t count)
+{
+    if (count <= 0) {
+        return;
+    }
+    if (count == 1) {  // stands at offset 0 of every layout, also of a scalar, which has no rows
+        std::memmove(out.data, in.data, sizeof(float));
+        return;
+    }
+    const uint32_t width = LastDimension(in.shape, in.dimNum);
+    const uint32_t outWidth = LastDimension(out.shape, out.dimNum);
+    ForEachRowRun(static_cast<uint32_t>(count), width, RowPitch(width, in.stride >> 2), outWidth,
+                  RowPitch(outWidth, out.stride >> 2), [&](size_t from, size_t to, uint32_t length) {
+                      std::memmove(out.data + to, in.data + from, size_t{length} * sizeof(float));
+                  });
+}
+
+}  // namespace
+
+bool ParseInputInfo2(TensorDesc* desc, float** data, uint32_t** shape, uint32_t index, LayerParam* param)
+{
+    LayerAttrHead& head = AttrOf<LayerAttrHead>(param);
+    if (index >= OPKIT_MAX_LAYER_INPUTS) {
+        return false;  // there is no flag for it
+    }
+    const uint32_t offline = OfflineBefore(head, index);
+    if (head.inputFlags[index] == '1') {
+        OfflineShape& record = head.offlineShape[offline];
+        *data = reinterpret_cast<float*>(Address(param->model, head.offlineOffset[offline]));
+        *shape = record.dims;
+        desc->dimNum = static_cast<int32_t>(record.dimNum);
+        // Without dimensions this reads the word before the record.
+        desc->stride = (*shape)[int64_t{desc->dimNum} - 1] * sizeof(float);
+        desc->isOffline = 1;
+    } else {
+        const uint32_t online = index - offline;
+        if (online >= param->inputNum) {
+            return false;
+        }
+        const TensorInfo& tensor = param->inputs[online];
+        *data = static_cast<float*>(tensor.data);
+        *shape = tensor.shape;
+        desc->dimNum = static_cast<int32_t>(tensor.dimNum);
+        desc->stride = tensor.stride;
+        desc->isOffline = 0;
+    }
+    desc->count = Count(*shape, desc->dimNum);
+    return true;
+}
+
+void ParseOutputInfo(TensorInfo** outputs, float** data, uint32_t** shape, TensorDesc* desc, int32_t index)
+{
+    const TensorInfo& tensor = (*outputs)[index];
+    *data = static_cast<float*>(tensor.data);
+    *shape = tensor.shape;
+    desc->dimNum = static_cast<int32_t>(tensor.dimNum);
+    desc->stride = tensor.stride;
+    desc->count = Count(*shape, desc->dimNum);
+}
+
+void ParseInputToOutput(TensorInfo** outputs, uint32_t index, uint32_t* inShape, TensorDesc* inDesc, float* inData)
+{
+    float* data = nullptr;
+    uint32_t* shape = nullptr;
+    TensorDesc desc = {};
+    ParseOutputInfo(outputs, &data, &shape, &desc, static_cast<int32_t>(index));
+    InputToOutput(inDesc, &desc, inData, data, {inShape, shape});
+}
+
+void InputToOutput(TensorDesc* inDesc, TensorDesc* outDesc, float* in, float* out, ShapePair shapes)
+{
+    CopyRows({in, shapes.in, inDesc->dimNum, inDesc->stride}, {out, shapes.out, outDesc->dimNum, outDesc->stride},
+             outDesc->count);
+}
+
+bool ParseOnlineInputInfoLoop(TensorDesc* desc, float** data, uint32_t** shape, uint32_t onlineIndex, LayerParam* param)
+{
+    if (onlineIndex >= param->inputNum) {
+        return false;
+    }
+    const TensorInfo& tensor = param->inputs[onlineIndex];
+    *data = static_cast<float*>(tensor.data);
+    *shape = tensor.shape;
+    desc->dimNum = static_cast<int32_t>(tensor.dimNum);
+    desc->stride = tensor.stride;
+    desc->count = static_cast<int32_t>(static_cast<uint32_t>(desc->count) *
+                                       static_cast<uint32_t>(Count(tensor.shape, desc->dimNum)));
+    return true;
+}

@@ -1,0 +1,43 @@
+// Concat: joins inputs along an axis, each with its own extent there; the other extents are the first input's.
+// Padded inputs are compacted and stay so, the output is written compactly and expanded at the end. Nothing is printed:
+// a missing input fails silently and leaves what was joined so far unexpanded.
+
+#include "common/move_floats.h"
+#include "opkit/attributes/movement.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+uint32_t ConcatOpkitForward(LayerParam* param)
+{
+    const ConcatAttr& attr = AttrOf<ConcatAttr>(param);
+    const int32_t axis = attr.concatAxis;
+    const Output out = OutputOf(param, 0);
+    InputCursor cursor = {param};
+    uint32_t outer = 1;
+    uint32_t inner = 1;
+    uint32_t joined = 0;  // along the axis
+    for (uint32_t k = 0; k < attr.concatInputCount; ++k) {
+        Input in;
+        if (!NextInput(&cursor, &in)) {
+            return kFailure;
+        }
+        if (k == 0) {
+            outer = ShapeCount(in.shape, in.dimNum, 0, axis);
+            inner = ShapeCount(in.shape, in.dimNum, axis + 1, in.dimNum);
+        }
+        if (in.width != in.alignNum && in.count != 0) {
+            CompactRows(in.data, in.count, in.width, in.alignNum);
+        }
+        const uint32_t extent = in.shape[axis];
+        const size_t block = extent * inner;
+        MoveRows(out.data + size_t{joined} * inner, out.shape[axis] * inner, in.data, block, outer, block);
+        joined += extent;
+    }
+    if (static_cast<int32_t>(out.count) > 0) {
+        SpreadRows(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum,
+                   LastIndex(out.count, out.width, out.alignNum));
+    }
+    return kSuccess;
+}

@@ -1,0 +1,157 @@
+// The shared library as a file: what it exports, what it needs, what its code contains.
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "opkit/opkit.h"
+
+namespace opkit {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+std::string OutputOf(const std::string& command)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    std::string text;
+    std::array<char, 65536> buffer;
+    size_t length = 0;
+    while ((length = fread(buffer.data(), 1, buffer.size(), pipe.get())) > 0) {
+        text.append(buffer.data(), length);
+    }
+    return text;
+}
+
+std::vector<std::string> Lines(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::set<std::string> ListedExports()
+{
+    std::set<std::string> names;
+    std::ifstream file(OPKIT_EXPORTS_FILE);
+    for (std::string line; std::getline(file, line);) {
+        names.insert(line);
+    }
+    return names;
+}
+
+TEST(BinaryInterface, ExportsExactlyTheListedNames)
+{
+    std::set<std::string> exported;
+    for (const std::string& line : Lines(OutputOf("nm -D --defined-only " OPKIT_LIBRARY_FILE))) {
+        exported.insert(line.substr(line.rfind(' ') + 1));
+    }
+    const std::set<std::string> listed = ListedExports();
+    EXPECT_EQ(listed.size(), 204u);
+    EXPECT_EQ(exported, listed);
+}
+
+TEST(BinaryInterface, EveryListedNameResolves)
+{
+    void* library = dlopen(OPKIT_LIBRARY_FILE, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    for (const std::string& name : ListedExports()) {
+        EXPECT_NE(dlsym(library, name.c_str()), nullptr) << name;
+    }
+    const auto* version = static_cast<const char**>(dlsym(library, "OPKIT_GIT_VERSION"));
+    EXPECT_STREQ(*version, "Version:4ed1745");
+    dlclose(library);
+}
+
+TEST(BinaryInterface, ObjectsHaveTheirSizes)
+{
+    struct Row {
+        const char* name;
+        const char* size;
+    };
+    const std::string symbols = OutputOf("readelf --dyn-syms -W " OPKIT_LIBRARY_FILE);
+    for (const Row& row : {Row{"OPKIT_GIT_VERSION", "8 OBJECT"}, Row{"g_size", "4 OBJECT"},
+                           Row{"g_curBoxNum", "1024 TLS"}, Row{"g_maxWidth", "4 TLS"}, Row{"g_maxHeight", "4 TLS"},
+                           Row{"g_lowScoreThresh", "4 TLS"}, Row{"g_nmsThresh", "4 TLS"}}) {
+        const std::regex entry(std::string(row.size).replace(std::string(row.size).find(' '), 1, " +") + " .* " + row.name);
+        EXPECT_TRUE(std::regex_search(symbols, entry)) << row.name;
+    }
+}
+
+TEST(BinaryInterface, NeedsLibcAndLibmOnly)
+{
+    const std::string dynamic = OutputOf("readelf -d " OPKIT_LIBRARY_FILE);
+    std::vector<std::string> needed;
+    const std::regex entry("\\(NEEDED\\).*\\[(.*)\\]");
+    for (std::sregex_iterator it(dynamic.begin(), dynamic.end(), entry), end; it != end; ++it) {
+        needed.push_back((*it)[1]);
+    }
+    EXPECT_THAT(needed, ::testing::UnorderedElementsAre("libc.so.6", "libm.so.6"));
+    EXPECT_TRUE(std::regex_search(dynamic, std::regex("SONAME.*libopkit\\.so\\.3\\]")));
+}
+
+TEST(BinaryInterface, NoConstructorRunsAtLoad)
+{
+    // One entry is the C runtime's own frame_dummy.
+    const std::string sections = OutputOf("readelf -SW " OPKIT_LIBRARY_FILE);
+    EXPECT_TRUE(std::regex_search(sections, std::regex("\\.init_array +INIT_ARRAY +\\w+ \\w+ 0*8 ")));
+}
+
+// A product rounds before the sum takes it: no fused multiply-add anywhere, and no x87 arithmetic.
+TEST(BinaryInterface, NoFusedMultiplyAddAndNoX87)
+{
+    const std::string code = OutputOf("objdump -d --no-show-raw-insn " OPKIT_LIBRARY_FILE);
+    ASSERT_GT(code.size(), 100000u);
+    std::vector<std::string> found;
+    const std::regex forbidden("\\t(vfn?m(add|sub)\\w*|f(add|sub|mul|div|ld|st|sqrt)[a-z]*)\\b");
+    for (const std::string& line : Lines(code)) {
+        std::smatch match;
+        if (found.size() < 5 && std::regex_search(line, match, forbidden)) {
+            found.push_back(line);
+        }
+    }
+    EXPECT_THAT(found, IsEmpty());
+}
+
+TEST(BinaryInterface, ProductRoundsBeforeTheSum)
+{
+    // (1 + 2^-12)^2 = 1 + 2^-11 + 2^-24 rounds to 1 + 2^-11; the fused form would keep the last term.
+    float a[1] = {1.0f + 0x1p-12f};
+    float c[1] = {-(1.0f + 0x1p-11f)};
+    GemmArgs args = {};
+    args.M = args.N = args.K = 1;
+    args.alpha = args.beta = 1.0f;
+    args.A = args.B = a;
+    args.C = c;
+    Gemm(args);
+    EXPECT_EQ(c[0], 0.0f);
+}
+
+// Kernels of a higher level share no code with the rest: a merged copy could run where the level can't.
+TEST(BinaryInterface, KernelObjectsShareNoCode)
+{
+    std::vector<std::string> weak;
+    for (const std::string& line : Lines(OutputOf("nm -C " OPKIT_KERNEL_OBJECTS))) {
+        if (std::regex_search(line, std::regex("^\\w+ [WVu] "))) {
+            weak.push_back(line);
+        }
+    }
+    EXPECT_THAT(weak, IsEmpty());
+}
+
+}  // namespace
+}  // namespace opkit
