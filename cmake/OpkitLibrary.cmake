@@ -27,6 +27,7 @@ include(OpkitOperators)
 
 # Kernels are compiled once per instruction-set level; see kernels/level.h.
 set(opkit_kernels
+    kernels/gemm.cpp
     kernels/unary.cpp
 )
 include(OpkitKernels OPTIONAL)

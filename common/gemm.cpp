@@ -5,7 +5,10 @@
 
 #include <cstring>
 
+#include "kernels/gemm.h"
 #include "opkit/helpers.h"
+
+using namespace opkit;
 
 namespace {
 
@@ -20,39 +23,6 @@ void ScaleResult(const GemmArgs& args, int32_t count)
     }
 }
 
-void AccumulateRows(const GemmArgs& args)
-{
-    for (size_t i = 0; i < args.M; ++i) {
-        for (size_t k = 0; k < args.K; ++k) {
-            const float a = args.A[i * args.K + k] * args.alpha;
-            const float* b = args.B + k * args.N;
-            float* c = args.C + i * args.N;
-            for (size_t j = 0; j < args.N; ++j) {
-                c[j] = a * b[j] + c[j];
-            }
-        }
-    }
-}
-
-void AddTransposedSums(const GemmArgs& args)
-{
-    const size_t aRow = args.transA ? 1 : args.K;
-    const size_t aStep = args.transA ? args.M : 1;
-    const size_t bColumn = args.transB ? args.K : 1;
-    const size_t bStep = args.transB ? 1 : args.N;
-    for (size_t i = 0; i < args.M; ++i) {
-        for (size_t j = 0; j < args.N; ++j) {
-            const float* a = args.A + i * aRow;
-            const float* b = args.B + j * bColumn;
-            float sum = 0.0f;
-            for (size_t k = 0; k < args.K; ++k) {
-                sum += (a[k * aStep] * args.alpha) * b[k * bStep];
-            }
-            args.C[i * args.N + j] = sum + args.C[i * args.N + j];
-        }
-    }
-}
-
 }  // namespace
 
 void Gemm(GemmArgs args)
@@ -61,11 +31,11 @@ void Gemm(GemmArgs args)
     if (count > 0) {
         ScaleResult(args, count);
     }
+    const MatrixView a = args.transA ? MatrixView{args.A, 1, args.M} : MatrixView{args.A, args.K, 1};
+    const MatrixView b = args.transB ? MatrixView{args.B, 1, args.K} : MatrixView{args.B, args.N, 1};
     if (!args.transA && !args.transB) {
-        if (args.M != 0 && args.K != 0) {
-            AccumulateRows(args);
-        }
+        GemmLoops().accumulate(args.M, args.N, args.K, args.alpha, a, b, args.C);
     } else if (count != 0) {
-        AddTransposedSums(args);
+        GemmLoops().addSums(args.M, args.N, args.K, args.alpha, a, b, args.C);
     }
 }

@@ -1,4 +1,5 @@
-// Moving runs of floats, bit by bit. Rows are often only a few floats long, where calling memmove costs more than moving.
+// Moving runs of floats, bit by bit. Rows are often only a few floats long, where calling memmove costs more than
+// moving.
 #ifndef OPKIT_COMMON_MOVE_FLOATS_H
 #define OPKIT_COMMON_MOVE_FLOATS_H
 

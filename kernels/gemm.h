@@ -1,0 +1,27 @@
+// The product loops behind Gemm. C[i][j] takes its K terms in ascending order of k, each rounded product by rounded
+// product; rows and columns are computed side by side, which changes no bit.
+#ifndef OPKIT_KERNELS_GEMM_H
+#define OPKIT_KERNELS_GEMM_H
+
+#include "kernels/level.h"
+
+namespace opkit {
+
+// A matrix seen by its two index distances, in floats.
+struct MatrixView {
+    const float* data;
+    size_t rowStep;
+    size_t columnStep;
+};
+
+struct GemmKernels {
+    // C[i * N + j] += ((A[i][k] * alpha) * B[k][j]) for k ascending, term by term onto C.
+    void (*accumulate)(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c);
+    // The same terms summed apart from 0.0; then C[i * N + j] = sum + C[i * N + j].
+    void (*addSums)(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c);
+};
+OPKIT_KERNEL_TABLE(GemmKernels, gemmKernels, GemmLoops)
+
+}  // namespace opkit
+
+#endif  // OPKIT_KERNELS_GEMM_H

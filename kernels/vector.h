@@ -1,0 +1,78 @@
+// Float vectors of a level's natural width, by the compiler's vector extension. Arithmetic on them is lane by lane and
+// rounds as the scalar operators do; products and sums are never fused, since the whole build forbids contraction.
+#ifndef OPKIT_KERNELS_VECTOR_H
+#define OPKIT_KERNELS_VECTOR_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace opkit {
+namespace {  // internal linkage: levels must not share code
+
+#if defined(OPKIT_LEVEL_avx512)
+constexpr size_t kLanes = 16;
+#elif defined(OPKIT_LEVEL_avx2)
+constexpr size_t kLanes = 8;
+#else
+constexpr size_t kLanes = 4;
+#endif
+
+typedef float Vec __attribute__((vector_size(kLanes * sizeof(float)), aligned(sizeof(float)), may_alias));
+typedef int32_t VecIndex __attribute__((vector_size(kLanes * sizeof(int32_t))));
+
+inline Vec Load(const float* from)
+{
+    return *reinterpret_cast<const Vec*>(from);
+}
+
+inline void Store(float* to, Vec value)
+{
+    *reinterpret_cast<Vec*>(to) = value;
+}
+
+// One float in every lane. The integer form of the instruction: it loads at full rate everywhere, the float form costs
+// an extra operation on some processors.
+inline Vec Broadcast(const float* from)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    Vec value;
+    __asm__("vpbroadcastd %1, %0" : "=v"(value) : "m"(*from));
+    return value;
+#elif defined(OPKIT_LEVEL_avx2)
+    Vec value;
+    __asm__("vpbroadcastd %1, %0" : "=x"(value) : "m"(*from));
+    return value;
+#else
+    return Vec{} + *from;
+#endif
+}
+
+// Transposes the square held in rows: each step exchanges the off-diagonal blocks of half the size.
+template <size_t kBlock = kLanes / 2>
+inline void TransposeSquare(Vec (&rows)[kLanes])
+{
+    VecIndex first;
+    VecIndex second;
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+        const bool low = (lane & kBlock) == 0;
+        first[lane] = static_cast<int32_t>(low ? lane : kLanes + lane - kBlock);
+        second[lane] = static_cast<int32_t>(low ? lane + kBlock : kLanes + lane);
+    }
+#pragma GCC unroll 16
+    for (size_t i = 0; i < kLanes; ++i) {
+        if ((i & kBlock) == 0) {
+            const Vec upper = rows[i];
+            const Vec lower = rows[i + kBlock];
+            rows[i] = __builtin_shuffle(upper, lower, first);
+            rows[i + kBlock] = __builtin_shuffle(upper, lower, second);
+        }
+    }
+    if constexpr (kBlock > 1) {
+        TransposeSquare<kBlock / 2>(rows);
+    }
+}
+
+}  // namespace
+}  // namespace opkit
+
+#endif  // OPKIT_KERNELS_VECTOR_H
