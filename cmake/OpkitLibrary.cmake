@@ -27,6 +27,7 @@ include(OpkitOperators)
 
 # Kernels are compiled once per instruction-set level; see kernels/level.h.
 set(opkit_kernels
+    kernels/exponentials.cpp
     kernels/gemm.cpp
     kernels/unary.cpp
 )
@@ -55,7 +56,9 @@ set(opkit_level_avx512 -mavx2 -mbmi2 -mavx512f -mavx512bw -mavx512dq -mavx512vl 
 foreach(level IN ITEMS baseline avx2 avx512)
   opkit_object_library(opkit_kernels_${level} ${opkit_kernels})
   target_compile_definitions(opkit_kernels_${level} PRIVATE OPKIT_LEVEL=${level} OPKIT_LEVEL_${level}=1)
-  target_compile_options(opkit_kernels_${level} PRIVATE ${opkit_level_${level}})
+  # The compiler's own intrinsics header trips -Wmaybe-uninitialized.
+  target_compile_options(opkit_kernels_${level} PRIVATE ${opkit_level_${level}} -Wno-maybe-uninitialized
+                                                        -Wno-uninitialized)
 endforeach()
 
 set(opkit_object_files $<TARGET_OBJECTS:opkit_core> $<TARGET_OBJECTS:opkit_kernels_baseline>

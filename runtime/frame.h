@@ -30,7 +30,10 @@ struct Tensor {
     uint32_t Pitch() const { return RowPitch(width, alignNum); }
 
     // Floats up to the end of the last row, its gap included: what the tensor occupies.
-    size_t Extent() const { return size_t{ElementCount(shape, static_cast<uint32_t>(dimNum - 1))} * Pitch(); }
+    size_t Extent() const
+    {
+        return dimNum > 0 ? size_t{ElementCount(shape, static_cast<uint32_t>(dimNum) - 1)} * Pitch() : 0;
+    }
 };
 using Input = Tensor;
 using Output = Tensor;

@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "kernels/exponentials.h"
 #include "kernels/unary.h"
 #include "kernels/unary_elements.h"
 #include "opkit/operators.h"
@@ -160,7 +161,7 @@ uint32_t ReciprocalOpkitForward(LayerParam* param)
 
 uint32_t SigmoidOpkitForward(LayerParam* param)
 {
-    return MapUnary<SigmoidCalcFunc>(param);
+    return WalkUnary(ParseInputInfo, param, Exponentials().sigmoid);
 }
 
 uint32_t SignOpkitForward(LayerParam* param)
@@ -175,7 +176,7 @@ uint32_t SinOpkitForward(LayerParam* param)
 
 uint32_t SoftplusOpkitForward(LayerParam* param)
 {
-    return MapUnary<SoftplusCalcFunc>(param);
+    return WalkUnary(ParseInputInfo, param, Exponentials().softplus);
 }
 
 uint32_t SoftsignOpkitForward(LayerParam* param)

@@ -1,0 +1,131 @@
+// Pooling windows; see kernels/level.h for the levels.
+//
+// Neighbouring windows are different result elements, so they run as vector lanes: element (row, column) of every
+// window in a block, then the next element. Each window still sees its own elements in their order.
+
+#include "kernels/pooling.h"
+
+#include <string.h>
+
+namespace opkit::OPKIT_LEVEL {
+namespace {
+
+struct SumStep {
+    static float Next(float sum, float x) { return sum + x; }
+};
+
+struct SumMagnitudesStep {
+    // An f64 sum of two f32 values rounds to the same f32 as their f32 sum.
+    static float Next(float sum, float x) { return sum + __builtin_fabsf(x); }
+};
+
+struct SumSquaresStep {
+    static float Next(float sum, float x)
+    {
+        const double wide = x;
+        return static_cast<float>(wide * wide + static_cast<double>(sum));
+    }
+};
+
+struct MaxStep {
+    static float Next(float best, float x) { return x > best ? x : best; }
+};
+
+// kCount windows whose accumulators stay in registers or the first cache; called with a constant step where that helps.
+template <class Step, int kCount>
+inline __attribute__((always_inline)) void Block(const PoolWindows& windows, const float* in, ptrdiff_t step,
+                                                 float* accumulators)
+{
+    float values[kCount];
+    memcpy(values, accumulators, sizeof(values));
+    for (uint32_t row = 0; row < windows.rows; ++row) {
+        const float* x = in + row * windows.pitch;
+        for (uint32_t column = 0; column < windows.columns; ++column, ++x) {
+            for (int i = 0; i < kCount; ++i) {
+                values[i] = Step::Next(values[i], x[i * step]);
+            }
+        }
+    }
+    memcpy(accumulators, values, sizeof(values));
+}
+
+template <class Step, int kCount>
+void BlockOfAnyStep(const PoolWindows& windows, const float* in, float* accumulators)
+{
+    if (windows.step == 1) {
+        Block<Step, kCount>(windows, in, 1, accumulators);
+    } else if (windows.step == 2) {
+        Block<Step, kCount>(windows, in, 2, accumulators);
+    } else {
+        Block<Step, kCount>(windows, in, windows.step, accumulators);
+    }
+}
+
+template <int kCount>
+void PositionBlock(const PoolWindows& windows, const float* in, float* best, float* positions, uint32_t position,
+                   uint32_t width)
+{
+    float values[kCount];
+    float places[kCount];
+    memcpy(values, best, sizeof(values));
+    memcpy(places, positions, sizeof(places));
+    for (uint32_t row = 0; row < windows.rows; ++row) {
+        const float* x = in + row * windows.pitch;
+        uint32_t first = position + row * width;
+        for (uint32_t column = 0; column < windows.columns; ++column, ++x, ++first) {
+            for (int i = 0; i < kCount; ++i) {
+                const float value = x[i * windows.step];
+                const uint32_t place = first + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step);
+                const bool wins = value > values[i];
+                values[i] = wins ? value : values[i];
+                places[i] = wins ? static_cast<float>(static_cast<int32_t>(place)) : places[i];
+            }
+        }
+    }
+    memcpy(best, values, sizeof(values));
+    memcpy(positions, places, sizeof(places));
+}
+
+// Calls block32, block8 or block1 (in, done) until all windows are done.
+template <class Block32, class Block8, class Block1>
+inline __attribute__((always_inline)) void ForEachBlock(const PoolWindows& windows, Block32 block32, Block8 block8,
+                                                        Block1 block1)
+{
+    size_t done = 0;
+    const auto in = [&windows](size_t i) { return windows.in + static_cast<ptrdiff_t>(i) * windows.step; };
+    for (; windows.count - done >= 32; done += 32) {
+        block32(in(done), done);
+    }
+    for (; windows.count - done >= 8; done += 8) {
+        block8(in(done), done);
+    }
+    for (; done < windows.count; ++done) {
+        block1(in(done), done);
+    }
+}
+
+template <class Step>
+void Reduce(const PoolWindows& windows, float* accumulators)
+{
+    ForEachBlock(
+        windows, [&](const float* in, size_t i) { BlockOfAnyStep<Step, 32>(windows, in, accumulators + i); },
+        [&](const float* in, size_t i) { BlockOfAnyStep<Step, 8>(windows, in, accumulators + i); },
+        [&](const float* in, size_t i) { Block<Step, 1>(windows, in, 0, accumulators + i); });
+}
+
+void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint32_t position, uint32_t width)
+{
+    const auto place = [&](size_t i) { return position + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step); };
+    ForEachBlock(
+        windows,
+        [&](const float* in, size_t i) { PositionBlock<32>(windows, in, best + i, positions + i, place(i), width); },
+        [&](const float* in, size_t i) { PositionBlock<8>(windows, in, best + i, positions + i, place(i), width); },
+        [&](const float* in, size_t i) { PositionBlock<1>(windows, in, best + i, positions + i, place(i), width); });
+}
+
+}  // namespace
+
+extern const PoolingKernels poolingKernels = {Reduce<SumStep>, Reduce<SumMagnitudesStep>, Reduce<SumSquaresStep>,
+                                              Reduce<MaxStep>, MaxPosition};
+
+}  // namespace opkit::OPKIT_LEVEL
