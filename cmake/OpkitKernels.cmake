@@ -1,3 +1,9 @@
 # One line per kernel file; each is compiled at every instruction-set level.
 list(APPEND opkit_kernels
+    kernels/activation.cpp
+    kernels/binary.cpp
+    kernels/pooling.cpp
+    kernels/determinant.cpp
+    kernels/quantized.cpp
+    kernels/resize.cpp
 )

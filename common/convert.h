@@ -1,5 +1,6 @@
 // Conversions from float to integer, defined for every input the way the x86-64 instructions do them: what does not
-// fit, NaN included, gives the "integer indefinite" value, the lowest number of the instruction's width.
+// fit, NaN included, gives the "integer indefinite" value, the lowest number of the instruction's width. The empty asm
+// statements hide constants from the compiler, which would convert them by rules of its own (it saturates).
 // Functions here are static, one copy per file, so that kernel files of every instruction-set level may use them.
 #ifndef OPKIT_COMMON_CONVERT_H
 #define OPKIT_COMMON_CONVERT_H
@@ -11,21 +12,25 @@ namespace opkit {
 
 static inline int32_t TruncateToI32(float value)
 {
+    __asm__("" : "+x"(value));
     return _mm_cvttss_si32(_mm_set_ss(value));
 }
 
 static inline int32_t TruncateToI32(double value)
 {
+    __asm__("" : "+x"(value));
     return _mm_cvttsd_si32(_mm_set_sd(value));
 }
 
 static inline int64_t TruncateToI64(float value)
 {
+    __asm__("" : "+x"(value));
     return _mm_cvttss_si64(_mm_set_ss(value));
 }
 
 static inline int64_t TruncateToI64(double value)
 {
+    __asm__("" : "+x"(value));
     return _mm_cvttsd_si64(_mm_set_sd(value));
 }
 
@@ -54,6 +59,13 @@ static inline uint64_t TruncateToU64(float value)
         return static_cast<uint64_t>(TruncateToI64(value - kTwoTo63)) | (uint64_t{1} << 63);
     }
     return static_cast<uint64_t>(TruncateToI64(value));
+}
+
+// The f32 nearest to value. GCC 12, where it turns neighbouring scalar operations into vector ones, loses a rounding to
+// f32 whose result is widened again at once; the instruction stays.
+static inline float RoundToF32(double value)
+{
+    return _mm_cvtss_f32(_mm_cvtsd_ss(_mm_setzero_ps(), _mm_set_sd(value)));
 }
 
 // The low byte of the 32-bit truncation.

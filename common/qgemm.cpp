@@ -1,33 +1,48 @@
 // Float emulation of a quantised matrix product: no integers, no rounding, no saturation. The correction subtracts the
 // zero points' share by row and column sums, and the stale result stays in, scaled by 4 * bZero * aZero.
 
+#include "kernels/quantized.h"
 #include "opkit/helpers.h"
+
+using namespace opkit;
 
 namespace {
 
-constexpr int32_t kColumnBlock = 256;
+constexpr size_t kRowBlock = 256;
+constexpr size_t kColumnBlock = 1024;
 
-// Column sums of a block of columns, each in its own ascending order.
-void SumColumns(const float* b, int32_t K, int32_t N, int32_t columns, float* sums)
+struct Correction {
+    float columnFactor;
+    float rowFactor;
+    float scale;
+    float zero;
+};
+
+size_t Smaller(size_t a, size_t b)
 {
-    for (int32_t j = 0; j < columns; ++j) {
-        sums[j] = 0.0f;
-    }
-    for (int32_t k = 0; k < K; ++k) {
-        const float* row = b + static_cast<int64_t>(k) * N;
-        for (int32_t j = 0; j < columns; ++j) {
-            sums[j] += row[j];
-        }
-    }
+    return a < b ? a : b;
 }
 
-float SumRow(const float* a, int32_t K)
+// Rows [0, rows) of C, at most kRowBlock. Column sums are taken again for each such block, row sums once.
+void CorrectRows(const float* a, const float* b, float* c, size_t rows, size_t N, size_t K, const Correction& correction)
 {
-    float sum = 0.0f;
-    for (int32_t k = 0; k < K; ++k) {
-        sum += a[k];
+    const QuantizedKernels& kernels = Quantized();
+    float rowTerms[kRowBlock];
+    kernels.sumRows(a, rows, K, rowTerms);
+    for (size_t i = 0; i < rows; ++i) {
+        rowTerms[i] *= correction.rowFactor;
     }
-    return sum;
+    for (size_t j = 0; j < N; j += kColumnBlock) {
+        const size_t columns = Smaller(N - j, kColumnBlock);
+        float columnTerms[kColumnBlock];
+        kernels.sumColumns(b + j, K, columns, N, columnTerms);
+        for (size_t q = 0; q < columns; ++q) {
+            columnTerms[q] *= correction.columnFactor;
+        }
+        for (size_t i = 0; i < rows; ++i) {
+            kernels.correct(c + i * N + j, columns, columnTerms, rowTerms[i], correction.scale, correction.zero);
+        }
+    }
 }
 
 }  // namespace
@@ -35,33 +50,25 @@ float SumRow(const float* a, int32_t K)
 int32_t QGemmWithoutEigen(float* A, float* B, float* C, int32_t M, int32_t N, int32_t K, float aScale, float aZero,
                           float bScale, float bZero, float cScale, float cZero)
 {
-    const float alpha = aScale * bScale;
-    const float beta = (bZero * aZero) * 4.0f;
     GemmArgs args = {};
     args.M = static_cast<uint32_t>(M);
     args.N = static_cast<uint32_t>(N);
     args.K = static_cast<uint32_t>(K);
-    args.alpha = alpha;
+    args.alpha = aScale * bScale;
     args.A = A;
     args.B = B;
-    args.beta = beta;
+    args.beta = (bZero * aZero) * 4.0f;
     args.C = C;
     Gemm(args);
-
-    const float columnFactor = bScale * aZero;
-    const float rowFactor = aScale * bZero;
-    for (int32_t j0 = 0; j0 < N; j0 += kColumnBlock) {
-        const int32_t columns = N - j0 < kColumnBlock ? N - j0 : kColumnBlock;
-        float columnSums[kColumnBlock];
-        SumColumns(B + j0, K, N, columns, columnSums);
-        for (int32_t i = 0; i < M; ++i) {
-            const float rowSum = SumRow(A + static_cast<int64_t>(i) * K, K);
-            float* c = C + static_cast<int64_t>(i) * N + j0;
-            for (int32_t j = 0; j < columns; ++j) {
-                const float correction = columnSums[j] * columnFactor + rowSum * rowFactor;
-                c[j] = (c[j] - correction) * cScale - cZero;
-            }
-        }
+    if (M < 1 || N < 1) {
+        return 0;
+    }
+    const size_t rows = static_cast<size_t>(M);
+    const size_t columns = static_cast<size_t>(N);
+    const size_t depth = K > 0 ? static_cast<size_t>(K) : 0;
+    const Correction correction = {bScale * aZero, aScale * bZero, cScale, cZero};
+    for (size_t i = 0; i < rows; i += kRowBlock) {
+        CorrectRows(A + i * depth, B, C + i * columns, Smaller(rows - i, kRowBlock), columns, depth, correction);
     }
     return 0;
 }

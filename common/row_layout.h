@@ -61,6 +61,9 @@ void ForEachRowRun(uint32_t count, uint32_t width, uint32_t pitch, uint32_t widt
     if (count == 0) {
         return;
     }
+    if (width == 0 || width2 == 0) {
+        __builtin_trap();  // a hardware fault, as the division by the width would be
+    }
     if (width == pitch && width2 == pitch2) {
         run(size_t{0}, size_t{0}, count);
         return;

@@ -22,6 +22,7 @@ constexpr size_t kDepth = 192;
 constexpr size_t kTileVectors = 2;
 constexpr size_t kDepth = 256;
 #endif
+constexpr size_t kDirectDepth = 512;  // of k at a time when no panel is copied
 constexpr size_t kTileRows = 6;
 constexpr size_t kTileColumns = kTileVectors * kLanes;
 constexpr size_t kSumRows = 96;  // rows whose sums are kept apart at a time
@@ -186,7 +187,7 @@ void RunPanel(const Product& p, size_t k0, size_t depth, Panel panel, size_t col
               float* sums, size_t sumRow)
 {
     const size_t vectors = (columns + kLanes - 1) / kLanes;
-    float scaled[kTileRows * kDepth];
+    float scaled[kTileRows * kDirectDepth];
     for (size_t i = first; i < last; i += kTileRows) {
         const size_t rows = last - i < kTileRows ? last - i : kTileRows;
         const float* a = p.rows.data + i * p.rows.rowStep + k0 * p.rows.columnStep;
@@ -202,9 +203,21 @@ void RunPanel(const Product& p, size_t k0, size_t depth, Panel panel, size_t col
     }
 }
 
+bool ReadsDirectly(bool direct, size_t columns)
+{
+    return direct && columns % kLanes == 0;
+}
+
+// How many terms of k a panel of these columns takes, from k0 on.
+size_t DepthFrom(const Product& p, bool direct, size_t k0, size_t columns)
+{
+    const size_t limit = ReadsDirectly(direct, columns) ? kDirectDepth : kDepth;
+    return p.depth - k0 < limit ? p.depth - k0 : limit;
+}
+
 Panel PanelFor(const Product& p, bool direct, size_t k0, size_t depth, size_t j0, size_t columns, float* room)
 {
-    if (direct && columns % kLanes == 0) {
+    if (ReadsDirectly(direct, columns)) {
         return {p.columns.data + k0 * p.columns.rowStep + j0, p.columns.rowStep};
     }
     return Pack(p, k0, depth, j0, columns, room);
@@ -228,8 +241,8 @@ void RunBlocked(const Product& p, bool direct)
                     }
                 }
             }
-            for (size_t k = 0; k < p.depth; k += kDepth) {
-                const size_t depth = p.depth - k < kDepth ? p.depth - k : kDepth;
+            for (size_t k = 0, depth = 0; k < p.depth; k += depth) {
+                depth = DepthFrom(p, direct, k, columns);
                 const Panel panel = PanelFor(p, direct, k, depth, j, columns, room);
                 RunPanel(p, k, depth, panel, columns, i, last, sums, kTileColumns);
             }
@@ -251,8 +264,8 @@ void RunInPlace(const Product& p, bool direct)
     const size_t whole = p.columnCount / kLanes * kLanes;
     for (size_t j = 0; j < whole; j += kTileColumns) {
         const size_t columns = whole - j < kTileColumns ? whole - j : kTileColumns;
-        for (size_t k = 0; k < p.depth; k += kDepth) {
-            const size_t depth = p.depth - k < kDepth ? p.depth - k : kDepth;
+        for (size_t k = 0, depth = 0; k < p.depth; k += depth) {
+            depth = DepthFrom(p, direct, k, columns);
             const Panel panel = PanelFor(p, direct, k, depth, j, columns, room);
             RunPanel(p, k, depth, panel, columns, 0, p.rowCount, p.c + j, p.cRow);
         }
@@ -275,7 +288,7 @@ Product Describe(size_t M, size_t N, size_t K, float alpha, MatrixView a, Matrix
     return {a, b, M, N, K, alpha, 1.0f, c, N, 1};
 }
 
-bool ReadsDirectly(const Product& p)
+bool MayReadDirectly(const Product& p)
 {
     return p.columns.columnStep == 1 && p.columnFactor == 1.0f && !WorthPacking(p);
 }
@@ -284,16 +297,16 @@ void Accumulate(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixV
 {
     const Product p = Describe(M, N, K, alpha, a, b, c);
     if (p.cColumn == 1) {
-        RunInPlace(p, ReadsDirectly(p));
+        RunInPlace(p, MayReadDirectly(p));
     } else {
-        RunBlocked<false>(p, ReadsDirectly(p));
+        RunBlocked<false>(p, MayReadDirectly(p));
     }
 }
 
 void AddSums(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c)
 {
     const Product p = Describe(M, N, K, alpha, a, b, c);
-    RunBlocked<true>(p, ReadsDirectly(p));
+    RunBlocked<true>(p, MayReadDirectly(p));
 }
 
 }  // namespace

@@ -11,15 +11,18 @@ namespace opkit::OPKIT_LEVEL {
 namespace {
 
 struct SumStep {
+    static constexpr bool kRoundsFromDouble = false;
     static float Next(float sum, float x) { return sum + x; }
 };
 
 struct SumMagnitudesStep {
+    static constexpr bool kRoundsFromDouble = false;
     // An f64 sum of two f32 values rounds to the same f32 as their f32 sum.
     static float Next(float sum, float x) { return sum + __builtin_fabsf(x); }
 };
 
 struct SumSquaresStep {
+    static constexpr bool kRoundsFromDouble = true;
     static float Next(float sum, float x)
     {
         const double wide = x;
@@ -28,6 +31,7 @@ struct SumSquaresStep {
 };
 
 struct MaxStep {
+    static constexpr bool kRoundsFromDouble = false;
     static float Next(float best, float x) { return x > best ? x : best; }
 };
 
@@ -43,6 +47,11 @@ inline __attribute__((always_inline)) void Block(const PoolWindows& windows, con
         for (uint32_t column = 0; column < windows.columns; ++column, ++x) {
             for (int i = 0; i < kCount; ++i) {
                 values[i] = Step::Next(values[i], x[i * step]);
+            }
+            if constexpr (Step::kRoundsFromDouble && kCount > 1) {
+                // GCC 12 drops the rounding to f32 between two vector steps that it sees next to each other; a trip
+                // through memory keeps them apart.
+                asm volatile("" : "+m"(values));
             }
         }
     }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -50,6 +51,7 @@ struct ModelTable {
     std::string name;
     uint32_t layerTableOffset = 0;
     uint32_t layerTableSize = 0;
+    std::optional<uint32_t> next = {};  // segment that follows when no layer asks for another; see segment_runner.h
 
     bool operator==(const ModelTable&) const = default;
 };

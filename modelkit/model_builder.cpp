@@ -174,6 +174,14 @@ void ModelBuilder::BeginTable(uint32_t segmentId, std::string name)
     tables_.push_back({segmentId, std::move(name), {}});
 }
 
+void ModelBuilder::NextSegment(uint32_t segmentId)
+{
+    if (tables_.empty()) {
+        BeginTable(0, "main");
+    }
+    tables_.back().next = segmentId;
+}
+
 LayerBuilder& ModelBuilder::AddLayer(std::string operatorName)
 {
     if (tables_.empty()) {
@@ -213,7 +221,7 @@ public:
             Put(base_ + 4 + i * 4, WriteLayer(*table.layers[i]));
         }
         const uint32_t size = static_cast<uint32_t>(bytes_.size()) - base_;
-        model_.tables.push_back({table.segmentId, table.name, base_, size});
+        model_.tables.push_back({table.segmentId, table.name, base_, size, table.next});
     }
 
     Model Finish()

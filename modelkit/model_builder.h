@@ -103,6 +103,8 @@ public:
     ConstantRef AddConstant(std::string name, Shape shape, std::vector<float> data);
     // Starts a further layer table; AddLayer appends to the latest. Without a call there is one table, segment 0.
     void BeginTable(uint32_t segmentId, std::string name = {});
+    // The segment that follows the latest table when its layers ask for none; see segment_runner.h.
+    void NextSegment(uint32_t segmentId);
     LayerBuilder& AddLayer(std::string operatorName);
 
     // Throws BuildError for what the format cannot hold. Layers' work spaces share one place behind the tensors.
@@ -119,6 +121,7 @@ private:
         uint32_t segmentId;
         std::string name;
         std::vector<std::unique_ptr<LayerBuilder>> layers;
+        std::optional<uint32_t> next = {};
     };
     class Writer;
 

@@ -10,7 +10,29 @@ namespace {
 // The hook's function gets no argument of the caller's, so the request in progress is kept here.
 thread_local Request* running = nullptr;
 
+bool IsBatched(const ReadTensor& tensor)
+{
+    return tensor.record.memKind == OPKIT_MEM_SCRATCH_BATCHED;
+}
+
+bool HasBatchedScratch(const ReadLayer& layer)
+{
+    return std::any_of(layer.inputs.begin(), layer.inputs.end(), IsBatched) ||
+           std::any_of(layer.outputs.begin(), layer.outputs.end(), IsBatched);
+}
+
 }  // namespace
+
+uint32_t LargestBatch(const Model& model)
+{
+    for (size_t t = 0; t < model.tables.size(); ++t) {
+        const std::vector<ReadLayer> layers = ReadLayerTable(model, t).layers;
+        if (std::any_of(layers.begin(), layers.end(), HasBatchedScratch)) {
+            return std::min<uint32_t>(model.maxBatch, OPKIT_MAX_BATCH);
+        }
+    }
+    return OPKIT_MAX_BATCH;
+}
 
 Request::Request(const Model& model, uint32_t batch)
     : batch_(batch),
@@ -26,17 +48,9 @@ Request::Request(const Model& model, uint32_t batch)
     if (model.tables.empty() || model.inputs.empty() || model.outputs.empty()) {
         throw BuildError("a request needs a layer table, an input and an output");
     }
-    if (batch > model.maxBatch) {
-        for (size_t t = 0; t < model.tables.size(); ++t) {
-            for (const ReadLayer& layer : ReadLayerTable(model, t).layers) {
-                const auto batched = [](const ReadTensor& x) { return x.record.memKind == OPKIT_MEM_SCRATCH_BATCHED; };
-                if (std::any_of(layer.inputs.begin(), layer.inputs.end(), batched) ||
-                    std::any_of(layer.outputs.begin(), layer.outputs.end(), batched)) {
-                    throw BuildError("the model's scratch is planned for " + std::to_string(model.maxBatch) +
-                                     " batch items, not " + std::to_string(batch));
-                }
-            }
-        }
+    if (batch > LargestBatch(model)) {
+        throw BuildError("the model's scratch is planned for " + std::to_string(model.maxBatch) +
+                         " batch items, not " + std::to_string(batch));
     }
     BindTensors(inputSpecs_, &inputBuffers_, &inputs_);
     BindTensors(outputSpecs_, &outputBuffers_, &outputs_);
@@ -121,6 +135,17 @@ std::vector<float> Request::GetOutput(std::string_view name) const
         }
     }
     throw BuildError("the model has no output named \"" + std::string(name) + "\"");
+}
+
+void Request::Reset(const Model& model)
+{
+    const auto clear = [](Buffer& buffer) { std::fill_n(buffer.data(), buffer.size(), std::byte{0}); };
+    clear(scratch_);
+    std::for_each(inputBuffers_.begin(), inputBuffers_.end(), clear);
+    std::for_each(outputBuffers_.begin(), outputBuffers_.end(), clear);
+    std::copy_n(model.bytes.data(), modelBytes_.size(), modelBytes_.data());
+    param_.segId = 0;
+    SelectSegment(tables_.front().segmentId);
 }
 
 void Request::SelectSegment(uint32_t segmentId)

@@ -20,9 +20,12 @@
 
 namespace opkit::modelkit {
 
+// Most batch items that a request on the model may have: its maxBatch while it has batched scratch tensors, else 256.
+uint32_t LargestBatch(const Model& model);
+
 class Request {
 public:
-    // Throws BuildError when batch is 0, above 256 or above the model's maxBatch while it has batched scratch tensors.
+    // Throws BuildError when batch is 0 or above LargestBatch.
     explicit Request(const Model& model, uint32_t batch = 1);
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
@@ -38,6 +41,9 @@ public:
     std::span<float> OutputRows(size_t index) { return outputBuffers_.at(index).Floats(); }
     std::span<std::byte> ModelBytes() { return modelBytes_.Span(); }
 
+    // Back to the state after construction: scratch and tensors zeroed, and the model buffer as `model` has it, which
+    // is the model the request was made from. Operators leave notes and compacted inputs behind; this removes them.
+    void Reset(const Model& model);
     // The layer table that the next Run executes; the first one at the beginning.
     void SelectSegment(uint32_t segmentId);
     // Room for the timing of every layer of every batch item of the longest table.

@@ -26,9 +26,13 @@ int main(int argc, char** argv)
                          {.stride = 16, .data = scores, .size = sizeof scores},
                          {.stride = 16, .data = classes, .size = sizeof classes}};
     ModelOffsets table = {TABLE_OFFSET, TABLE_SIZE};
-    ForwardParam request = {.inputs = &in, .inputNum = 1, .outputs = out, .outputNum = 3,
-                            .opkitBuf = scratch, .opkitBufSize = SCRATCH_SIZE,
-                            .attr = &table, .attrSize = sizeof table, .model = model, .modelSize = MODEL_SIZE};
+    ForwardParam request = {.inputs = &in, .inputNum = 1, .outputs = out, .outputNum = 3};
+    request.opkitBuf = scratch;
+    request.opkitBufSize = SCRATCH_SIZE;
+    request.attr = &table;
+    request.attrSize = sizeof table;
+    request.model = model;
+    request.modelSize = MODEL_SIZE;
     if (OpkitForward(&request) != 0) {
         return 1;
     }

@@ -3,11 +3,11 @@
 // Succeeds only when at least 97 % of the images are recognised and every logit agrees with the forward pass that the
 // training script computed by itself.
 
+#include <fmt/core.h>
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <exception>
-#include <fmt/core.h>
 #include <map>
 #include <string>
 #include <vector>
@@ -37,9 +37,9 @@ struct Digits {
 };
 
 struct Results {
-    std::vector<float> logits;   // [count, 10]
-    std::vector<float> scores;   // [count, 3]
-    std::vector<float> classes;  // [count, 3]
+    std::vector<float> logits;                           // [count, 10]
+    std::vector<float> scores;                           // [count, 3]
+    std::vector<float> classes;                          // [count, 3]
     std::vector<std::vector<double>> layerMicroseconds;  // per layer: one mean per request, of one image
 };
 
@@ -179,8 +179,9 @@ bool CheckLogits(const Digits& digits, const Results& results)
         }
         largest = std::max(largest, difference);
     }
-    fmt::print("  {} logits agree with the training script's own forward pass: largest difference {:.1e}, allowed {:.0e}\n",
-               digits.logits.size(), largest, kTolerance);
+    fmt::print(
+        "  {} logits agree with the training script's own forward pass: largest difference {:.1e}, allowed {:.0e}\n",
+        digits.logits.size(), largest, kTolerance);
     return true;
 }
 
@@ -191,7 +192,8 @@ bool CheckAccuracy(const Digits& digits, const Results& results)
         right += static_cast<int32_t>(results.classes[size_t{image} * 3]) == digits.labels[image] ? 1 : 0;
     }
     const double accuracy = static_cast<double>(right) / digits.count;
-    fmt::print("  accuracy {:.2f} %: {} of {} images the network has never seen\n", 100 * accuracy, right, digits.count);
+    fmt::print("  accuracy {:.2f} %: {} of {} images the network has never seen\n", 100 * accuracy, right,
+               digits.count);
     if (accuracy < kAccuracyBar) {
         fmt::print("FAILED: the accuracy is below {:.0f} %\n", 100 * kAccuracyBar);
         return false;
@@ -203,18 +205,20 @@ int Run(const std::filesystem::path& data, uint32_t batch)
 {
     const Model model = LoadModel(data / "digits");
     const Digits digits = LoadDigits(data);
-    fmt::print("opkit {:#x}: handwritten digits, {} images in requests of {}\n\n", OpkitGetVersion(), digits.count, batch);
+    fmt::print("opkit {:#x}: handwritten digits, {} images in requests of {}\n\n", OpkitGetVersion(), digits.count,
+               batch);
     const Results results = RunAll(model, digits, batch);
 
     const bool accurate = CheckAccuracy(digits, results);
     const bool exact = CheckLogits(digits, results);
     PrintLayers(model, results);
     Draw(digits, results, ImagesWorthSeeing(digits, results));
-    fmt::print("\nWhat to try next\n"
-               "  script/test                       every test of the library, sanitizer builds included\n"
-               "  examples/c/hello.c                the same model from 40 lines of C\n"
-               "  examples/digits/make_model.cpp    how a model is written; train.py beside it trains this one\n"
-               "  docs/overview.md                  what happens between a request and its answer\n");
+    fmt::print(
+        "\nWhat to try next\n"
+        "  script/test                       every test of the library, sanitizer builds included\n"
+        "  examples/c/hello.c                the same model from a short C program\n"
+        "  examples/digits/make_model.cpp    how a model is written; train.py beside it trains this one\n"
+        "  docs/overview.md                  what happens between a request and its answer\n");
     return accurate && exact ? 0 : 1;
 }
 
@@ -226,7 +230,8 @@ int main(int argc, char** argv)
     std::filesystem::path data = "examples/digits/data";
     uint32_t batch = 30;
     app.add_option("--data", data, "folder with digits.json, digits.bin, images.npy, labels.npy and logits.npy")
-        ->check(CLI::ExistingDirectory)->capture_default_str();
+        ->check(CLI::ExistingDirectory)
+        ->capture_default_str();
     app.add_option("--batch", batch, "images per request")->check(CLI::Range(1u, 256u))->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     try {

@@ -1,9 +1,9 @@
-// Turns the trained weights into the model pair digits.json and digits.bin. Only needed after training anew: the pair is
-// kept beside the data.
+// Turns the trained weights into the model pair digits.json and digits.bin. Only needed after training anew: the pair
+// is kept beside the data.
 
+#include <fmt/core.h>
 #include <CLI/CLI.hpp>
 #include <exception>
-#include <fmt/core.h>
 #include <string>
 #include <vector>
 
@@ -40,8 +40,12 @@ public:
         dense.alpha = 1.0f;
         dense.beta = 1.0f;
         model_.AddLayer("GemmOpkitForward")
-            .Online(flat).Offline(Weight("dense_weight")).Offline(Weight("dense_bias")).Output(logits)
-            .Attr(dense).Workspace(10 * sizeof(float));
+            .Online(flat)
+            .Offline(Weight("dense_weight"))
+            .Offline(Weight("dense_bias"))
+            .Output(logits)
+            .Attr(dense)
+            .Workspace(10 * sizeof(float));
         // A layer cannot read a request output, so the logits leave the scratch by a Reshape.
         Reshape(logits, logitsOut);
 
@@ -52,7 +56,11 @@ public:
         best.hasValues = 1;
         best.hasIndices = 1;
         model_.AddLayer("TopKOpkitForward")
-            .Online(logits).Output(scores).Output(classes).Attr(best).Workspace(10 * 2 * sizeof(float));
+            .Online(logits)
+            .Output(scores)
+            .Output(classes)
+            .Attr(best)
+            .Workspace(10 * 2 * sizeof(float));
         return model_.Build();
     }
 
@@ -102,13 +110,19 @@ private:
         convolution.gemmN = size * size;
         convolution.gemmK = channels * 9;
         model_.AddLayer("ConvolutionOpkitForward")
-            .Online(in).Offline(Weight("conv" + number + "_weight")).Output(convolved)
-            .Attr(convolution).Workspace(size * size * convolution.colChannels * sizeof(float) + size * size);
+            .Online(in)
+            .Offline(Weight("conv" + number + "_weight"))
+            .Output(convolved)
+            .Attr(convolution)
+            .Workspace(size * size * convolution.colChannels * sizeof(float) + size * size);
 
         BinaryMathAttr bias = {};
         bias.mathType = OPKIT_BINARY_ADD;
         model_.AddLayer("BinaryMathOpkitForward")
-            .Online(convolved).Offline(Weight("conv" + number + "_bias")).Output(biased).Attr(bias);
+            .Online(convolved)
+            .Offline(Weight("conv" + number + "_bias"))
+            .Output(biased)
+            .Attr(bias);
 
         ThresholdedReluAttr rectifier = {};
         rectifier.alpha = 0.0f;

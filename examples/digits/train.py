@@ -9,7 +9,8 @@ ships as digits.csv.gz. Every fifth image, counted from the first, is held out a
     dense 128 -> 10
 
 Writes to the data folder: weights/*.npy, the held-out images and labels, and logits.npy, this script's own forward pass
-in f64 over the f32 weights: what the C++ side is compared with. Takes about a quarter of a minute on one core.
+in f64 over the f32 weights: what the C++ side is compared with. Takes about a quarter of a minute on one core. Then
+make_model (make_model.cpp) writes the model pair from the weights.
 """
 
 import argparse

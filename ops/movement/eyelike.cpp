@@ -24,7 +24,7 @@ uint32_t EyelikeOpkitForward(LayerParam* param)
     }
     const uint32_t rows = in.shape[0];
     const uint32_t columns = in.shape[1];
-    if (memset_s(out.data, out.size, 0, size_t{rows * columns} * sizeof(float)) != 0) {
+    if (memset_s(out.data, out.size, 0, size_t{rows} * columns * sizeof(float)) != 0) {
         Report(Here(), "eyelike memset error.\n\n");
         return kFailure;
     }

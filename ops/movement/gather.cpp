@@ -14,9 +14,9 @@ namespace {
 
 // Calls take(index, row, column) for every index in order until one is refused; null, or that one.
 template <class Take>
-const float* ForEachIndex(const Input& indices, Take take)
+const float* ForEachIndex(const Input& indices, uint32_t rows, Take take)
 {
-    for (uint32_t row = 0; row < indices.count / indices.width; ++row) {
+    for (uint32_t row = 0; row < rows; ++row) {
         const float* const line = indices.data + size_t{row} * indices.alignNum;
         for (uint32_t column = 0; column < indices.width; ++column) {
             if (!take(line[column], row, column)) {
@@ -31,11 +31,12 @@ const float* ForEachIndex(const Input& indices, Take take)
 const float* GatherFromRows(const Input& data, const Input& indices, const Output& out, uint32_t outer)
 {
     const size_t extent = data.Extent();
-    const size_t outOuterPitch = size_t{indices.count / indices.width} * out.alignNum;
+    const uint32_t rows = indices.count / indices.width;
+    const size_t outOuterPitch = size_t{rows} * out.alignNum;
     for (uint32_t o = 0; o < outer; ++o) {
         float* const to = out.data + o * outOuterPitch;
         const uint32_t rowStart = data.alignNum * o;
-        const float* refused = ForEachIndex(indices, [&](float index, uint32_t row, uint32_t column) {
+        const float* refused = ForEachIndex(indices, rows, [&](float index, uint32_t row, uint32_t column) {
             const uint32_t from = TruncateToU32(index) + rowStart;
             if (from >= extent) {
                 return false;
@@ -62,9 +63,10 @@ const float* GatherSlices(const Input& data, const Input& indices, const Output&
     }
     const size_t reach = size_t{data.alignNum} * (inner - 1) + data.width;
     const size_t extent = data.Extent();
+    const uint32_t rows = indices.count / indices.width;
     float* to = out.data;
     for (uint32_t o = 0; o < outer; ++o) {
-        const float* refused = ForEachIndex(indices, [&](float index, uint32_t, uint32_t) {
+        const float* refused = ForEachIndex(indices, rows, [&](float index, uint32_t, uint32_t) {
             const uint32_t from = TruncateToU32(index) * inPitch + inOuterPitch * o;
             if (from + reach > extent) {
                 return false;

@@ -1,9 +1,9 @@
 // GatherElements: out[i][j] = data[indices[i][j]][j], for an axis of 0 in two dimensions; each index has its element's
 // own coordinates except along the axis. Rows are read and written in place, padded.
 //
-// Indices are first clipped to [-D, D - 1], in the index tensor itself, then rounded. The sign that decides whether D is
-// added is that of the unrounded index, so one just below 0 becomes D, one past the axis. That, and NaN, may lead out of
-// the data tensor and then fails the layer.
+// Indices are first clipped to [-D, D - 1], in the index tensor itself, then rounded. The sign that decides whether D
+// is added is that of the unrounded index, so one just below 0 becomes D, one past the axis. That, and NaN, may lead
+// out of the data tensor and then fails the layer.
 
 #include <algorithm>
 
@@ -23,47 +23,60 @@ void ClipRow(float* indices, uint32_t count, float low, float high)
     }
 }
 
-// One row of indices and what it needs to find its elements.
-struct ElementRow {
-    const float* indices;
-    float* out;
-    uint32_t first;  // of the index row's elements that out starts at
-    uint32_t count;
-    uint32_t base;  // compact index of the data that all other coordinates but the last select
-};
-
+// Where elements are read. An index and a column below the plain limits need no division: they do not leave their row.
 struct ElementSource {
     const float* data;
     uint32_t width;
     uint32_t pitch;
     size_t extent;
     uint32_t axisExtent;
-    uint32_t axisPitch;  // compact elements
-    bool alongRows;      // the axis is the last one
+    uint32_t axisPitch;   // compact elements for a step of the index
+    uint32_t columnStep;  // and for a column; 0 where the index is the column
+    size_t axisStep;      // the same as axisPitch over padded rows
+    uint32_t plainIndices;
+    uint32_t plainColumns;
+};
+
+ElementSource SourceOf(const Input& data, int32_t axis, bool alongRows)
+{
+    const uint32_t pitch = data.Pitch();
+    const uint32_t extent = data.shape[axis];
+    ElementSource source = {data.data, data.width, pitch, data.Extent(), extent, 1, 0, 1, data.width, UINT32_MAX};
+    if (!alongRows) {
+        source.axisPitch = ShapeCount(data.shape, data.dimNum, axis + 1, data.dimNum);
+        source.columnStep = 1;
+        source.axisStep = size_t{source.axisPitch / data.width} * pitch;
+        source.plainIndices = extent + 1;
+        source.plainColumns = source.axisPitch % data.width == 0 ? data.width : 0;
+    }
+    return source;
+}
+
+// A stretch of one row of indices.
+struct IndexRow {
+    const float* indices;
+    uint32_t firstColumn;
+    uint32_t count;
+    uint32_t baseRow;  // row of the data that the other coordinates select
 };
 
 // Null, or the first index that leads out of the data.
-const float* GatherRow(const ElementSource& source, const ElementRow& row)
+const float* GatherRow(const ElementSource& source, const IndexRow& row, float* out)
 {
-    // Within these limits the padded offset needs no division of its own: neither part of the sum crosses a row.
-    const uint32_t plainIndices = source.alongRows ? source.width : source.axisExtent + 1;
-    const uint32_t plainColumns = source.alongRows ? UINT32_MAX : source.width;
-    const size_t axisStep = source.alongRows ? 1 : size_t{source.axisPitch / source.width} * source.pitch;
-    const size_t baseOffset = size_t{row.base / source.width} * source.pitch;
+    const size_t baseOffset = size_t{row.baseRow} * source.pitch;
     for (uint32_t i = 0; i < row.count; ++i) {
         const float value = row.indices[i];
-        const uint32_t column = source.alongRows ? 0 : row.first + i;
-        const uint32_t index =
-            static_cast<uint32_t>(RoundToI32(value)) + (value < 0.0f ? source.axisExtent : 0);
-        size_t from = baseOffset + index * axisStep + column;
-        if (index >= plainIndices || column >= plainColumns) {
-            const uint32_t element = index * (source.alongRows ? 1 : source.axisPitch) + row.base + column;
+        const uint32_t column = (row.firstColumn + i) * source.columnStep;
+        const uint32_t index = static_cast<uint32_t>(RoundToI32(value)) + (value < 0.0f ? source.axisExtent : 0);
+        size_t from = baseOffset + index * source.axisStep + column;
+        if (index >= source.plainIndices || column >= source.plainColumns) {
+            const uint32_t element = index * source.axisPitch + row.baseRow * source.width + column;
             from = size_t{element / source.width} * source.pitch + element % source.width;
         }
         if (from >= source.extent) {
             return &row.indices[i];
         }
-        row.out[i] = source.data[from];
+        out[i] = source.data[from];
     }
     return nullptr;
 }
@@ -94,42 +107,35 @@ uint32_t GatherElementsOpkitForward(LayerParam* param)
     }
 
     const Output out = OutputOf(param, 0);
-    const ElementSource source = {data.data,
-                                  data.width,
-                                  data.Pitch(),
-                                  data.Extent(),
-                                  static_cast<uint32_t>(axisExtent),
-                                  ShapeCount(data.shape, data.dimNum, axis + 1, data.dimNum),
-                                  axis == indices.dimNum - 1};
-    // Counters over the outer axes of the indices, and how far each moves the base; the axis itself does not.
+    const ElementSource source = SourceOf(data, axis, axis == indices.dimNum - 1);
+    // Counters over the outer axes of the indices, and how many rows each moves the base; the axis itself moves none.
     const uint32_t outerAxes = static_cast<uint32_t>(indices.dimNum) - 1;
     auto* const counters = static_cast<uint32_t*>(__builtin_alloca((outerAxes + 1) * sizeof(uint32_t)));
     auto* const steps = static_cast<uint32_t*>(__builtin_alloca((outerAxes + 1) * sizeof(uint32_t)));
     for (uint32_t i = 0; i < outerAxes; ++i) {
         const int32_t d = static_cast<int32_t>(i);
         counters[i] = 0;
-        steps[i] = d < data.dimNum - 1 && d != axis ? ShapeCount(data.shape, data.dimNum, d + 1, data.dimNum) : 0;
+        steps[i] = d < data.dimNum - 1 && d != axis ? ShapeCount(data.shape, data.dimNum, d + 1, data.dimNum - 1) : 0;
     }
     RowCursor place(out.width, out.Pitch());
-    uint32_t base = 0;
+    uint32_t baseRow = 0;
     for (uint32_t row = 0; row < rows; ++row) {
         const float* const line = indices.data + row * indexPitch;
         for (uint32_t first = 0, count = 0; first < indices.width; first += count) {
             count = std::min(indices.width - first, place.LeftInRow());
-            const float* outside =
-                GatherRow(source, {line + first, out.data + place.Offset(), first, count, base});
-            if (outside != nullptr) {
+            const IndexRow stretch = {line + first, first, count, baseRow};
+            if (const float* outside = GatherRow(source, stretch, out.data + place.Offset())) {
                 Report(Here(), "GatherElements index %f reads outside the data.\n\n", static_cast<double>(*outside));
                 return kFailure;
             }
             place.Advance(count);
         }
         for (uint32_t i = outerAxes; i-- > 0;) {
-            base += steps[i];
+            baseRow += steps[i];
             if (++counters[i] < indices.shape[i]) {
                 break;
             }
-            base -= steps[i] * indices.shape[i];
+            baseRow -= steps[i] * indices.shape[i];
             counters[i] = 0;
         }
     }

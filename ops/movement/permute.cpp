@@ -185,6 +185,9 @@ bool PermuteByIndex(const Input& in, const Output& out, const uint32_t* perm)
         pitches[d] = d + 1 < rank ? ShapeCount(in.shape, rank, d + 1, rank) : 1;
         outPitches[d] = d + 1 < rank ? ShapeCount(out.shape, out.dimNum, d + 1, out.dimNum) : 1;
     }
+    const size_t inExtent = in.Extent();
+    const size_t outExtent = out.Extent();
+    const uint32_t pitchIn = in.Pitch();
     for (uint32_t i = 0; i < in.count; ++i) {
         uint32_t rest = i;
         uint32_t source = 0;
@@ -192,8 +195,8 @@ bool PermuteByIndex(const Input& in, const Output& out, const uint32_t* perm)
             source += rest / outPitches[d] * pitches[perm[d]];
             rest %= outPitches[d];
         }
-        const uint32_t from = source / in.width * in.Pitch() + source % in.width;
-        if (from >= in.Extent() || i >= out.Extent()) {
+        const uint32_t from = source / in.width * pitchIn + source % in.width;
+        if (from >= inExtent || i >= outExtent) {
             return false;
         }
         out.data[i] = in.data[from];
@@ -216,7 +219,8 @@ uint32_t PermuteOpkitForward(LayerParam* param)
     const Output out = OutputOf(param, 0);
     const PermuteAttr& attr = AttrOf<PermuteAttr>(param);
     const uint32_t rank = static_cast<uint32_t>(in.dimNum);
-    if (attr.permLength > rank || attr.permOutDimCount != rank || attr.permDimCount != rank || rank > OPKIT_MAX_DIMS) {
+    if (attr.permLength > rank || attr.permOutDimCount != rank || attr.permDimCount != rank ||
+        rank - 1 >= OPKIT_MAX_DIMS) {
         return kFailure;
     }
     if (static_cast<int32_t>(in.count) > 0) {

@@ -1,8 +1,8 @@
 // Scatter: a copy of the data in which updates replace elements; each update has its own coordinates except along the
 // axis, where its index stands. The last of several updates to one element wins.
 //
-// Compacts all three inputs, writes the output compactly and expands it. Indices are rounded, checked, all of them before
-// the output is touched, and kept as whole numbers in the work space, with the counters and pitches of the walk.
+// Compacts all three inputs, writes the output compactly and expands it. Indices are rounded, checked, all of them
+// before the output is touched, and kept as whole numbers in the work space, with the counters and pitches of the walk.
 
 #include <algorithm>
 
@@ -16,7 +16,7 @@ namespace opkit {
 namespace {
 
 // False when an index lies outside [-extent, extent - 1].
-bool ResolveIndices(const Input& indices, int32_t extent, uint32_t* resolved, Caller caller = Here())
+bool ResolveIndices(const Input& indices, int32_t extent, uint32_t* resolved, Caller caller)
 {
     for (uint32_t i = 0; i < indices.count; ++i) {
         const int32_t index = RoundToI32(indices.data[i]);

@@ -2,8 +2,8 @@
 // compacted: all offsets count padded elements, and one tuple stands at the start of each row of the indices.
 //
 // A slice is as long as the updates' padded rows make it, its tail goes along. Pitches and offsets live in the work
-// space, whose size is checked. All tuples are resolved before the first slice is written, so a refused index leaves the
-// plain copy.
+// space, whose size is checked. All tuples are resolved before the first slice is written, so a refused index leaves
+// the plain copy.
 
 #include <algorithm>
 
@@ -88,12 +88,14 @@ uint32_t ScatterNDGetElementOffsets(const ScatterInputs& in, int32_t tuples, siz
     return kSuccess;
 }
 
-// Whether a slice, or what a refused copy of it clears, stays within the output.
-bool StaysInside(const Output& out, int32_t offset, size_t sliceBytes)
+// The bound is the whole output's wherever the slice starts.
+int32_t WriteSlice(float* to, uint32_t size, const float* from, uint32_t slice)
 {
-    const size_t touched = std::min<size_t>(sliceBytes, out.size);
-    const size_t room = std::max<size_t>(out.Extent() * sizeof(float), out.size);
-    return offset >= 0 && static_cast<size_t>(offset) * sizeof(float) + touched <= room;
+    if (slice == 1 && size >= sizeof(float) && from != nullptr) {
+        *to = *from;
+        return 0;
+    }
+    return memcpy_s(to, size, from, size_t{slice} * sizeof(float));
 }
 
 uint32_t ScatterNDOpkitForwardInner(LayerParam* param, const ScatterInputs& in)
@@ -132,25 +134,30 @@ uint32_t ScatterNDOpkitForwardInner(LayerParam* param, const ScatterInputs& in)
         return kSuccess;
     }
     int32_t* const offsets = pitches + rank;
-    if (ScatterNDGetElementOffsets(in, static_cast<int32_t>(tuples), in.indices.Pitch(), pitches, offsets) != kSuccess) {
+    if (ScatterNDGetElementOffsets(in, static_cast<int32_t>(tuples), in.indices.Pitch(), pitches, offsets) !=
+        kSuccess) {
         return kFailure;
     }
-    const size_t sliceBytes = size_t{slice} * sizeof(float);
+    // A slice, or what a refused copy of it clears, stays within the output.
+    const size_t touched = std::min<size_t>(size_t{slice} * sizeof(float), out.size);
+    const size_t room = std::max<size_t>(out.Extent() * sizeof(float), out.size);
     const float* from = in.updates.data;
+    uint32_t column = 0;  // of a row of single updates
     for (uint32_t t = 0; t < tuples; ++t) {
-        if (!StaysInside(out, offsets[t], sliceBytes)) {
-            Report(Here(), "ScatterND slice at offset %d leaves the output.\n\n", offsets[t]);
+        const int32_t offset = offsets[t];
+        if (offset < 0 || static_cast<size_t>(offset) * sizeof(float) + touched > room) {
+            Report(Here(), "ScatterND slice at offset %d leaves the output.\n\n", offset);
             return kFailure;
         }
-        // The bound is the whole output's wherever the slice starts.
-        code = memcpy_s(out.data + offsets[t], out.size, from, sliceBytes);
+        code = WriteSlice(out.data + offset, out.size, from, slice);
         if (code != 0) {
-            Report(Here(), "memcpy_s failed at offset %d, ret = %d\n", offsets[t], code);
+            Report(Here(), "memcpy_s failed at offset %d, ret = %d\n", offset, code);
             return kFailure;
         }
         from += slice;
-        if (slice == 1 && (t + 1) % updateWidth == 0) {
-            from += static_cast<int32_t>(in.updates.alignNum - updateWidth);  // over the gap of a row of updates
+        if (slice == 1 && ++column == updateWidth) {
+            from += static_cast<int32_t>(in.updates.alignNum - updateWidth);  // over the gap of the row
+            column = 0;
         }
     }
     return kSuccess;

@@ -1,15 +1,15 @@
 // The digits demo as a program: what it accepts, and everything that has to make it fail. Also the C example, and that
 // the README shows both as they are.
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <regex>
 #include <string>
-#include <sys/wait.h>
 
 #include "modelkit/model_file.h"
 

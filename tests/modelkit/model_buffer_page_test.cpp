@@ -1,9 +1,9 @@
 // docs/model-buffer.md tells the truth: its byte maps against the records, its dump against a model that is built here.
 
+#include <gtest/gtest.h>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -35,41 +35,53 @@ struct Record {
     std::map<std::string, Field> fields;
 };
 
-#define FIELD(record, field) {#field, {offsetof(record, field), sizeof(std::declval<record>().field)}}
+std::pair<std::string, Field> MakeField(const char* name, size_t offset, size_t width)
+{
+    return {name, {offset, width}};
+}
+
+#define FIELD(record, field) MakeField(#field, offsetof(record, field), sizeof(std::declval<record>().field))
 
 const std::map<std::string, Record>& Records()
 {
     static const std::map<std::string, Record> records = {
-        {"LayerRecord", {sizeof(LayerRecord), {
-            FIELD(LayerRecord, layerId), FIELD(LayerRecord, nameOffset), FIELD(LayerRecord, nameSize),
-            FIELD(LayerRecord, bufOffset), FIELD(LayerRecord, bufSize), FIELD(LayerRecord, attrOffset),
-            FIELD(LayerRecord, attrSize), FIELD(LayerRecord, inputNum), FIELD(LayerRecord, inputTableOffset),
-            FIELD(LayerRecord, outputNum), FIELD(LayerRecord, outputTableOffset)}}},
-        {"TensorRecord", {sizeof(TensorRecord), {
-            FIELD(TensorRecord, memKind), FIELD(TensorRecord, memIndex), FIELD(TensorRecord, size),
-            FIELD(TensorRecord, strideIndex), FIELD(TensorRecord, shapeOffset), FIELD(TensorRecord, shapeSize)}}},
-        {"LayerAttrHead", {sizeof(LayerAttrHead), {
-            FIELD(LayerAttrHead, offlineOffset), FIELD(LayerAttrHead, offlineShape),
-            FIELD(LayerAttrHead, offlineInputNum), FIELD(LayerAttrHead, inputFlags)}}},
-        {"ForwardParam", {sizeof(ForwardParam), {
-            FIELD(ForwardParam, inputs), FIELD(ForwardParam, inputNum), FIELD(ForwardParam, outputs),
-            FIELD(ForwardParam, outputNum), FIELD(ForwardParam, opkitBuf), FIELD(ForwardParam, opkitBufSize),
-            FIELD(ForwardParam, attr), FIELD(ForwardParam, attrSize), FIELD(ForwardParam, model),
-            FIELD(ForwardParam, modelSize), FIELD(ForwardParam, dumpHook), FIELD(ForwardParam, profiling),
-            FIELD(ForwardParam, stopFlag), FIELD(ForwardParam, segId), FIELD(ForwardParam, name),
-            FIELD(ForwardParam, layerId)}}},
-        {"TensorInfo", {sizeof(TensorInfo), {
-            FIELD(TensorInfo, reserved), FIELD(TensorInfo, stride), FIELD(TensorInfo, batch), FIELD(TensorInfo, dimNum),
-            FIELD(TensorInfo, shape), FIELD(TensorInfo, data), FIELD(TensorInfo, size)}}},
-        {"ModelOffsets", {sizeof(ModelOffsets), {
-            FIELD(ModelOffsets, layerTableOffset), FIELD(ModelOffsets, layerTableSize)}}},
-        {"DumpHook", {sizeof(DumpHook), {
-            FIELD(DumpHook, dumpFunc), FIELD(DumpHook, layerIds), FIELD(DumpHook, layerIdNum), FIELD(DumpHook, dumpAll),
-            FIELD(DumpHook, record.data), FIELD(DumpHook, record.size), FIELD(DumpHook, record.stride),
-            FIELD(DumpHook, record.layerId), FIELD(DumpHook, record.outputIndex)}}},
+        {"LayerRecord",
+         {sizeof(LayerRecord),
+          {FIELD(LayerRecord, layerId), FIELD(LayerRecord, nameOffset), FIELD(LayerRecord, nameSize),
+           FIELD(LayerRecord, bufOffset), FIELD(LayerRecord, bufSize), FIELD(LayerRecord, attrOffset),
+           FIELD(LayerRecord, attrSize), FIELD(LayerRecord, inputNum), FIELD(LayerRecord, inputTableOffset),
+           FIELD(LayerRecord, outputNum), FIELD(LayerRecord, outputTableOffset)}}},
+        {"TensorRecord",
+         {sizeof(TensorRecord),
+          {FIELD(TensorRecord, memKind), FIELD(TensorRecord, memIndex), FIELD(TensorRecord, size),
+           FIELD(TensorRecord, strideIndex), FIELD(TensorRecord, shapeOffset), FIELD(TensorRecord, shapeSize)}}},
+        {"LayerAttrHead",
+         {sizeof(LayerAttrHead),
+          {FIELD(LayerAttrHead, offlineOffset), FIELD(LayerAttrHead, offlineShape),
+           FIELD(LayerAttrHead, offlineInputNum), FIELD(LayerAttrHead, inputFlags)}}},
+        {"ForwardParam",
+         {sizeof(ForwardParam),
+          {FIELD(ForwardParam, inputs), FIELD(ForwardParam, inputNum), FIELD(ForwardParam, outputs),
+           FIELD(ForwardParam, outputNum), FIELD(ForwardParam, opkitBuf), FIELD(ForwardParam, opkitBufSize),
+           FIELD(ForwardParam, attr), FIELD(ForwardParam, attrSize), FIELD(ForwardParam, model),
+           FIELD(ForwardParam, modelSize), FIELD(ForwardParam, dumpHook), FIELD(ForwardParam, profiling),
+           FIELD(ForwardParam, stopFlag), FIELD(ForwardParam, segId), FIELD(ForwardParam, name),
+           FIELD(ForwardParam, layerId)}}},
+        {"TensorInfo",
+         {sizeof(TensorInfo),
+          {FIELD(TensorInfo, reserved), FIELD(TensorInfo, stride), FIELD(TensorInfo, batch), FIELD(TensorInfo, dimNum),
+           FIELD(TensorInfo, shape), FIELD(TensorInfo, data), FIELD(TensorInfo, size)}}},
+        {"ModelOffsets",
+         {sizeof(ModelOffsets), {FIELD(ModelOffsets, layerTableOffset), FIELD(ModelOffsets, layerTableSize)}}},
+        {"DumpHook",
+         {sizeof(DumpHook),
+          {FIELD(DumpHook, dumpFunc), FIELD(DumpHook, layerIds), FIELD(DumpHook, layerIdNum), FIELD(DumpHook, dumpAll),
+           FIELD(DumpHook, record.data), FIELD(DumpHook, record.size), FIELD(DumpHook, record.stride),
+           FIELD(DumpHook, record.layerId), FIELD(DumpHook, record.outputIndex)}}},
         {"ProfilingBuffer", {sizeof(ProfilingBuffer), {FIELD(ProfilingBuffer, slots), FIELD(ProfilingBuffer, size)}}},
-        {"ProfilingSlot", {sizeof(ProfilingSlot), {
-            FIELD(ProfilingSlot, slotIndex), FIELD(ProfilingSlot, startTime), FIELD(ProfilingSlot, endTime)}}},
+        {"ProfilingSlot",
+         {sizeof(ProfilingSlot),
+          {FIELD(ProfilingSlot, slotIndex), FIELD(ProfilingSlot, startTime), FIELD(ProfilingSlot, endTime)}}},
     };
     return records;
 }

@@ -1,0 +1,24 @@
+// Whole files in and out.
+#ifndef OPKIT_MODELKIT_FILE_IO_H
+#define OPKIT_MODELKIT_FILE_IO_H
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace opkit::modelkit {
+
+// Names the file, and the field or the byte offset where it is at fault.
+struct FileError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+std::string ReadFile(const std::filesystem::path& file);
+
+// Leaves either the old file or the whole new one: writes aside and renames. A device or a pipe is written in place.
+void WriteFile(const std::filesystem::path& file, std::string_view content);
+
+}  // namespace opkit::modelkit
+
+#endif  // OPKIT_MODELKIT_FILE_IO_H

@@ -1,0 +1,390 @@
+// DetectionOutput: one stage of the detection chain - suppression, filter or sort - over the box lists of all classes.
+// The stage is an attribute; the layer names FilterBox, Sort and NMS all lead here. Compacts its input, works on
+// records, writes compactly and expands.
+//
+// How many boxes a list holds, and the thresholds, come from this thread's objects and go back there: the tensors carry
+// no counts. Counts are clamped after the boxes are written, so a sort may write more than it reports.
+
+#include <cstdlib>
+#include <cstring>
+
+#include "common/convert.h"
+#include "opkit/attributes/detection.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+namespace {
+
+uint32_t FieldCount(uint32_t hasClassId)
+{
+    return hasClassId != 0 ? 6 : 5;
+}
+
+float Larger(float a, float b)
+{
+    return a > b ? a : b;
+}
+
+float Smaller(float a, float b)
+{
+    return a < b ? a : b;
+}
+
+// Inclusive extent of an overlap; 0 when there is none, and for NaN.
+float Extent(float low, float high)
+{
+    const float extent = high - low + 1.0f;
+    return extent >= 0.0f ? extent : 0.0f;
+}
+
+// Intersection and union. What a NaN coordinate gives here does not matter: its box's area is NaN, and so is the union.
+void Overlap(const DetBox& a, const DetBox& b, float* inter, float* uni)
+{
+    const float width = Extent(Larger(a.x1, b.x1), Smaller(a.x2, b.x2));
+    const float height = Extent(Larger(a.y1, b.y1), Smaller(a.y2, b.y2));
+    *inter = width * height;
+    *uni = a.area + b.area - *inter;
+}
+
+bool Apart(const DetBox& a, const DetBox& b)
+{
+    return b.x1 > a.x2 || a.x1 > b.x2 || b.y1 > a.y2 || a.y1 > b.y2;
+}
+
+// Clears the flags of the boxes behind boxes[i] that overlap it by more than thresh.
+void SuppressBehind(const DetBox* boxes, uint32_t i, uint32_t count, float thresh, uint32_t* keep)
+{
+    const DetBox box = boxes[i];
+    for (uint32_t j = i + 1; j < count; ++j) {
+        if (keep[j] == 0 || Apart(box, boxes[j])) {
+            continue;
+        }
+        float inter = 0.0f;
+        float uni = 0.0f;
+        Overlap(box, boxes[j], &inter, &uni);
+        if (inter > thresh * uni) {
+            keep[j] = 0;
+        }
+    }
+}
+
+void Swap(DetBox* a, DetBox* b)
+{
+    const DetBox box = *a;
+    *a = *b;
+    *b = box;
+}
+
+// One partition around the first score. Boxes equal to it are swapped, not skipped, and a NaN stops both scans: where
+// they end up decides which of them survive later stages. Returns the pivot's place.
+int32_t Partition(DetBox* boxes, int32_t low, int32_t high)
+{
+    const float pivot = boxes[low].score;
+    int32_t i = low;
+    int32_t j = high;
+    while (j > i) {
+        while (pivot > boxes[j].score) {
+            if (--j <= i) {
+                return i;
+            }
+        }
+        Swap(&boxes[i], &boxes[j]);
+        if (++i >= j) {
+            return i;
+        }
+        while (boxes[i].score > pivot) {
+            if (++i == j) {
+                return i;
+            }
+        }
+        Swap(&boxes[i], &boxes[j]);
+        --j;
+    }
+    return i;
+}
+
+// Where all scores differ there is one descending order, however it is reached. Both orders that would take a partition
+// for every box are recognised: nothing to do for a descending range, a reversal for an ascending one.
+bool SortOrdered(DetBox* boxes, int32_t low, int32_t high)
+{
+    int32_t i = low + 1;
+    while (i <= high && boxes[i - 1].score > boxes[i].score) {
+        ++i;
+    }
+    if (i > high) {
+        return true;
+    }
+    i = low + 1;
+    while (i <= high && boxes[i - 1].score < boxes[i].score) {
+        ++i;
+    }
+    if (i <= high) {
+        return false;
+    }
+    for (; low < high; ++low, --high) {
+        Swap(&boxes[low], &boxes[high]);
+    }
+    return true;
+}
+
+// Copies rows x1, y1, x2, y2, score and class id between field rows and records.
+void ReadBoxes(const float* rows, size_t rowLength, DetBox* boxes, uint32_t count, bool withClassId)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        boxes[i].x1 = rows[i];
+        boxes[i].y1 = rows[rowLength + i];
+        boxes[i].x2 = rows[2 * rowLength + i];
+        boxes[i].y2 = rows[3 * rowLength + i];
+        boxes[i].score = rows[4 * rowLength + i];
+    }
+    for (uint32_t i = 0; withClassId && i < count; ++i) {
+        boxes[i].classId = TruncateToI32(rows[5 * rowLength + i]);
+    }
+}
+
+void WriteBoxes(const DetBox* boxes, uint32_t count, bool withClassId, float* rows, size_t rowLength)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        rows[i] = boxes[i].x1;
+        rows[rowLength + i] = boxes[i].y1;
+        rows[2 * rowLength + i] = boxes[i].x2;
+        rows[3 * rowLength + i] = boxes[i].y2;
+        rows[4 * rowLength + i] = boxes[i].score;
+    }
+    for (uint32_t i = 0; withClassId && i < count; ++i) {
+        rows[5 * rowLength + i] = static_cast<float>(boxes[i].classId);
+    }
+}
+
+void RunStage(const DetectionOutputAttr& attr, DetBox* boxes)
+{
+    const uint32_t fields = FieldCount(attr.hasClassId);
+    switch (attr.stage) {
+        case OPKIT_STAGE_NMS:
+            ProcessNMS(boxes, attr.classNum, fields, attr.classCapacity, attr.maxBoxNum);
+            break;
+        case OPKIT_STAGE_FILTER:
+            ProcessFilterBox(boxes, attr.classNum, fields, attr.classCapacity, attr.maxBoxNum);
+            break;
+        case OPKIT_STAGE_SORT:
+            ProcessSort(boxes, attr.classNum, fields, attr.classCapacity, attr.maxBoxNum);
+            break;
+        default:  // boxes pass through
+            break;
+    }
+}
+
+// From here on class 0 stands for all classes, if they were packed.
+void UpdateCounts(const DetectionOutputAttr& attr)
+{
+    for (uint32_t c = 0; c < attr.classNum; ++c) {
+        g_curBoxNum[c] = g_curBoxNum[c] < attr.maxBoxNum ? g_curBoxNum[c] : attr.maxBoxNum;
+    }
+    if (attr.packOutput != 0) {
+        for (uint32_t c = 1; c < attr.classNum; ++c) {
+            g_curBoxNum[0] += g_curBoxNum[c];
+        }
+    }
+}
+
+void WriteCounts(const DetectionOutputAttr& attr, float* counts)
+{
+    counts[0] = static_cast<float>(g_curBoxNum[0]);
+    for (uint32_t c = 1; attr.packOutput == 0 && c < attr.classNum; ++c) {
+        counts[c] = static_cast<float>(g_curBoxNum[c]);
+    }
+}
+
+}  // namespace
+
+void Input2Bbox(const float* data, DetBox* boxes, uint32_t classNum, uint32_t hasClassId, uint32_t classCapacity)
+{
+    const size_t block = size_t{FieldCount(hasClassId)} * classCapacity;
+    for (uint32_t c = 0; c < classNum; ++c) {
+        ReadBoxes(data + c * block, classCapacity, boxes + size_t{c} * classCapacity, g_curBoxNum[c], hasClassId != 0);
+    }
+}
+
+void Bbox2Output(const DetBox* boxes, float* out, uint32_t classNum, uint32_t hasClassId, uint32_t classCapacity,
+                 uint32_t outWidth, uint32_t packed)
+{
+    const size_t block = size_t{FieldCount(hasClassId)} * outWidth;
+    for (uint32_t c = 0; c < classNum; ++c) {
+        WriteBoxes(boxes + size_t{c} * classCapacity, g_curBoxNum[c], hasClassId != 0, out, outWidth);
+        out += packed != 0 ? g_curBoxNum[c] : block;
+    }
+}
+
+void InitArea(DetBox* boxes, uint32_t* count)
+{
+    for (uint32_t i = 0; i < *count; ++i) {
+        boxes[i].area = (boxes[i].y2 - boxes[i].y1 + 1.0f) * (boxes[i].x2 - boxes[i].x1 + 1.0f);
+    }
+}
+
+void NmsOperator(DetBox* a, DetBox* b, float* inter, float* uni)
+{
+    Overlap(*a, *b, inter, uni);
+}
+
+uint32_t DoNms(DetBox* boxes, uint32_t* count, uint32_t maxKeep, float thresh)
+{
+    InitArea(boxes, count);
+    const uint32_t total = *count;
+    const size_t bytes = size_t{total} * sizeof(uint32_t);
+    uint32_t* const keep = static_cast<uint32_t*>(std::malloc(bytes));
+    if (keep == nullptr) {
+        Report(Here(), "Malloc %lu failed!\n\n", bytes);
+        return kFailure;
+    }
+    for (uint32_t i = 0; i < total; ++i) {
+        keep[i] = 1;
+    }
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < total && kept < maxKeep; ++i) {
+        if (keep[i] != 0) {
+            SuppressBehind(boxes, i, total, thresh, keep);
+            boxes[kept++] = boxes[i];
+        }
+    }
+    *count = kept;
+    std::free(keep);
+    return kSuccess;
+}
+
+void DoFilterBox(DetBox* boxes, uint32_t* count, uint32_t maxKeep, float score, float width, float height)
+{
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < *count && kept < maxKeep; ++i) {
+        const DetBox& box = boxes[i];
+        if (box.score >= score && box.x2 - box.x1 > width && box.y2 - box.y1 > height) {
+            boxes[kept++] = box;
+        }
+    }
+    *count = kept;
+}
+
+void ProcessNMS(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity, uint32_t maxKeep)
+{
+    for (uint32_t c = 0; c < classNum; ++c) {
+        if (g_curBoxNum[c] > 1) {
+            DoNms(boxes + size_t{c} * classCapacity, &g_curBoxNum[c], maxKeep, g_nmsThresh);
+        }
+    }
+}
+
+void ProcessFilterBox(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity,
+                      uint32_t maxKeep)
+{
+    for (uint32_t c = 0; c < classNum; ++c) {
+        DoFilterBox(boxes + size_t{c} * classCapacity, &g_curBoxNum[c], maxKeep, g_lowScoreThresh, g_maxWidth,
+                    g_maxHeight);
+    }
+}
+
+void ProcessSort(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity,
+                 uint32_t /*maxKeep*/)
+{
+    for (uint32_t c = 0; c < classNum; ++c) {
+        if (g_curBoxNum[c] > 1) {
+            QuickSort(boxes + size_t{c} * classCapacity, 0, static_cast<int32_t>(g_curBoxNum[c] - 1));
+        }
+    }
+}
+
+// The two sides of a pivot share no box, so either may come first: the shorter one by recursion, which keeps that
+// shallow, the longer one by going round.
+void QuickSort(DetBox* boxes, int32_t low, int32_t high)
+{
+    while (!SortOrdered(boxes, low, high)) {
+        const int32_t pivot = Partition(boxes, low, high);
+        const bool leftIsShorter = pivot - low < high - pivot;
+        const int32_t shortLow = leftIsShorter ? low : pivot + 1;
+        const int32_t shortHigh = leftIsShorter ? pivot - 1 : high;
+        if (shortHigh > shortLow) {
+            QuickSort(boxes, shortLow, shortHigh);
+        }
+        low = leftIsShorter ? pivot + 1 : low;
+        high = leftIsShorter ? high : pivot - 1;
+        if (high <= low) {
+            return;
+        }
+    }
+}
+
+void DoSort(DetBox* boxes, uint32_t* count, uint32_t limit)
+{
+    for (uint32_t i = 0; i < *count && i < limit; ++i) {
+        uint32_t best = i;
+        for (uint32_t j = i + 1; j < *count; ++j) {
+            if (boxes[j].score > boxes[best].score) {
+                best = j;
+            }
+        }
+        Swap(&boxes[i], &boxes[best]);
+    }
+}
+
+uint32_t DetectionOutputOpkitForward(LayerParam* param)
+{
+    InputCursor cursor = {param};
+    Input in;
+    if (!NextInputOrReport(&cursor, &in) || !CompactInput(in)) {
+        return kFailure;
+    }
+    const DetectionOutputAttr& attr = AttrOf<DetectionOutputAttr>(param);
+    const Output out = OutputOf(param, 0);
+    const bool packed = attr.packOutput != 0 || attr.writeCount != 0;
+    if (param->dumpHook.dumpAll != 0 && out.count != 0) {
+        std::memset(out.data, 0, size_t{out.count} * sizeof(float));
+    }
+    const size_t slots = size_t{attr.classCapacity} * attr.classNum;
+    DetBox* const boxes = static_cast<DetBox*>(std::malloc(slots * sizeof(DetBox)));
+    if (boxes == nullptr) {
+        Report(Here(), "Malloc failed!\n\n");
+        return kFailure;
+    }
+    Input2Bbox(in.data, boxes, attr.classNum, attr.hasClassId, attr.classCapacity);
+    RunStage(attr, boxes);
+    Bbox2Output(boxes, out.data, attr.classNum, attr.hasClassId, attr.classCapacity, out.shape[3], packed ? 1 : 0);
+    std::free(boxes);
+
+    UpdateCounts(attr);
+    if (attr.writeCount != 0) {
+        const Output counts = OutputOf(param, 1);
+        WriteCounts(attr, counts.data);
+        if (ExpandOutputChecked(counts) != kSuccess) {
+            return kFailure;
+        }
+    }
+    return ExpandOutputChecked(out);
+}
+
+uint32_t FilterBoxOpkitForward(LayerParam* param)
+{
+    if (DetectionOutputOpkitForward(param) != kSuccess) {
+        Report(Here(), "FilterBoxOpkitForward falied.\n\n");
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+uint32_t SortOpkitForward(LayerParam* param)
+{
+    if (DetectionOutputOpkitForward(param) != kSuccess) {
+        Report(Here(), "SortOpkitForward falied.\n\n");
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+uint32_t NMSOpkitForward(LayerParam* param)
+{
+    if (DetectionOutputOpkitForward(param) != kSuccess) {
+        Report(Here(), "NMSOpkitForward falied.\n\n");
+        return kFailure;
+    }
+    return kSuccess;
+}

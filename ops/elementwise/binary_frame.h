@@ -1,0 +1,133 @@
+// The frame of the operators that broadcast one to three inputs against output 0: resolving them, leaving stride
+// records in the attribute block, walking.
+//
+// Two ways to treat rows: inputs are read where they lie, row by row of their own width and pitch, or compacted in
+// place first and read compactly. An output is written by the row layout, or compactly and expanded afterwards.
+#ifndef OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
+#define OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
+
+#include "common/broadcast.h"
+#include "kernels/activation.h"
+#include "kernels/binary.h"
+#include "runtime/frame.h"
+
+namespace opkit {
+
+template <uint32_t N>
+struct Operands {
+    Input in[N];
+    Output out;
+};
+
+// Resolves inputs 0 to N - 1 and output 0, and prints nothing.
+template <uint32_t N>
+bool Resolve(LayerParam* param, Operands<N>* operands)
+{
+    InputCursor cursor = {param};
+    for (Input& in : operands->in) {
+        if (!NextInput(&cursor, &in)) {
+            return false;
+        }
+    }
+    operands->out = OutputOf(param, 0);
+    return true;
+}
+
+// The same, with a message in the caller's name.
+template <uint32_t N>
+bool ResolveOrReport(LayerParam* param, Operands<N>* operands, Caller caller = Here())
+{
+    const bool resolved = Resolve(param, operands);
+    if (!resolved) {
+        Report(caller, "ParseInputInfo failed.\n\n");
+    }
+    return resolved;
+}
+
+// Resolves and compacts one input after the other, with messages: what was compacted before a failure stays so.
+template <uint32_t N>
+bool ResolveAndCompact(LayerParam* param, Operands<N>* operands, Caller caller = Here())
+{
+    InputCursor cursor = {param};
+    for (Input& in : operands->in) {
+        if (!NextInputOrReport(&cursor, &in, caller) || !CompactInput(in, caller)) {
+            return false;
+        }
+    }
+    operands->out = OutputOf(param, 0);
+    return true;
+}
+
+// Leaves the strides of the output, and of every input whose shape differs from it, in the attribute block.
+template <class Attr, uint32_t N>
+void RecordStrides(Attr& attr, const Operands<N>& operands)
+{
+    const Output& out = operands.out;
+    const uint32_t outDims = static_cast<uint32_t>(out.dimNum);
+    StrideRecord& outRecord = attr.outputStrides[0];
+    SetStride(outRecord.strides, &outRecord.count, out.shape, outDims);
+    for (uint32_t i = 0; i < N; ++i) {
+        const Input& in = operands.in[i];
+        if (JudgeBroadCast(out.shape, outDims, in.shape, in.dimNum) != 0) {
+            StrideRecord& record = attr.inputStrides[i];
+            SetStride(record.strides, &record.count, in.shape, static_cast<uint32_t>(in.dimNum));
+        }
+    }
+}
+
+enum class Rows { kPadded, kCompact };
+
+inline RowShape RowsOf(const Tensor& tensor, Rows rows)
+{
+    return {tensor.shape, static_cast<uint32_t>(tensor.dimNum), rows == Rows::kPadded ? tensor.Pitch() : tensor.width};
+}
+
+// Calls run(inputs[N], steps[N], out, length) over the whole output in ascending order; a step is 0 or 1.
+template <uint32_t N, class Run>
+void ForEachRun(const Operands<N>& operands, Rows inputRows, Rows outputRows, Run run)
+{
+    if (operands.out.count == 0) {
+        return;  // before any pitch, which may be a division by zero
+    }
+    RowShape inputs[N];
+    for (uint32_t i = 0; i < N; ++i) {
+        inputs[i] = RowsOf(operands.in[i], inputRows);
+    }
+    ForEachBroadcastRun(RowsOf(operands.out, outputRows), inputs,
+                        [&](size_t to, const size_t(&from)[N], const uint32_t(&steps)[N], uint32_t length) {
+                            const float* at[N];
+                            for (uint32_t i = 0; i < N; ++i) {
+                                at[i] = operands.in[i].data + from[i];
+                            }
+                            run(at, steps, operands.out.data + to, length);
+                        });
+}
+
+inline void MapRuns(const Operands<2>& operands, Rows inputRows, Rows outputRows, BinaryKernel kernel)
+{
+    ForEachRun(operands, inputRows, outputRows,
+               [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out, uint32_t length) {
+                   kernel(in[0], steps[0], in[1], steps[1], out, length);
+               });
+}
+
+// One compact input and a compact output. An input that stands still is mapped once.
+inline void MapCompactRuns(const Operands<1>& operands, MapKernel kernel)
+{
+    ForEachRun(operands, Rows::kCompact, Rows::kCompact,
+               [kernel](const float* const(&in)[1], const uint32_t(&steps)[1], float* out, uint32_t length) {
+                   if (steps[0] != 0) {
+                       kernel(in[0], out, length);
+                       return;
+                   }
+                   float value;
+                   kernel(in[0], &value, 1);
+                   for (uint32_t i = 0; i < length; ++i) {
+                       out[i] = value;
+                   }
+               });
+}
+
+}  // namespace opkit
+
+#endif  // OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H

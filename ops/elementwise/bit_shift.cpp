@@ -1,0 +1,62 @@
+// BitShift: shifts input 0, cut to an unsigned 64-bit number, by input 1 modulo 64, and rounds the result to f32.
+// A negative operand is warned of, element by element, and computed like any other: -1.0 is 2^64 - 1. Rows are read and
+// written where they lie, and gaps stay untouched.
+
+#include "common/convert.h"
+#include "opkit/attributes/elementwise.h"
+#include "opkit/operators.h"
+#include "ops/elementwise/binary_frame.h"
+
+namespace opkit {
+namespace {
+
+void WarnIfNegative(float a, float b, Caller caller = Here())
+{
+    if (a < 0.0f || b < 0.0f) {
+        Report(caller, "bit_shift op input[%f, %f] is neg number.\n\n", static_cast<double>(a), static_cast<double>(b));
+    }
+}
+
+uint32_t Distance(float b)
+{
+    return static_cast<uint32_t>(TruncateToU64(b) & 63);
+}
+
+float BitShiftLeft(float a, float b)
+{
+    WarnIfNegative(a, b);
+    return static_cast<float>(TruncateToU64(a) << Distance(b));
+}
+
+float BitShiftRight(float a, float b)
+{
+    WarnIfNegative(a, b);
+    return static_cast<float>(TruncateToU64(a) >> Distance(b));
+}
+
+// Every element is computed, also where both operands stand still: each has its warning.
+template <float (*Shift)(float, float)>
+void ShiftRun(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        out[i] = Shift(a[i * stepA], b[i * stepB]);
+    }
+}
+
+}  // namespace
+}  // namespace opkit
+
+using namespace opkit;
+
+uint32_t BitShiftOpkitForward(LayerParam* param)
+{
+    Operands<2> operands;
+    if (!Resolve(param, &operands)) {
+        return kFailure;
+    }
+    BitShiftAttr& attr = AttrOf<BitShiftAttr>(param);
+    RecordStrides(attr, operands);
+    MapRuns(operands, Rows::kPadded, Rows::kPadded,
+            attr.shiftLeft != 0 ? ShiftRun<BitShiftLeft> : ShiftRun<BitShiftRight>);
+    return kSuccess;
+}

@@ -1,0 +1,41 @@
+// Logical: and, or, xor of two broadcast inputs, or not of one, as 1.0 and 0.0. False is what lies within the zero
+// tolerance, so NaN is true.
+// Inputs are compacted in place, each before the next is resolved; the output is written compactly and expanded, also
+// for an unknown operation, which computes nothing.
+
+#include "opkit/attributes/elementwise.h"
+#include "opkit/operators.h"
+#include "ops/elementwise/binary_frame.h"
+
+using namespace opkit;
+
+uint32_t LogicalOpkitForward(LayerParam* param)
+{
+    const bool negates = AttrOf<LogicalAttr>(param).logicalType == OPKIT_LOGICAL_NOT;
+    return negates ? NotForward(param) : AndOrXorForward(param);
+}
+
+uint32_t AndOrXorForward(LayerParam* param)
+{
+    Operands<2> operands;
+    if (!ResolveAndCompact(param, &operands)) {
+        return kFailure;
+    }
+    LogicalAttr& attr = AttrOf<LogicalAttr>(param);
+    RecordStrides(attr, operands);
+    if (attr.logicalType <= OPKIT_LOGICAL_XOR) {
+        MapRuns(operands, Rows::kCompact, Rows::kCompact, Binary().logical[attr.logicalType]);
+    }
+    return ExpandOutputChecked(operands.out);
+}
+
+uint32_t NotForward(LayerParam* param)
+{
+    Operands<1> operands;
+    if (!ResolveAndCompact(param, &operands)) {
+        return kFailure;
+    }
+    RecordStrides(AttrOf<LogicalAttr>(param), operands);
+    MapCompactRuns(operands, Activation().logicalNot);
+    return ExpandOutputChecked(operands.out);
+}

@@ -1,0 +1,35 @@
+// Round: ceiling, floor, or nearest with halves to even. A half is recognised with a tolerance and then loses exactly
+// 0.5, so 3.4999995 gives 2. Ceiling and floor keep the sign bit of what becomes zero, halves do not.
+// Rows are read where they lie; the output is written compactly and expanded, also for an unknown mode, which computes
+// nothing.
+
+#include "kernels/activation.h"
+#include "kernels/round_elements.h"
+#include "opkit/attributes/elementwise.h"
+#include "opkit/operators.h"
+#include "ops/elementwise/activation_frame.h"
+
+using namespace opkit;
+
+int32_t IsEqualToHalf(float x)
+{
+    return IsHalf(x) ? 1 : 0;
+}
+
+uint32_t RoundOpkitForward(LayerParam* param)
+{
+    InputCursor cursor = {param};
+    Input in;
+    if (!NextInputOrReport(&cursor, &in)) {
+        return kFailure;
+    }
+    const Output out = OutputOf(param, 0);
+    if (in.count != out.count || in.dimNum != out.dimNum) {
+        return kFailure;
+    }
+    const uint32_t mode = AttrOf<RoundAttr>(param).roundMode;
+    if (mode <= OPKIT_ROUND_NEAREST) {
+        ForEachPaddedToCompact(in, out, Activation().round[mode]);
+    }
+    return ExpandOutputChecked(out);
+}

@@ -1,0 +1,26 @@
+// Shrink: x + bias below -lambd, x - bias above lambd, +0.0 between and for NaN.
+// Rows are read where they lie; the output is written compactly and expanded.
+
+#include "kernels/activation.h"
+#include "opkit/attributes/elementwise.h"
+#include "opkit/operators.h"
+#include "ops/elementwise/activation_frame.h"
+
+using namespace opkit;
+
+uint32_t ShrinkOpkitForward(LayerParam* param)
+{
+    InputCursor cursor = {param};
+    Input in;
+    if (!NextInputOrReport(&cursor, &in)) {
+        return kFailure;
+    }
+    const Output out = OutputOf(param, 0);
+    const float bias = AttrOf<ShrinkAttr>(param).bias;
+    const float lambd = AttrOf<ShrinkAttr>(param).lambd;
+    const auto shrink = Activation().shrink;
+    ForEachPaddedToCompact(in, out, [=](const float* from, float* to, uint32_t length) {
+        shrink(from, to, length, bias, lambd);
+    });
+    return ExpandOutputChecked(out);
+}

@@ -1,0 +1,19 @@
+// Sqrt: the f32 square root of an input that may broadcast; below zero a NaN.
+// The input is compacted in place; the output is written compactly and expanded.
+
+#include "opkit/attributes/elementwise.h"
+#include "opkit/operators.h"
+#include "ops/elementwise/binary_frame.h"
+
+using namespace opkit;
+
+uint32_t SqrtOpkitForward(LayerParam* param)
+{
+    Operands<1> operands;
+    if (!ResolveAndCompact(param, &operands)) {
+        return kFailure;
+    }
+    RecordStrides(AttrOf<SqrtAttr>(param), operands);
+    MapCompactRuns(operands, Activation().squareRoot);
+    return ExpandOutputChecked(operands.out);
+}

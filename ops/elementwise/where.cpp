@@ -1,0 +1,51 @@
+// Where: input 1 where the condition, input 0, is true, else input 2, all three broadcast. Bits move unchanged, and a
+// NaN condition is true.
+// Inputs are compacted in place, each before the next is resolved; the output is written compactly and expanded.
+
+#include "common/float_compare.h"
+#include "common/move_floats.h"
+#include "opkit/attributes/elementwise.h"
+#include "opkit/operators.h"
+#include "ops/elementwise/binary_frame.h"
+
+namespace opkit {
+namespace {
+
+constexpr uint32_t kInputs = 3;
+
+void SelectRun(const float* const (&in)[kInputs], const uint32_t (&steps)[kInputs], float* out, uint32_t length)
+{
+    if (steps[0] != 0) {
+        Binary().select(in[0], in[1], steps[1], in[2], steps[2], out, length);
+        return;
+    }
+    const uint32_t chosen = NearZero(*in[0]) ? 2 : 1;  // for the whole run
+    if (steps[chosen] != 0) {
+        MoveFloats(out, in[chosen], length);
+        return;
+    }
+    const float value = *in[chosen];
+    for (uint32_t i = 0; i < length; ++i) {
+        out[i] = value;
+    }
+}
+
+}  // namespace
+}  // namespace opkit
+
+using namespace opkit;
+
+uint32_t WhereOpkitForward(LayerParam* param)
+{
+    WhereAttr& attr = AttrOf<WhereAttr>(param);
+    if (attr.inputCount != kInputs) {
+        return kFailure;
+    }
+    Operands<kInputs> operands;
+    if (!ResolveAndCompact(param, &operands)) {
+        return kFailure;
+    }
+    RecordStrides(attr, operands);
+    ForEachRun(operands, Rows::kCompact, Rows::kCompact, SelectRun);
+    return ExpandOutputChecked(operands.out);
+}

@@ -1,0 +1,115 @@
+// Gemm: Y = alpha * op(A) * op(B) + beta * C over a stack of matrices, C optional and broadcast to Y.
+// Compacts its inputs, computes compactly, expands.
+//
+// With C the products accumulate onto the broadcast C in the work space; Y is cleared in between and copied at the end.
+// Without C they accumulate onto the cleared Y, so that a NaN or infinite beta still makes NaN. The number of matrices
+// follows Y alone, and A and B both move on by a whole matrix each time. The stride records in the model buffer are
+// written although nothing here reads them again.
+
+#include <string.h>
+
+#include "common/broadcast.h"
+#include "opkit/attributes/matrix.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+namespace opkit {
+namespace {
+
+constexpr uint32_t kIndexOfC = 2;
+
+RowShape CompactShape(const Tensor& tensor)
+{
+    return {tensor.shape, static_cast<uint32_t>(tensor.dimNum), tensor.width};
+}
+
+void WriteStrides(StrideRecord* record, const Tensor& tensor)
+{
+    SetStride(record->strides, &record->count, tensor.shape, static_cast<uint32_t>(tensor.dimNum));
+}
+
+void BroadcastTo(float* to, const Output& out, const Input& c)
+{
+    const RowShape source[] = {CompactShape(c)};
+    ForEachBroadcastRun(CompactShape(out), source,
+                        [&](size_t at, const size_t(&from)[1], const uint32_t(&steps)[1], uint32_t length) {
+                            if (steps[0] != 0) {
+                                memcpy(to + at, c.data + from[0], length * sizeof(float));
+                                return;
+                            }
+                            const float value = c.data[from[0]];
+                            for (uint32_t i = 0; i < length; ++i) {
+                                to[at + i] = value;
+                            }
+                        });
+}
+
+// Fills `to` with C in Y's shape and leaves the stride records behind.
+void PrepareSum(float* to, const Output& out, const Input& c, GemmAttr* attr)
+{
+    WriteStrides(&attr->outputStrides[0], out);
+    if (JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), c.shape, c.dimNum) == 0) {
+        memcpy(to, c.data, size_t{out.count} * sizeof(float));
+        return;
+    }
+    WriteStrides(&attr->inputStrides[kIndexOfC], c);
+    BroadcastTo(to, out, c);
+}
+
+void MultiplyMatrices(const GemmAttr& attr, const Input& a, const Input& b, const Output& out, float* sum)
+{
+    const int32_t last = a.dimNum - 1;  // A's, for B's shape as well
+    GemmArgs args = {};
+    args.transA = attr.transA;
+    args.transB = attr.transB;
+    args.M = a.shape[attr.transA != 0 ? last : last - 1];
+    args.K = a.shape[attr.transA != 0 ? last - 1 : last];
+    args.N = b.shape[attr.transB != 0 ? last - 1 : last];
+    args.alpha = attr.alpha;
+    args.A = a.data;
+    args.B = b.data;
+    args.beta = attr.beta;
+    args.C = sum;
+    const int32_t matrices = static_cast<int32_t>(ShapeCount(out.shape, out.dimNum, 0, out.dimNum - 2));
+    for (int32_t g = 0; g < matrices; ++g) {
+        Gemm(args);
+        args.A += size_t{args.M} * args.K;
+        args.B += size_t{args.K} * args.N;
+        args.C += size_t{args.M} * args.N;
+    }
+}
+
+}  // namespace
+}  // namespace opkit
+
+using namespace opkit;
+
+uint32_t GemmOpkitForward(LayerParam* param)
+{
+    InputCursor cursor = {param};
+    Input a;
+    Input b;
+    if (!NextInputOrReport(&cursor, &a) || !CompactInput(a) || !NextInputOrReport(&cursor, &b) || !CompactInput(b)) {
+        return kFailure;
+    }
+    const Output out = OutputOf(param, 0);
+    GemmAttr& attr = AttrOf<GemmAttr>(param);
+    const bool hasC = attr.inputCount == 3;
+    float* sum = out.data;
+    if (hasC) {
+        Input c;
+        if (!NextInputOrReport(&cursor, &c) || !CompactInput(c)) {
+            return kFailure;
+        }
+        sum = static_cast<float*>(param->opkitBuf);
+        PrepareSum(sum, out, c, &attr);
+    }
+    if (out.count != 0) {
+        memset(out.data, 0, size_t{out.count} * sizeof(float));
+    }
+    MultiplyMatrices(attr, a, b, out, sum);
+    if (hasC && out.count != 0) {
+        memcpy(out.data, sum, size_t{out.count} * sizeof(float));
+    }
+    return ExpandOutputChecked(out);
+}

@@ -1,0 +1,40 @@
+// MatMul: Y[i] = A[i % batch of A] * B[i % batch of B], matrix by matrix of a stack.
+// Compacts its inputs, computes compactly, expands. Sizes come from A's shape and Y's width; of B only the number of
+// matrices counts.
+
+#include "opkit/operators.h"
+#include "ops/matrix/stacked_product.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+int32_t MatmulGetCount(uint32_t* shape, int32_t dimNum)
+{
+    return static_cast<int32_t>(dimNum < 3 ? 1 : ElementCount(shape, static_cast<uint32_t>(dimNum) - 2));
+}
+
+uint32_t MatMulOpkitForward(LayerParam* param)
+{
+    if (param->attr == nullptr) {
+        return kFailure;
+    }
+    InputCursor cursor = {param};
+    Input a;
+    Input b;
+    if (!NextInputOrReport(&cursor, &a) || !CompactInput(a) || !NextInputOrReport(&cursor, &b) || !CompactInput(b)) {
+        return kFailure;
+    }
+    const Output out = OutputOf(param, 0);
+    const uint32_t rows = a.dimNum > 1 ? a.shape[a.dimNum - 2] : 1;
+    const int32_t aBatch = MatmulGetCount(a.shape, a.dimNum);
+    const int32_t bBatch = MatmulGetCount(b.shape, b.dimNum);
+    const int32_t yBatch = MatmulGetCount(out.shape, out.dimNum);
+    if (yBatch > 0) {
+        if (aBatch == 0 || bBatch == 0) {
+            Report(Here(), "cannot divisor zero, len0 = %d, len1 = %d\n", aBatch, bBatch);
+            return kFailure;
+        }
+        MultiplyStacks(rows, out.width, a.width, {a.data, aBatch}, {b.data, bBatch}, {out.data, yBatch});
+    }
+    return ExpandOutputChecked(out);
+}

@@ -1,0 +1,236 @@
+// Resize, nearest: every output element is a copy of the input element that its coordinates round to, on all four axes.
+// Offsets are found once per axis, so that an element costs one table look-up and one load.
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/convert.h"
+#include "ops/movement/resize.h"
+
+namespace opkit {
+namespace {
+
+constexpr int32_t kAxes = 4;
+
+struct NearestContext {
+    uint32_t dimNum;
+    const uint32_t* inShape;
+    const uint32_t* outShape;
+    const uint32_t* strides;  // compact element strides of X
+    const float* scales;
+    const float* roi;
+    bool extrapolate;
+    uint32_t coordinateMode;
+    uint32_t nearestMode;
+};
+
+float RoundCoordinate(uint32_t nearestMode, float x, float scale)
+{
+    switch (nearestMode) {
+        case OPKIT_RESIZE_ROUND:
+            return roundf(x);
+        case OPKIT_RESIZE_FLOOR:
+            return floorf(x);
+        case OPKIT_RESIZE_CEIL:
+            return ceilf(x);
+        case OPKIT_RESIZE_SIMPLE:
+            return scale < 1.0f ? ceilf(x) : x;
+        default: {
+            // The half is added, not subtracted, so this holds about -0.5 only: 2.5 still rounds up.
+            const float truncated = static_cast<float>(TruncateToU32(x));
+            const bool half = __builtin_fabs(static_cast<double>(0.5f + (x - truncated))) < 1e-6;
+            return half ? floorf(x) : roundf(x);
+        }
+    }
+}
+
+// What an output position outside the input gets as its offset: minus the element count, above every real offset.
+uint32_t OutsideOffset(const NearestContext& context)
+{
+    return 0 - context.strides[0] * context.inShape[0];
+}
+
+// Compact offsets into X of one axis's output positions.
+void BuildNearestOffsets(const NearestContext& context, uint32_t* offsets, int32_t axis)
+{
+    const ResizeAxis map = {context.coordinateMode, context.inShape[axis], context.outShape[axis],
+                            context.scales[axis], context.roi[axis], context.roi[context.dimNum + axis]};
+    const uint32_t stride = context.strides[axis];
+    const bool keep = map.KeepsPosition();
+    for (uint32_t i = 0; i < map.out; ++i) {
+        if (keep) {
+            offsets[i] = i * stride;
+            continue;
+        }
+        const float x = SourceCoordinate(map, i);
+        if (context.extrapolate && map.Outside(x)) {
+            offsets[i] = OutsideOffset(context);
+            continue;
+        }
+        float rounded = RoundCoordinate(context.nearestMode, x, map.scale);
+        if (rounded >= static_cast<float>(map.in)) {
+            rounded = map.Last();
+        } else {
+            rounded = rounded > 0.0f ? rounded : 0.0f;  // NaN goes to the first element
+        }
+        offsets[i] = static_cast<uint32_t>(TruncateToI64(rounded)) * stride;
+    }
+}
+
+// The tables of the four axes: on the stack, and on the heap when they are long.
+class OffsetTables {
+public:
+    explicit OffsetTables(const uint32_t* outShape)
+    {
+        for (int32_t axis = 0; axis < kAxes; ++axis) {
+            entries_ += outShape[axis];
+        }
+        uint32_t* next = entries_ <= kOnStack ? local_ : static_cast<uint32_t*>(std::malloc(Bytes()));
+        heap_ = next == local_ ? nullptr : next;
+        for (int32_t axis = 0; axis < kAxes && next != nullptr; ++axis) {
+            axes_[axis] = next;
+            next += outShape[axis];
+        }
+    }
+    ~OffsetTables() { std::free(heap_); }
+    OffsetTables(const OffsetTables&) = delete;
+    OffsetTables& operator=(const OffsetTables&) = delete;
+
+    bool Valid() const { return axes_[0] != nullptr; }
+    size_t Bytes() const { return entries_ * sizeof(uint32_t); }
+    uint32_t* operator[](int32_t axis) const { return axes_[axis]; }
+
+private:
+    static constexpr size_t kOnStack = 4096;
+    size_t entries_ = 0;
+    uint32_t* axes_[kAxes] = {};
+    uint32_t* heap_ = nullptr;
+    uint32_t local_[kOnStack];
+};
+
+// Compact offsets become padded ones. They add up as before: those of the outer axes are whole rows.
+void PadOffsets(uint32_t* offsets, uint32_t count, uint32_t width, uint32_t pitch, uint32_t outside)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        if (offsets[i] != outside) {
+            offsets[i] = (offsets[i] / width) * pitch + offsets[i] % width;
+        }
+    }
+}
+
+// One output row, or a part of it, from the input row at `in`.
+struct ColumnPicker {
+    bool mayBeOutside;  // of an axis of the output
+    uint32_t outside;
+    float outsideValue;
+
+    void Fill(float* out, uint32_t count) const
+    {
+        for (uint32_t i = 0; i < count; ++i) {
+            out[i] = outsideValue;
+        }
+    }
+
+    void Pick(const float* in, const uint32_t* columns, float* out, uint32_t count) const
+    {
+        if (!mayBeOutside) {
+            for (uint32_t i = 0; i < count; ++i) {
+                out[i] = in[columns[i]];
+            }
+            return;
+        }
+        for (uint32_t i = 0; i < count; ++i) {
+            out[i] = columns[i] == outside ? outsideValue : in[columns[i]];
+        }
+    }
+};
+
+// Elements of consecutive columns, as on an axis that is not resampled, move as one block.
+bool AreConsecutive(const uint32_t* columns, uint32_t count, uint32_t outside)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        if (columns[i] != i || columns[i] == outside) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void Sample(const ResizeTensor& in, const ResizeTensor& out, const OffsetTables& tables, const ColumnPicker& picker)
+{
+    const uint32_t* const extent = out.shape;
+    const uint32_t outside = picker.outside;
+    const uint32_t* const columns = tables[3];
+    const bool consecutive = AreConsecutive(columns, extent[3], outside);
+    const bool wholeRows = extent[3] == out.Width();  // unless the output has more than four dimensions
+    RowCursor cursor(out.Width(), out.Pitch());
+    for (uint32_t n = 0; n < extent[0]; ++n) {
+        for (uint32_t c = 0; c < extent[1]; ++c) {
+            const uint32_t plane = tables[0][n] + tables[1][c];
+            const bool planeOutside = tables[0][n] == outside || tables[1][c] == outside;
+            for (uint32_t h = 0; h < extent[2]; ++h) {
+                const bool rowOutside = planeOutside || tables[2][h] == outside;
+                const float* const row = rowOutside ? nullptr : in.data + size_t{plane + tables[2][h]};
+                const bool sameAsAbove = wholeRows && h > 0 && tables[2][h] == tables[2][h - 1];
+                for (uint32_t w = 0, length; w < extent[3]; w += length) {
+                    length = extent[3] - w < cursor.LeftInRow() ? extent[3] - w : cursor.LeftInRow();
+                    float* const to = out.data + cursor.Offset();
+                    if (rowOutside) {
+                        picker.Fill(to, length);
+                    } else if (consecutive) {
+                        std::memmove(to, row + w, size_t{length} * sizeof(float));
+                    } else if (sameAsAbove) {
+                        std::memcpy(to, to - out.Pitch(), size_t{length} * sizeof(float));
+                    } else {
+                        picker.Pick(row, columns + w, to, length);
+                    }
+                    cursor.Advance(length);
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
+
+uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
+{
+    ResizeTensor in;
+    ResizeTensor out;
+    if (!ResolveResize(layer.param, &in, &out) || out.desc.count == 0) {
+        return kSuccess;
+    }
+    const bool extrapolate = layer.attr->extrapolate != 0;
+    if (in.desc.count == 0 && !extrapolate) {
+        return kSuccess;  // nothing to take
+    }
+    uint32_t strides[kAxes];
+    for (int32_t axis = 0; axis < kAxes; ++axis) {
+        const int32_t inner = in.desc.dimNum - axis - 1;
+        strides[axis] = inner > 0 ? ElementCount(in.shape + axis + 1, static_cast<uint32_t>(inner)) : 1;
+    }
+    const OffsetTables tables(out.shape);
+    if (!tables.Valid()) {
+        Report(caller, "Malloc %ld failed!\n\n", static_cast<long>(tables.Bytes()));
+        return kSuccess;  // as when the linear tables find no memory
+    }
+    const NearestContext context = {static_cast<uint32_t>(in.desc.dimNum),
+                                    in.shape,
+                                    out.shape,
+                                    strides,
+                                    layer.scales,
+                                    layer.region,
+                                    extrapolate,
+                                    layer.attr->coordinateMode,
+                                    layer.attr->nearestMode};
+    const uint32_t outside = OutsideOffset(context);
+    for (int32_t axis = 0; axis < kAxes; ++axis) {
+        BuildNearestOffsets(context, tables[axis], axis);
+        PadOffsets(tables[axis], out.shape[axis], in.Width(), in.Pitch(), outside);
+    }
+    Sample(in, out, tables, {extrapolate, outside, layer.attr->extrapolationValue});
+    return kSuccess;
+}
+
+}  // namespace opkit

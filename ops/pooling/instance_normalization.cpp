@@ -1,0 +1,104 @@
+// InstanceNormalization: every plane to its own mean and variance, then scaled and shifted per channel, in the form
+// x * a + (bias - mean * a). Compacts its inputs, writes compactly and expands; the work space holds one plane.
+//
+// The biased variance takes two passes over the plane, and all sums run in f32 in index order. epsilon is a whole
+// number. Only the last four dimensions count.
+
+#include <cmath>
+
+#include "common/bounded_memory.h"
+#include "opkit/attributes/pooling.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+namespace {
+
+struct Planes {
+    uint32_t count = 1;
+    uint32_t size = 1;
+    uint32_t channels = 1;
+};
+
+Planes PlanesOf(const Input& x)
+{
+    const uint32_t* const end = x.shape + x.dimNum;
+    if (x.dimNum >= 4) {
+        return {end[-4] * end[-3], end[-2] * end[-1], end[-3]};
+    }
+    if (x.dimNum == 3) {
+        return {x.shape[0] * x.shape[1], x.shape[2], x.shape[1]};
+    }
+    return {1, x.count, 1};
+}
+
+float SumInOrder(const float* values, uint32_t count)
+{
+    float sum = 0.0f;
+    for (uint32_t i = 0; i < count; ++i) {
+        sum += values[i];
+    }
+    return sum;
+}
+
+void SquareDistances(float* values, uint32_t count, float mean)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        const float distance = values[i] - mean;
+        values[i] = distance * distance;
+    }
+}
+
+void ScaleAndShift(float* values, uint32_t count, float scale, float shift)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        values[i] = values[i] * scale + shift;
+    }
+}
+
+}  // namespace
+
+uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
+{
+    InputCursor cursor = {param};
+    Input x;
+    Input scale;
+    Input bias;
+    if (!NextInput(&cursor, &x) || !NextInput(&cursor, &scale) || !NextInput(&cursor, &bias)) {
+        return kFailure;
+    }
+    const Output y = OutputOf(param, 0);
+    if (!CompactInput(x) || !CompactInput(scale) || !CompactInput(bias)) {
+        return kFailure;
+    }
+    const float epsilon = static_cast<float>(AttrOf<InstanceNormalizationAttr>(param).epsilon);
+    const Planes planes = PlanesOf(x);
+    const float size = static_cast<float>(planes.size);
+    const uint64_t planeBytes = uint64_t{planes.size} * sizeof(float);
+    float* const copy = static_cast<float*>(param->opkitBuf);
+
+    for (uint32_t i = 0, channel = 0; i < planes.count; ++i, channel = channel + 1 == planes.channels ? 0 : channel + 1) {
+        const size_t offset = size_t{i} * planes.size;
+        int32_t error = memcpy_s(copy, param->opkitBufSize, x.data + offset, planeBytes);
+        if (error != 0) {
+            Report(Here(), "memcpy failed, errnum = %d\n", error);
+            return kFailure;
+        }
+        const float mean = SumInOrder(copy, planes.size) / size;
+        SquareDistances(copy, planes.size, mean);
+        const float variance = SumInOrder(copy, planes.size) / size + epsilon;
+        const float inverse = static_cast<float>(1.0 / std::sqrt(static_cast<double>(variance)));
+        const float a = inverse * scale.data[channel];
+        const float shift = bias.data[channel] - mean * a;
+
+        const int64_t room = int64_t{y.size} - static_cast<int64_t>(offset * sizeof(float));
+        error = memcpy_s(y.data + offset, room, x.data + offset, planeBytes);
+        if (error != 0) {
+            Report(Here(), "memcpy failed, errnum = %d\n", error);
+            return kFailure;
+        }
+        ScaleAndShift(y.data + offset, planes.size, a, shift);
+    }
+    return ExpandOutput(y);
+}

@@ -1,0 +1,57 @@
+// Lanes: the elements of a tensor along one axis. With `inner` elements behind the axis, lane g starts at compact index
+// (g / inner) * length * inner + g % inner, and its elements lie `inner` apart.
+#ifndef OPKIT_OPS_SELECTION_LANES_H
+#define OPKIT_OPS_SELECTION_LANES_H
+
+#include "common/merge_sort.h"
+#include "runtime/frame.h"
+
+namespace opkit {
+
+struct Lanes {
+    uint32_t length;
+    uint32_t inner;
+    uint32_t count;
+};
+
+// The axis lies within the dimensions, and its dimension is not 0: a division fault otherwise.
+inline Lanes LanesAlong(const Input& in, int32_t axis)
+{
+    const uint32_t length = in.shape[axis];
+    return {length, ShapeCount(in.shape, in.dimNum, axis + 1, in.dimNum), in.count / length};
+}
+
+// Calls visit(g, start, step) for every lane in order: where its first element lies in the padded rows, and how far
+// apart its elements lie there.
+template <class Visit>
+void ForEachPaddedLane(const Input& in, int32_t axis, const Lanes& lanes, Visit visit)
+{
+    if (lanes.count == 0) {
+        return;
+    }
+    const size_t pitch = in.Pitch();
+    const bool alongRow = axis == in.dimNum - 1;
+    const size_t step = alongRow ? 1 : lanes.inner / in.width * pitch;
+    const size_t block = alongRow ? pitch : lanes.length * step;
+    for (uint32_t g = 0, outer = 0; g < lanes.count; ++outer) {
+        RowCursor start(in.width, static_cast<uint32_t>(pitch));
+        for (uint32_t i = 0; i < lanes.inner; ++i, ++g) {
+            visit(g, outer * block + start.Offset(), step);
+            start.Advance(1);
+        }
+    }
+}
+
+// The lane's elements with their places along the axis, sorted in place.
+template <class Compare>
+void SortLane(const float* lane, size_t step, SortEntry* entries, uint32_t length, SortEntry* buffer, Compare compare)
+{
+    for (uint32_t c = 0; c < length; ++c) {
+        entries[c] = {lane[c * step], static_cast<int32_t>(c)};
+    }
+    MergeSort(entries, length, buffer, compare);
+}
+
+}  // namespace opkit
+
+#endif  // OPKIT_OPS_SELECTION_LANES_H

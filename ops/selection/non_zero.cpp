@@ -1,0 +1,84 @@
+// NonZero: the coordinates of all elements whose magnitude exceeds 1e-6, NaN included. Reads padded rows, writes
+// compactly and expands.
+//
+// The result [dimNum, count] is packed by the count that is found, not by the output's last dimension; zeros fill the
+// rest of the output. Nothing reports the count.
+
+#include "common/bounded_memory.h"
+#include "common/float_compare.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+namespace {
+
+uint32_t CountNonZero(const float* x, uint32_t count)
+{
+    uint32_t found = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        found += NearZero(x[i]) ? 0 : 1;
+    }
+    return found;
+}
+
+// Writes the columns of a row's non-zero elements and returns how many there are. What is written for an element that is
+// zero is overwritten by the next; `limit` non-zero elements are still to come, so that there is a next.
+uint32_t WriteColumns(const float* x, uint32_t width, float* out, uint32_t limit)
+{
+    uint32_t found = 0;
+    for (uint32_t column = 0; column < width && found < limit; ++column) {
+        out[found] = static_cast<float>(column);
+        found += NearZero(x[column]) ? 0 : 1;
+    }
+    return found;
+}
+
+void WriteCoordinates(const Input& in, float* out, uint32_t count)
+{
+    const size_t pitch = in.Pitch();
+    float* const columns = out + size_t{count} * static_cast<uint32_t>(in.dimNum - 1);
+    for (uint32_t row = 0, done = 0; done < count; ++row) {
+        const uint32_t found = WriteColumns(in.data + row * pitch, in.width, columns + done, count - done);
+        if (found == 0) {
+            continue;
+        }
+        uint32_t rest = row;
+        for (int32_t k = in.dimNum - 2; k >= 0; --k) {
+            const float coordinate = static_cast<float>(rest % in.shape[k]);
+            rest /= in.shape[k];
+            float* const to = out + size_t{count} * static_cast<uint32_t>(k) + done;
+            for (uint32_t u = 0; u < found; ++u) {
+                to[u] = coordinate;
+            }
+        }
+        done += found;
+    }
+}
+
+}  // namespace
+
+uint32_t NonZeroOpkitForward(LayerParam* param)
+{
+    InputCursor cursor = {param};
+    Input in;
+    if (!NextInputOrReport(&cursor, &in)) {
+        return kFailure;
+    }
+    const Output out = OutputOf(param, 0);
+    uint32_t count = 0;
+    if (in.count != 0) {
+        ForEachRowRun(in.count, in.width, in.Pitch(), in.width, in.Pitch(),
+                      [&](size_t from, size_t, uint32_t n) { count += CountNonZero(in.data + from, n); });
+    }
+    const uint32_t packed = static_cast<uint32_t>(in.dimNum) * count;
+    const uint32_t restBytes = (out.count - packed) * static_cast<uint32_t>(sizeof(float));
+    // More coordinates than the output holds would make the rest wrap, and the fill run far behind the output.
+    const bool fits = packed <= out.count;
+    if (!fits || memset_s(out.data + (count != 0 ? packed : 0), restBytes, 0, restBytes) != 0) {
+        Report(Here(), "nonZero memset error.\n\n");
+        return kFailure;
+    }
+    WriteCoordinates(in, out.data, count);
+    return ExpandOutputChecked(out);
+}

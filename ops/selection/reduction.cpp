@@ -1,0 +1,382 @@
+// Reduction: folds any set of axes by sum, norm, mean, logarithm, extreme or product. Rows are read and written where
+// they lie. The accumulators are the output's own elements, and each takes its inputs in ascending flat order.
+//
+// Departures from the textbook: the extremes start from the largest finite floats, so that infinities of the other sign
+// and NaN never enter; the mean divides by the integer quotient of the two element counts; the sum of exponentials
+// subtracts no maximum. An unknown kind leaves zeros.
+
+#include <cmath>
+
+#include "kernels/reduction.h"
+#include "opkit/attributes/selection.h"
+#include "opkit/operators.h"
+#include "runtime/frame.h"
+
+using namespace opkit;
+
+namespace {
+
+// Exponential and sum in f64, rounded to f32 after every element.
+void ExpColumns(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
+{
+    for (size_t r = 0; r < rows; ++r) {
+        for (size_t j = 0; j < count; ++j) {
+            const double element = x[r * rowStride + j];
+            acc[j] = static_cast<float>(std::exp(element) + static_cast<double>(acc[j]));
+        }
+    }
+}
+
+void ExpRows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
+{
+    for (size_t r = 0; r < count; ++r) {
+        ExpColumns(acc + r, x + r * rowStride, 1, length, 1);
+    }
+}
+
+constexpr FoldKernels kExpFold = {ExpColumns, ExpRows};
+
+// Null for an unknown kind.
+const FoldKernels* FoldOf(uint32_t type)
+{
+    switch (type) {
+        case OPKIT_REDUCE_SUM:
+        case OPKIT_REDUCE_MEAN:
+        case OPKIT_REDUCE_LOG_SUM:
+            return &Reduction().sum;
+        case OPKIT_REDUCE_L1:
+            return &Reduction().magnitude;
+        case OPKIT_REDUCE_SUM_SQUARE:
+        case OPKIT_REDUCE_L2:
+            return &Reduction().square;
+        case OPKIT_REDUCE_LOG_SUM_EXP:
+            return &kExpFold;
+        case OPKIT_REDUCE_MAX:
+            return &Reduction().largest;
+        case OPKIT_REDUCE_MIN:
+            return &Reduction().smallest;
+        case OPKIT_REDUCE_PROD:
+            return &Reduction().product;
+        default:
+            return nullptr;
+    }
+}
+
+float InitialOf(uint32_t type)
+{
+    switch (type) {
+        case OPKIT_REDUCE_MAX:
+            return -3.4028235e38f;
+        case OPKIT_REDUCE_MIN:
+            return 3.4028235e38f;
+        case OPKIT_REDUCE_PROD:
+            return 1.0f;
+        default:
+            return 0.0f;
+    }
+}
+
+// Whether every padded offset of the tensor fits 32 bits and no two elements share one. With a zero width or alignment
+// they do share, and every address computed is a message.
+bool HasPlainRows(const Tensor& tensor)
+{
+    if (tensor.width == 0 || tensor.alignNum == 0 || tensor.Pitch() < tensor.width) {
+        return false;
+    }
+    return (uint64_t{tensor.count} / tensor.width + 1) * tensor.Pitch() <= UINT32_MAX;
+}
+
+template <class Change>
+void ForEachOutput(const Output& out, bool plain, Change change)
+{
+    if (!plain) {
+        for (uint32_t i = 0; i < out.count; ++i) {
+            change(out.data + GetReductionRealIdx(i, out.alignNum, out.width));
+        }
+        return;
+    }
+    ForEachRowRun(out.count, out.width, out.Pitch(), out.width, out.Pitch(), [&](size_t offset, size_t, uint32_t n) {
+        for (uint32_t i = 0; i < n; ++i) {
+            change(out.data + offset + i);
+        }
+    });
+}
+
+void FinishOutputs(const Output& out, bool plain, uint32_t type, uint32_t inLen)
+{
+    const float divisor = static_cast<float>(inLen / out.count);
+    switch (type) {
+        case OPKIT_REDUCE_MEAN:
+            ForEachOutput(out, plain, [divisor](float* acc) { *acc = *acc / divisor; });
+            break;
+        case OPKIT_REDUCE_L2:
+            ForEachOutput(out, plain, [](float* acc) { *acc = std::sqrt(*acc); });
+            break;
+        case OPKIT_REDUCE_LOG_SUM:
+        case OPKIT_REDUCE_LOG_SUM_EXP:
+            ForEachOutput(out, plain, [](float* acc) {
+                *acc = static_cast<float>(std::log(static_cast<double>(*acc)));
+            });
+            break;
+        default:
+            break;
+    }
+}
+
+// The definition, one element after the other.
+void FoldElementwise(const Input& in, const Output& out, ReductionAttr& attr, const FoldKernels* fold,
+                     const uint32_t* inDistant, const uint32_t* outDistant)
+{
+    for (uint32_t i = 0; i < in.count; ++i) {
+        uint32_t o = 0;
+        uint32_t rest = i;
+        for (int32_t k = 0; inDistant != nullptr && k < in.dimNum; ++k) {
+            if (!ReductionFind(attr.axes, static_cast<uint32_t>(k), static_cast<int32_t>(attr.axesNum))) {
+                o += (rest / inDistant[k]) * outDistant[k];
+            }
+            rest %= inDistant[k];
+        }
+        const float* const x = in.data + GetReductionRealIdx(i, in.alignNum, in.width);
+        float* const acc = out.data + GetReductionRealIdx(o, out.alignNum, out.width);
+        if (fold != nullptr) {
+            fold->rows(acc, x, 1, 0, 1);
+        }
+    }
+}
+
+constexpr int32_t kMaxGroups = 10;
+
+// Neighbouring dimensions that are all reduced or all kept, and evenly spaced.
+struct Group {
+    size_t size;
+    size_t step;     // floats in the input
+    size_t outStep;  // elements in the output; 0 when reduced
+    bool reduced;
+};
+
+// The input as nested loops, innermost group first; the innermost one is contiguous.
+struct LoopNest {
+    Group groups[kMaxGroups];
+    int32_t count = 0;
+    size_t outCount = 1;  // outputs that are reached
+
+    void Add(const Group& group)
+    {
+        if (count > 0) {
+            Group& last = groups[count - 1];
+            if (last.reduced == group.reduced && last.step * last.size == group.step) {
+                last.size *= group.size;
+                return;
+            }
+        }
+        groups[count++] = group;
+    }
+
+    // Index of the first group of the kind, or -1.
+    int32_t Find(bool reduced) const
+    {
+        for (int32_t i = 0; i < count; ++i) {
+            if (groups[i].reduced == reduced) {
+                return i;
+            }
+        }
+        return -1;
+    }
+};
+
+// False unless different kept coordinates lead to different outputs in row-major order: entries of `axes` behind
+// `axesNum` count for the distances but not for the walk, and may break that.
+bool PlanLoops(const Input& in, ReductionAttr& attr, const uint32_t* outDistant, LoopNest* nest)
+{
+    if (in.dimNum < 1 || in.dimNum > kMaxGroups) {
+        return false;
+    }
+    const size_t pitch = in.Pitch();
+    uint64_t elements = 1;
+    for (int32_t k = in.dimNum - 1; k >= 0; --k) {
+        const uint32_t size = in.shape[k];
+        const bool reduced = attr.reduceAll != 0 || ReductionFind(attr.axes, static_cast<uint32_t>(k),
+                                                                  static_cast<int32_t>(attr.axesNum)) != 0;
+        if (!reduced && size > 1 && outDistant[k] != nest->outCount) {
+            return false;
+        }
+        const bool isRow = k == in.dimNum - 1;
+        if (size != 1 || (isRow && pitch != 1)) {
+            nest->Add({size, isRow ? 1 : elements / in.width * pitch, reduced ? 0 : nest->outCount, reduced});
+        }
+        elements *= size;
+        if (size == 0 || elements > UINT32_MAX) {
+            return false;
+        }
+        nest->outCount *= reduced ? 1 : size;
+    }
+    if (nest->count == 0) {
+        nest->Add({1, 1, 0, true});
+    }
+    return true;
+}
+
+// Calls fold(accumulators, first, count) for blocks of the outputs from `begin` on; what does not lie contiguously in
+// the padded rows is gathered before and scattered after.
+template <class Fold>
+void ForEachAccumulatorBlock(const Output& out, size_t begin, size_t count, Fold fold)
+{
+    constexpr size_t kBlock = 512;
+    const size_t pitch = out.Pitch();
+    if (pitch == out.width) {
+        fold(out.data + begin, size_t{0}, count);
+        return;
+    }
+    size_t column = begin % out.width;
+    float* row = out.data + begin / out.width * pitch;
+    for (size_t done = 0; done < count;) {
+        if (count - done <= out.width - column) {
+            fold(row + column, done, count - done);
+            return;
+        }
+        float gathered[kBlock];
+        float* places[kBlock];
+        size_t n = 0;
+        for (; n < kBlock && done + n < count; ++n) {
+            places[n] = row + column;
+            gathered[n] = *places[n];
+            if (++column == out.width) {
+                column = 0;
+                row += pitch;
+            }
+        }
+        fold(gathered, done, n);
+        for (size_t i = 0; i < n; ++i) {
+            *places[i] = gathered[i];
+        }
+        done += n;
+    }
+}
+
+// The innermost group and the innermost one of the other kind make one call of a kernel; the other groups are counted
+// around it, so that every accumulator still meets its elements in ascending order.
+void FoldLoops(const Input& in, const Output& out, const LoopNest& nest, const FoldKernels& fold)
+{
+    const Group inner = nest.groups[0];
+    const int32_t paired = nest.Find(!inner.reduced);
+    const Group other = paired >= 0 ? nest.groups[paired] : Group{1, 0, 0, !inner.reduced};
+    size_t counter[kMaxGroups] = {};
+    size_t i = 0;
+    size_t o = 0;
+    for (;;) {
+        const float* const x = in.data + i;
+        if (inner.reduced) {
+            ForEachAccumulatorBlock(out, o, other.size, [&](float* acc, size_t first, size_t count) {
+                fold.rows(acc, x + first * other.step, count, other.step, inner.size);
+            });
+        } else {
+            ForEachAccumulatorBlock(out, o, inner.size, [&](float* acc, size_t first, size_t count) {
+                fold.columns(acc, x + first, count, other.size, other.step);
+            });
+        }
+        int32_t g = 1;
+        for (; g < nest.count; ++g) {
+            const Group& group = nest.groups[g];
+            if (g == paired) {
+                continue;
+            }
+            i += group.step;
+            o += group.outStep;
+            if (++counter[g] < group.size) {
+                break;
+            }
+            counter[g] = 0;
+            i -= group.step * group.size;
+            o -= group.outStep * group.size;
+        }
+        if (g == nest.count) {
+            return;
+        }
+    }
+}
+
+bool Overlap(const Tensor& a, const Tensor& b)
+{
+    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
+}
+
+}  // namespace
+
+uint32_t GetReductionCount(uint32_t start, uint32_t* shape, uint32_t end)
+{
+    uint32_t count = 1;
+    for (uint32_t i = start; i < end; ++i) {
+        count *= shape[i];
+    }
+    return count;
+}
+
+uint32_t ReductionFind(uint32_t* axes, uint32_t axis, int32_t count)
+{
+    for (int32_t i = 0; i < count; ++i) {
+        if (axes[i] == axis) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+// Asks for dimNum entries of `axes`, however many of them are in use.
+void GetReductionDistant(uint32_t* inDistant, uint32_t* outDistant, uint32_t* axes, uint32_t* shape, uint32_t dimNum)
+{
+    uint32_t in = 1;
+    uint32_t out = 1;
+    for (uint32_t k = dimNum; k-- > 0;) {
+        inDistant[k] = in;
+        outDistant[k] = out;
+        in *= shape[k];
+        if (!ReductionFind(axes, k, static_cast<int32_t>(dimNum))) {
+            out *= shape[k];
+        }
+    }
+}
+
+uint32_t GetReductionRealIdx(uint32_t idx, uint32_t align, uint32_t width)
+{
+    if (align == 0 || width == 0) {
+        Report(Here(), "Illegal value, align = %u, width = %u\n", align, width);
+        return 0;
+    }
+    return RowPitch(width, align) * (idx / width) + idx % width;
+}
+
+uint32_t ReductionOpkitForward(LayerParam* param)
+{
+    Input in;
+    ResolveOnlyInput(param, &in);
+    const Output out = OutputOf(param, 0);
+    ReductionAttr& attr = AttrOf<ReductionAttr>(param);
+    uint32_t* inDistant = nullptr;
+    uint32_t* outDistant = nullptr;
+    if (attr.reduceAll == 0) {
+        inDistant = static_cast<uint32_t*>(param->opkitBuf);
+        outDistant = inDistant + in.dimNum;
+        GetReductionDistant(inDistant, outDistant, attr.axes, in.shape, static_cast<uint32_t>(in.dimNum));
+    }
+    if (out.count == 0) {
+        Report(Here(), "Illegal value, outLen is 0\n");
+        return kFailure;
+    }
+    const bool plain = HasPlainRows(out);
+    const float initial = InitialOf(attr.reductionType);
+    ForEachOutput(out, plain, [initial](float* acc) { *acc = initial; });
+
+    const FoldKernels* const fold = FoldOf(attr.reductionType);
+    const bool silent = plain && HasPlainRows(in);
+    LoopNest nest;
+    if (silent && fold == nullptr) {
+        return kSuccess;
+    }
+    if (silent && !Overlap(in, out) && PlanLoops(in, attr, outDistant, &nest) && nest.outCount <= out.count) {
+        FoldLoops(in, out, nest, *fold);
+    } else {
+        FoldElementwise(in, out, attr, fold, inDistant, outDistant);
+    }
+    FinishOutputs(out, plain, attr.reductionType, in.count);
+    return kSuccess;
+}

@@ -1,0 +1,29 @@
+// What a subcommand is: a function that declares its options and returns what to do once they are read.
+#ifndef OPKIT_TOOLS_COMMAND_H
+#define OPKIT_TOOLS_COMMAND_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <stdexcept>
+
+namespace opkit::tools {
+
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+
+// Ends the program with kFailure and one line on standard error.
+struct ToolError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+using Action = std::function<int()>;  // returns the exit code
+
+Action SetUpRun(CLI::App& app);
+Action SetUpInspect(CLI::App& app);
+Action SetUpAssemble(CLI::App& app);
+Action SetUpDisassemble(CLI::App& app);
+
+}  // namespace opkit::tools
+
+#endif  // OPKIT_TOOLS_COMMAND_H
