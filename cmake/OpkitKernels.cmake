@@ -6,4 +6,5 @@ list(APPEND opkit_kernels
     kernels/determinant.cpp
     kernels/quantized.cpp
     kernels/resize.cpp
+    kernels/reduction.cpp
 )

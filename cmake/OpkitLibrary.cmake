@@ -16,7 +16,6 @@ set(opkit_sources
     runtime/forward.cpp
     runtime/frame.cpp
     runtime/layer_parser.cpp
-    runtime/not_built.cpp
     runtime/operator_table.cpp
     runtime/profiling.cpp
     runtime/request_check.cpp

@@ -15,6 +15,14 @@ list(APPEND opkit_sources
     ops/elementwise/sqrt.cpp
     ops/elementwise/thresholded_relu.cpp
     ops/elementwise/where.cpp
+    # selection
+    ops/selection/argmin.cpp
+    ops/selection/cum_sum.cpp
+    ops/selection/hardmax.cpp
+    ops/selection/non_zero.cpp
+    ops/selection/reduction.cpp
+    ops/selection/top_k.cpp
+    ops/selection/unique.cpp
     # movement
     ops/movement/concat.cpp
     ops/movement/depth_to_space.cpp
@@ -56,4 +64,8 @@ list(APPEND opkit_sources
     ops/matrix/qlinear_matmul.cpp
     # custom
     ops/custom/custom.cpp
+    # detection
+    ops/detection/dec_bbox.cpp
+    ops/detection/detection_output.cpp
+    ops/detection/non_max_suppression.cpp
 )

@@ -24,7 +24,8 @@ size_t Smaller(size_t a, size_t b)
 }
 
 // Rows [0, rows) of C, at most kRowBlock. Column sums are taken again for each such block, row sums once.
-void CorrectRows(const float* a, const float* b, float* c, size_t rows, size_t N, size_t K, const Correction& correction)
+void CorrectRows(const float* a, const float* b, float* c, size_t rows, size_t N, size_t K,
+                 const Correction& correction)
 {
     const QuantizedKernels& kernels = Quantized();
     float rowTerms[kRowBlock];
@@ -76,6 +77,6 @@ int32_t QGemmWithoutEigen(float* A, float* B, float* C, int32_t M, int32_t N, in
 int32_t QGemm(QGemmArgs args)
 {
     return QGemmWithoutEigen(args.a.data, args.b.data, args.c.data, static_cast<int32_t>(args.M),
-                             static_cast<int32_t>(args.N), static_cast<int32_t>(args.K), args.a.scale,
-                             args.a.zeroPoint, args.b.scale, args.b.zeroPoint, args.c.scale, args.c.zeroPoint);
+                             static_cast<int32_t>(args.N), static_cast<int32_t>(args.K), args.a.scale, args.a.zeroPoint,
+                             args.b.scale, args.b.zeroPoint, args.c.scale, args.c.zeroPoint);
 }

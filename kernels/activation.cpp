@@ -55,7 +55,7 @@ float LogicalNot(float x)
 }  // namespace
 
 extern const ActivationKernels activationKernels = {
-    HardSigmoid, Shrink, Threshold, {Map<CeilElement>, Map<FloorElement>, Map<RoundHalfEvenElement>},
+    HardSigmoid,     Shrink,          Threshold, {Map<CeilElement>, Map<FloorElement>, Map<RoundHalfEvenElement>},
     Map<SquareRoot>, Map<LogicalNot>,
 };
 

@@ -11,8 +11,8 @@ namespace {  // internal linkage: levels must not share code
 inline float Choose(bool condition, float yes, float no)
 {
     const uint32_t mask = condition ? 0xFFFFFFFFu : 0u;
-    return __builtin_bit_cast(float, (__builtin_bit_cast(uint32_t, yes) & mask) |
-                                         (__builtin_bit_cast(uint32_t, no) & ~mask));
+    return __builtin_bit_cast(float,
+                              (__builtin_bit_cast(uint32_t, yes) & mask) | (__builtin_bit_cast(uint32_t, no) & ~mask));
 }
 
 }  // namespace

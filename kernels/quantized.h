@@ -1,5 +1,5 @@
-// Element loops of the quantised products: sums, the zero points' correction, and the step from and to quantised values.
-// Every sum takes its terms in ascending order from 0.0; sums are computed side by side.
+// Element loops of the quantised products: sums, the zero points' correction, and the step from and to quantised
+// values. Every sum takes its terms in ascending order from 0.0; sums are computed side by side.
 #ifndef OPKIT_KERNELS_QUANTIZED_H
 #define OPKIT_KERNELS_QUANTIZED_H
 

@@ -1,5 +1,5 @@
-// Rounding one float to a whole number, without a conversion to integer, so that any level runs it in lanes. Every level
-// that includes this file has its own copies.
+// Rounding one float to a whole number, without a conversion to integer, so that any level runs it in lanes. Every
+// level that includes this file has its own copies.
 //
 // From 2^23 on every float is whole; such values and NaN come back as they are.
 #ifndef OPKIT_KERNELS_ROUND_ELEMENTS_H

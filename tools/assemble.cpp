@@ -21,8 +21,12 @@ struct Options {
 int Assemble(const Options& options)
 {
     const AssembledModel assembled = AssembleModel(options.text, ReadFile(options.text));
-    SaveModel(assembled.model, options.model, assembled.manifest);
     const ModelPaths paths = ModelPathsOf(options.model);
+    std::error_code ignored;
+    if (std::filesystem::equivalent(options.text, paths.manifest, ignored)) {
+        throw ToolError(options.text + ": the model's manifest would replace the text; choose another name");
+    }
+    SaveModel(assembled.model, options.model, assembled.manifest);
     fmt::print("{}, {}: {} bytes\n", paths.manifest.string(), paths.buffer.string(), assembled.model.bytes.size());
     return kSuccess;
 }

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
-#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -103,7 +103,7 @@ double Median(std::vector<double> values)
 
 void PrintLayers(const Model& model, const Results& results)
 {
-    fmt::print("\n  layer  operator          output           time per image\n");
+    fmt::print("\n  layer  operator          output           time per image, median of the requests\n");
     double sum = 0;
     const ReadTable table = ReadLayerTable(model);
     for (size_t i = 0; i < table.layers.size(); ++i) {
@@ -151,18 +151,21 @@ void Draw(const Digits& digits, const Results& results, const std::vector<uint32
     }
 }
 
-// The first three images that were recognised, and the first one that was not.
+// Three recognised images of different digits, and the first one that was misread.
 std::vector<uint32_t> ImagesWorthSeeing(const Digits& digits, const Results& results)
 {
-    std::vector<uint32_t> right;
-    std::vector<uint32_t> wrong;
+    std::vector<uint32_t> chosen;
+    std::set<int32_t> seen;
+    uint32_t misread = digits.count;
     for (uint32_t image = 0; image < digits.count; ++image) {
-        const bool hit = static_cast<int32_t>(results.classes[size_t{image} * 3]) == digits.labels[image];
-        (hit ? right : wrong).push_back(image);
+        if (static_cast<int32_t>(results.classes[size_t{image} * 3]) != digits.labels[image]) {
+            misread = std::min(misread, image);
+        } else if (chosen.size() < 3 && seen.insert(digits.labels[image]).second) {
+            chosen.push_back(image);
+        }
     }
-    std::vector<uint32_t> chosen(right.begin(), right.begin() + std::min<size_t>(right.size(), wrong.empty() ? 4 : 3));
-    if (!wrong.empty()) {
-        chosen.push_back(wrong.front());
+    if (misread < digits.count) {
+        chosen.push_back(misread);
     }
     return chosen;
 }

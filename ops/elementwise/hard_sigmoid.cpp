@@ -19,8 +19,7 @@ uint32_t HardSigmoidOpkitForward(LayerParam* param)
     const float alpha = AttrOf<HardSigmoidAttr>(param).alpha;
     const float beta = AttrOf<HardSigmoidAttr>(param).beta;
     const auto hardSigmoid = Activation().hardSigmoid;
-    ForEachPaddedToCompact(in, out, [=](const float* from, float* to, uint32_t length) {
-        hardSigmoid(from, to, length, alpha, beta);
-    });
+    ForEachPaddedToCompact(
+        in, out, [=](const float* from, float* to, uint32_t length) { hardSigmoid(from, to, length, alpha, beta); });
     return ExpandOutputChecked(out);
 }

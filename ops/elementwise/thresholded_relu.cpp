@@ -20,8 +20,7 @@ uint32_t ThresholdedReluOpkitForward(LayerParam* param)
     }
     const float alpha = AttrOf<ThresholdedReluAttr>(param).alpha;
     const auto threshold = Activation().threshold;
-    ForEachAlignedRow(in, out, [=](const float* from, float* to, uint32_t length) {
-        threshold(from, to, length, alpha);
-    });
+    ForEachAlignedRow(in, out,
+                      [=](const float* from, float* to, uint32_t length) { threshold(from, to, length, alpha); });
     return kSuccess;
 }

@@ -91,6 +91,32 @@ void LayOutColumns(const ConvolutionAttr& attr, float* image, int32_t padValue, 
     Im2col(args);
 }
 
+bool Fits(uint64_t first, uint64_t second, uint64_t room)
+{
+    return first <= room && second <= room - first;
+}
+
+// Whether the image can serve as its own column matrix: the kernel is a single place that moves by one without padding,
+// and the products stay inside the image and write elsewhere.
+bool ImageIsColumns(const ConvolutionAttr& attr, const float* image, const float* y)
+{
+    const bool pointwise = attr.kernelH == 1 && attr.kernelW == 1 && attr.strideH == 1 && attr.strideW == 1;
+    if (!pointwise || (attr.padTop | attr.padBottom | attr.padLeft | attr.padRight) != 0 || attr.groupNum == 0 ||
+        image == nullptr) {
+        return false;
+    }
+    const uint64_t lastGroup = attr.groupNum - 1;
+    const uint32_t size = attr.channels * attr.height * attr.width;
+    if (!Fits(lastGroup * attr.colGroupOffset, uint64_t{attr.gemmK} * attr.gemmN, size) ||
+        !Fits(lastGroup * attr.outGroupOffset, uint64_t{attr.gemmM} * attr.gemmN, INT32_MAX)) {
+        return false;
+    }
+    const uint64_t written = lastGroup * attr.outGroupOffset + uint64_t{attr.gemmM} * attr.gemmN;
+    const uintptr_t from = reinterpret_cast<uintptr_t>(image);
+    const uintptr_t to = reinterpret_cast<uintptr_t>(y);
+    return to >= from + size * sizeof(float) || from >= to + written * sizeof(float);
+}
+
 int32_t GroupOffset(uint32_t group, uint32_t distance)
 {
     return static_cast<int32_t>(group * distance);
@@ -136,9 +162,14 @@ void ForEachImage(const ConvolutionAttr& attr, const Operands& operands, const W
     const uint32_t imageSize = attr.channels * attr.height * attr.width;
     const uint32_t resultSize = attr.outHeight * attr.outWidth * attr.outChannels;
     for (uint32_t n = 0; n < operands.x.shape[0]; ++n) {
+        float* const image = operands.x.data + imageSize * n;
         float* const y = operands.y.data + resultSize * n;
-        LayOutColumns(attr, operands.x.data + imageSize * n, operands.padValue, space.columns);
-        MultiplyGroups(attr, operands, space.columns, y);
+        if (ImageIsColumns(attr, image, y)) {
+            MultiplyGroups(attr, operands, image, y);
+        } else {
+            LayOutColumns(attr, image, operands.padValue, space.columns);
+            MultiplyGroups(attr, operands, space.columns, y);
+        }
         afterImage(y);
     }
 }

@@ -78,6 +78,8 @@ bool ProcessPadAllZero(LayerParam* param)
     if (!CompactInput(in)) {
         return false;
     }
-    std::memmove(out.data, in.data, size_t{in.count} * sizeof(float));
+    if (in.count != 0) {
+        std::memmove(out.data, in.data, size_t{in.count} * sizeof(float));
+    }
     return ExpandOutput(out) == kSuccess;
 }

@@ -38,7 +38,8 @@ void WriteCoordinates(const Input& in, float* out, uint32_t count)
 {
     const size_t pitch = in.Pitch();
     float* const columns = out + size_t{count} * static_cast<uint32_t>(in.dimNum - 1);
-    for (uint32_t row = 0, done = 0; done < count; ++row) {
+    const uint32_t rows = in.count / in.width;
+    for (uint32_t row = 0, done = 0; row < rows && done < count; ++row) {
         const uint32_t found = WriteColumns(in.data + row * pitch, in.width, columns + done, count - done);
         if (found == 0) {
             continue;
@@ -71,14 +72,15 @@ uint32_t NonZeroOpkitForward(LayerParam* param)
         ForEachRowRun(in.count, in.width, in.Pitch(), in.width, in.Pitch(),
                       [&](size_t from, size_t, uint32_t n) { count += CountNonZero(in.data + from, n); });
     }
-    const uint32_t packed = static_cast<uint32_t>(in.dimNum) * count;
-    const uint32_t restBytes = (out.count - packed) * static_cast<uint32_t>(sizeof(float));
-    // More coordinates than the output holds would make the rest wrap, and the fill run far behind the output.
-    const bool fits = packed <= out.count;
-    if (!fits || memset_s(out.data + (count != 0 ? packed : 0), restBytes, 0, restBytes) != 0) {
+    const uint64_t packed = uint64_t{static_cast<uint32_t>(in.dimNum)} * count;
+    const uint32_t restBytes = (out.count - static_cast<uint32_t>(packed)) * static_cast<uint32_t>(sizeof(float));
+    // With more coordinates than the output holds the rest would wrap, and the fill run far behind the output.
+    if (packed > out.count || memset_s(out.data + packed, restBytes, 0, restBytes) != 0) {
         Report(Here(), "nonZero memset error.\n\n");
         return kFailure;
     }
-    WriteCoordinates(in, out.data, count);
+    if (count != 0) {
+        WriteCoordinates(in, out.data, count);
+    }
     return ExpandOutputChecked(out);
 }

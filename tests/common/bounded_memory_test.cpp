@@ -25,12 +25,9 @@ std::string Cleared(size_t bytes)
 TEST(MemcpyS, FromElsewhere)
 {
     const CopyRow rows[] = {
-        {"all", 8, 8, 0, "ABCDEFGH"},
-        {"a part", 8, 3, 0, "ABCdefgh"},
-        {"nothing", 8, 0, 0, kBefore},
-        {"size 0", 0, 3, 34, kBefore},
-        {"size 0, nothing", 0, 0, 34, kBefore},
-        {"negative size", -1, 3, 34, kBefore},
+        {"all", 8, 8, 0, "ABCDEFGH"},           {"a part", 8, 3, 0, "ABCdefgh"},
+        {"nothing", 8, 0, 0, kBefore},          {"size 0", 0, 3, 34, kBefore},
+        {"size 0, nothing", 0, 0, 34, kBefore}, {"negative size", -1, 3, 34, kBefore},
         {"too much", 5, 6, 162, Cleared(5)},
     };
     for (const CopyRow& row : rows) {
@@ -77,12 +74,8 @@ TEST(MemcpyS, Overlap)
 TEST(MemsetS, Codes)
 {
     const CopyRow rows[] = {
-        {"all", 8, 8, 0, "xxxxxxxx"},
-        {"a part", 8, 3, 0, "xxxdefgh"},
-        {"nothing", 8, 0, 0, kBefore},
-        {"size 0, nothing", 0, 0, 0, kBefore},
-        {"size 0", 0, 1, 34, kBefore},
-        {"negative size", -1, 0, 34, kBefore},
+        {"all", 8, 8, 0, "xxxxxxxx"},          {"a part", 8, 3, 0, "xxxdefgh"}, {"nothing", 8, 0, 0, kBefore},
+        {"size 0, nothing", 0, 0, 0, kBefore}, {"size 0", 0, 1, 34, kBefore},   {"negative size", -1, 0, 34, kBefore},
         {"too much", 5, 6, 162, "xxxxxfgh"},
     };
     for (const CopyRow& row : rows) {

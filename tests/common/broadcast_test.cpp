@@ -120,7 +120,8 @@ void CompareWithMapping(Random& random)
     RowShape operands[N];
     for (uint32_t k = 0; k < N; ++k) {
         shapes[k] = OperandShape(random, out);
-        operands[k] = {shapes[k].data(), static_cast<uint32_t>(shapes[k].size()), RandomPitch(random, shapes[k].back())};
+        operands[k] = {shapes[k].data(), static_cast<uint32_t>(shapes[k].size()),
+                       RandomPitch(random, shapes[k].back())};
     }
     uint32_t next = 0;
     size_t mismatches = 0;

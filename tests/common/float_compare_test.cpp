@@ -19,7 +19,8 @@ TEST(IsEqualToZero, Tolerance)
     for (const float zero : {0.0f, -0.0f, 1e-6f, -1e-6f, 1e-7f, 1e-30f, 1e-45f}) {
         EXPECT_EQ(IsEqualToZero(zero), 1) << zero;
     }
-    for (const float other : {std::nextafterf(1e-6f, 1.0f), -std::nextafterf(1e-6f, 1.0f), 2e-6f, 1.0f, kInf, -kInf, kNan}) {
+    for (const float other :
+         {std::nextafterf(1e-6f, 1.0f), -std::nextafterf(1e-6f, 1.0f), 2e-6f, 1.0f, kInf, -kInf, kNan}) {
         EXPECT_EQ(IsEqualToZero(other), 0) << other;
     }
 }

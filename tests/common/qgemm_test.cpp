@@ -83,8 +83,9 @@ TEST(QGemm, BytesAreUnsigned)
 void ExpectAsReference(Random& random, int32_t M, int32_t N, int32_t K, Values kind)
 {
     const auto factor = [&random] {
-        return random.Chance(0.3) ? 0.0f : random.Chance(0.5) ? static_cast<float>(random.Int(0, 255))
-                                                              : random.Float(Values::kPlain);
+        return random.Chance(0.3)   ? 0.0f
+               : random.Chance(0.5) ? static_cast<float>(random.Int(0, 255))
+                                    : random.Float(Values::kPlain);
     };
     const float q[6] = {factor(), factor(), factor(), factor(), factor(), factor()};
     Floats a = random.Floats(static_cast<uint64_t>(M * K), kind);

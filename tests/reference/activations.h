@@ -156,8 +156,9 @@ inline uint32_t RefCelu(LayerParam* param)
 inline uint32_t RefThresholdedRelu(LayerParam* param)
 {
     const float alpha = RefAttrAt<float>(param, 3928);
-    return RefRowByRow(param, "ThresholdedReluOpkitForward", false, [] { return true; },
-                       [alpha](float x) { return x > alpha ? x : 0.0f; });
+    return RefRowByRow(
+        param, "ThresholdedReluOpkitForward", false, [] { return true; },
+        [alpha](float x) { return x > alpha ? x : 0.0f; });
 }
 
 // Padded reads, compact writes, expansion.

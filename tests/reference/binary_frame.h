@@ -21,7 +21,8 @@ struct RefOperands {
 };
 
 // reporter: null where an unresolved input is no message. compacts: each input after its resolution.
-inline bool RefOperandsOf(LayerParam* param, uint32_t inputs, const char* reporter, bool compacts, RefOperands& operands)
+inline bool RefOperandsOf(LayerParam* param, uint32_t inputs, const char* reporter, bool compacts,
+                          RefOperands& operands)
 {
     RefCursor cursor;
     for (uint32_t k = 0; k < inputs; ++k) {

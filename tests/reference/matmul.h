@@ -38,8 +38,9 @@ inline uint32_t RefMatMul(LayerParam* param)
         return kAllOnes;
     }
     for (int32_t i = 0; i < yBatch; ++i) {
-        RefProduct(a.data + static_cast<uint32_t>(i % aBatch) * M * K, b.data + static_cast<uint32_t>(i % bBatch) * K * N,
-                   y.data + static_cast<uint32_t>(i) * M * N, M, N, K, 1.0f, 0.0f);
+        RefProduct(a.data + static_cast<uint32_t>(i % aBatch) * M * K,
+                   b.data + static_cast<uint32_t>(i % bBatch) * K * N, y.data + static_cast<uint32_t>(i) * M * N, M, N,
+                   K, 1.0f, 0.0f);
     }
     return RefExpandChecked(name, y);
 }
@@ -109,8 +110,9 @@ inline uint32_t RefQLinearMatMul(LayerParam* param)
         return kAllOnes;
     }
     for (int32_t i = 0; i < yBatch; ++i) {
-        RefProduct(a.data + static_cast<uint32_t>(i % aBatch) * M * K, b.data + static_cast<uint32_t>(i % bBatch) * K * N,
-                   y.data + static_cast<uint32_t>(i) * M * N, M, N, K, 1.0f, 0.0f);
+        RefProduct(a.data + static_cast<uint32_t>(i % aBatch) * M * K,
+                   b.data + static_cast<uint32_t>(i % bBatch) * K * N, y.data + static_cast<uint32_t>(i) * M * N, M, N,
+                   K, 1.0f, 0.0f);
     }
     if (inputCount == 8) {
         for (uint32_t i = 0; i < y.count; ++i) {

@@ -7,8 +7,8 @@
 
 namespace opkit::test {
 
-// Mostly the output's dimensions and ones, with leading dimensions missing at times; now and then a dimension that wraps
-// around, a longer one, or a rank above the output's, of which only element 0 is read.
+// Mostly the output's dimensions and ones, with leading dimensions missing at times; now and then a dimension that
+// wraps around, a longer one, or a rank above the output's, of which only element 0 is read.
 inline Shape OperandShape(Random& random, const Shape& out)
 {
     if (random.Chance(0.25)) {

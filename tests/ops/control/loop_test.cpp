@@ -175,6 +175,7 @@ TEST(Loop, TripCountIsComparedIn64Bits)
 
     LayerCase negative = OneCarried(3, 1, 1);
     negative.Attr<LoopAttr>().iteration = -1;
+    negative.Attr<LoopAttr>().inputCursor = 2;
     World left(negative);
     EXPECT_EQ(Pass(left), kReset);
 }

@@ -1,8 +1,8 @@
 // Celu, Selu, Shrink, HardSigmoid, ThresholdedRelu and Sinh.
 
+#include "tests/reference/activations.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/activations.h"
 
 namespace opkit {
 namespace {
@@ -204,8 +204,9 @@ TEST(Activations, DifferentDimensions)
             const TensorRecord& record = At<TensorRecord>(world, world.Layer().outputTableOffset);
             At<uint32_t>(world, record.shapeOffset) = 0xFFFFFFFFu;
         });
-        ExpectUntouchedFailure(huge, row.forward,
-                               "[" + name + ":#]Invalid shape:0, " + (name[0] == 'C' ? "-1" : "4294967295") + ", 1\n\n");
+        ExpectUntouchedFailure(
+            huge, row.forward,
+            "[" + name + ":#]Invalid shape:0, " + (name[0] == 'C' ? "-1" : "4294967295") + ", 1\n\n");
     }
 }
 

@@ -1,6 +1,6 @@
+#include "tests/reference/binary_math.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/binary_math.h"
 
 namespace opkit {
 namespace {
@@ -27,39 +27,17 @@ TEST(BinaryMath, Elements)
 {
     const float aboveTolerance = std::nextafterf(1e-6f, 1.0f);
     const ElementRow rows[] = {
-        {0, 1.5f, 2.0f, 3.5f},
-        {0, kInf, -kInf, kNan},
-        {0, -0.0f, -0.0f, -0.0f},
-        {0, 3e38f, 3e38f, kInf},
-        {1, 1.5f, 2.0f, -0.5f},
-        {1, 0.0f, 0.0f, 0.0f},
-        {1, kNan, 1.0f, kNan},
-        {2, 3.0f, -2.0f, -6.0f},
-        {2, 1e7f, 1e-7f, 0.0f},
-        {2, 1e-7f, 1e7f, 1e-7f * 1e7f},
-        {2, kInf, 0.0f, 0.0f},
-        {2, 0.0f, kInf, kNan},
-        {2, kInf, 1e-6f, 0.0f},
-        {2, -1.0f, 0.0f, 0.0f},
-        {2, 1.0f, -1e-6f, 0.0f},
-        {2, kNan, 0.0f, 0.0f},
-        {2, 1.0f, kNan, kNan},
-        {2, 1.0f, aboveTolerance, aboveTolerance},
-        {3, 3.0f, -2.0f, -1.5f},
-        {3, 1.0f, 0.0f, 0.0f},
-        {3, 0.0f, 0.0f, 0.0f},
-        {3, -1.0f, -0.0f, 0.0f},
-        {3, kNan, 1e-7f, 0.0f},
-        {3, 1.0f, -1e-6f, 0.0f},
-        {3, 0.0f, aboveTolerance, 0.0f},
-        {3, kInf, 2.0f, kInf},
-        {3, 1.0f, kInf, 0.0f},
-        {4, 1.0f, 2.0f, 2.0f},
-        {4, 2.0f, 1.0f, 2.0f},
-        {4, kNan, 5.0f, 5.0f},
-        {4, 5.0f, kNan, kNan},
-        {4, 0.0f, -0.0f, -0.0f},
-        {4, -0.0f, 0.0f, 0.0f},
+        {0, 1.5f, 2.0f, 3.5f},           {0, kInf, -kInf, kNan},  {0, -0.0f, -0.0f, -0.0f},
+        {0, 3e38f, 3e38f, kInf},         {1, 1.5f, 2.0f, -0.5f},  {1, 0.0f, 0.0f, 0.0f},
+        {1, kNan, 1.0f, kNan},           {2, 3.0f, -2.0f, -6.0f}, {2, 1e7f, 1e-7f, 0.0f},
+        {2, 1e-7f, 1e7f, 1e-7f * 1e7f},  {2, kInf, 0.0f, 0.0f},   {2, 0.0f, kInf, kNan},
+        {2, kInf, 1e-6f, 0.0f},          {2, -1.0f, 0.0f, 0.0f},  {2, 1.0f, -1e-6f, 0.0f},
+        {2, kNan, 0.0f, 0.0f},           {2, 1.0f, kNan, kNan},   {2, 1.0f, aboveTolerance, aboveTolerance},
+        {3, 3.0f, -2.0f, -1.5f},         {3, 1.0f, 0.0f, 0.0f},   {3, 0.0f, 0.0f, 0.0f},
+        {3, -1.0f, -0.0f, 0.0f},         {3, kNan, 1e-7f, 0.0f},  {3, 1.0f, -1e-6f, 0.0f},
+        {3, 0.0f, aboveTolerance, 0.0f}, {3, kInf, 2.0f, kInf},   {3, 1.0f, kInf, 0.0f},
+        {4, 1.0f, 2.0f, 2.0f},           {4, 2.0f, 1.0f, 2.0f},   {4, kNan, 5.0f, 5.0f},
+        {4, 5.0f, kNan, kNan},           {4, 0.0f, -0.0f, -0.0f}, {4, -0.0f, 0.0f, 0.0f},
         {4, -kInf, -1.0f, -1.0f},
     };
     ForEachLevel([&](Level) {

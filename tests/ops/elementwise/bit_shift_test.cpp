@@ -1,6 +1,6 @@
+#include "tests/reference/bit_shift.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/bit_shift.h"
 
 namespace opkit {
 namespace {
@@ -80,8 +80,7 @@ TEST(BitShift, WarnsPerElementInOrder)
     World repeated(right);
     const std::string line = "[BitShiftRight:#]bit_shift op input[-1.000000, 1.000000] is neg number.\n\n";
     EXPECT_EQ(RunCaptured(repeated, BitShiftOpkitForward).messages, line + line + line);
-    EXPECT_THAT(repeated.Output(),
-                ElementsAre(9223372036854775808.0f, 9223372036854775808.0f, 9223372036854775808.0f));
+    EXPECT_THAT(repeated.Output(), ElementsAre(9223372036854775808.0f, 9223372036854775808.0f, 9223372036854775808.0f));
 }
 
 TEST(BitShift, OnlyTheFlagByteCounts)

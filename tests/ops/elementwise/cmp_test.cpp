@@ -1,6 +1,6 @@
+#include "tests/reference/cmp.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/cmp.h"
 
 namespace opkit {
 namespace {

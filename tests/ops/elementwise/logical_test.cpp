@@ -1,6 +1,6 @@
+#include "tests/reference/logical.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/logical.h"
 
 namespace opkit {
 namespace {
@@ -24,16 +24,9 @@ TEST(Logical, Elements)
         std::array<float, 4> results;  // and, or, xor; not of a
     };
     const Row rows[] = {
-        {1, 1, {1, 1, 0, 0}},
-        {1, 0, {0, 1, 1, 0}},
-        {0, 1, {0, 1, 1, 1}},
-        {0, -0.0f, {0, 0, 0, 1}},
-        {1e-7f, 5, {0, 1, 1, 1}},
-        {-1e-6f, 5, {0, 1, 1, 1}},
-        {2e-6f, -5, {1, 1, 0, 0}},
-        {kNan, kInf, {1, 1, 0, 0}},
-        {kNan, 0, {0, 1, 1, 0}},
-        {1e-40f, kNan, {0, 1, 1, 1}},
+        {1, 1, {1, 1, 0, 0}},     {1, 0, {0, 1, 1, 0}},         {0, 1, {0, 1, 1, 1}},      {0, -0.0f, {0, 0, 0, 1}},
+        {1e-7f, 5, {0, 1, 1, 1}}, {-1e-6f, 5, {0, 1, 1, 1}},    {2e-6f, -5, {1, 1, 0, 0}}, {kNan, kInf, {1, 1, 0, 0}},
+        {kNan, 0, {0, 1, 1, 0}},  {1e-40f, kNan, {0, 1, 1, 1}},
     };
     ForEachLevel([&](Level) {
         for (const Row& row : rows) {

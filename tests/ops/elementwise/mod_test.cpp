@@ -1,6 +1,6 @@
+#include "tests/reference/mod.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/mod.h"
 
 namespace opkit {
 namespace {
@@ -34,8 +34,8 @@ TEST(Mod, Elements)
         {0, 7.9f, 3.9f, 1},
         {0, -6, 3, 0},
         {0, 6, -3, 0},
-        {0, kNan, 3, 1},           // -2147483648 % 3 is -2
-        {0, kInf, 5, 2},           // -2147483648 % 5 is -3
+        {0, kNan, 3, 1},  // -2147483648 % 3 is -2
+        {0, kInf, 5, 2},  // -2147483648 % 5 is -3
         {0, 3e9f, -5, -3},
         {0, 5, kNan, -2147483648.0f},  // 5 - 2147483648 rounds in f32
         {0, 2147483520.0f, 2147483520.0f, 0},

@@ -71,7 +71,8 @@ TEST(Round, IsEqualToHalf)
     for (const float half : {0.5f, -0.5f, 2.5f, -7.5f, 0.4999995f, 0.5000005f, 3.4999995f, -3.5000005f, 8388607.5f}) {
         EXPECT_EQ(IsEqualToHalf(half), 1) << half;
     }
-    for (const float other : {0.0f, 1.0f, -2.0f, 0.49999f, 0.50001f, 8388608.0f, 1e30f, kInf, -kInf, kNan, 1e-40f, -1e-40f}) {
+    for (const float other :
+         {0.0f, 1.0f, -2.0f, 0.49999f, 0.50001f, 8388608.0f, 1e30f, kInf, -kInf, kNan, 1e-40f, -1e-40f}) {
         EXPECT_EQ(IsEqualToHalf(other), 0) << other;
     }
 }

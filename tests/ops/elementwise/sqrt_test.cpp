@@ -23,7 +23,7 @@ TEST(Sqrt, Elements)
         layer.Online({9}, {0, -0.0f, 4, 2, -1, kInf, kNan, 1e-40f, -kInf}).Output({9});
         // The root of 2 and of the subnormal, correctly rounded.
         EXPECT_EQ(Bits(RunCase(layer)), Bits({0, -0.0f, 2, static_cast<float>(std::sqrt(2.0)), kNan, kInf, kNan,
-                                          static_cast<float>(std::sqrt(static_cast<double>(1e-40f))), kNan}));
+                                              static_cast<float>(std::sqrt(static_cast<double>(1e-40f))), kNan}));
     });
 }
 

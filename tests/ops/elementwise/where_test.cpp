@@ -1,6 +1,6 @@
+#include "tests/reference/where.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
-#include "tests/reference/where.h"
 
 namespace opkit {
 namespace {
@@ -32,8 +32,8 @@ TEST(Where, ThreeShapes)
         layer.Output({2, 3}, 16);
         World world(layer);
         ASSERT_EQ(world.RunRequest(), 0u);
-        EXPECT_EQ(world.Output(), (condition != 0 ? std::vector<float>{1, 2, 3, 4, 5, 6}
-                                                  : std::vector<float>{7, 8, 9, 7, 8, 9}));
+        EXPECT_EQ(world.Output(),
+                  (condition != 0 ? std::vector<float>{1, 2, 3, 4, 5, 6} : std::vector<float>{7, 8, 9, 7, 8, 9}));
         const WhereAttr& attr = world.Attr<WhereAttr>();
         EXPECT_THAT(StridesOf(attr.outputStrides[0]), ElementsAre(3, 1));
         EXPECT_THAT(StridesOf(attr.inputStrides[0]), ElementsAre(1));

@@ -1,0 +1,402 @@
+#include <bit>
+
+#include "opkit/attributes/matrix.h"
+#include "tests/ops/matrix/matrix_cases.h"
+#include "tests/reference/convolution.h"
+
+namespace opkit {
+namespace {
+
+using namespace opkit::test;
+using namespace opkit::reference;
+
+constexpr const char* kName = "ConvolutionOpkitForward";
+constexpr const char* kInteger = "ConvIntegerForward";
+constexpr const char* kQuantized = "QLinearConvForward";
+
+// A convolution as a model compiler sees it.
+struct Problem {
+    uint32_t images = 1;
+    uint32_t channels = 1;
+    uint32_t size[2] = {3, 3};
+    uint32_t kernel[2] = {2, 2};
+    uint32_t pad[4] = {0, 0, 0, 0};
+    uint32_t stride[2] = {1, 1};
+    uint32_t dilation[2] = {1, 1};
+    uint32_t groups = 1;
+    uint32_t outChannels = 1;
+
+    uint32_t Positions(int axis) const
+    {
+        const int32_t positions =
+            RefPositions(size[axis], pad[2 * axis], pad[2 * axis + 1], kernel[axis], dilation[axis], stride[axis]);
+        return positions < 0 ? 0 : static_cast<uint32_t>(positions);
+    }
+    Shape Images() const { return {images, channels, size[0], size[1]}; }
+    Shape Weights() const { return {outChannels, channels / groups, kernel[0], kernel[1]}; }
+    Shape Result() const { return {images, outChannels, Positions(0), Positions(1)}; }
+};
+
+LayerCase Case(uint32_t inputCount, const Problem& p)
+{
+    LayerCase layer(kName);
+    ConvolutionAttr& attr = layer.Attr<ConvolutionAttr>();
+    const uint32_t plane = p.Positions(0) * p.Positions(1);
+    attr.inputCount = inputCount;
+    attr.channels = p.channels;
+    attr.height = p.size[0];
+    attr.width = p.size[1];
+    attr.kernelH = p.kernel[0];
+    attr.kernelW = p.kernel[1];
+    attr.padTop = p.pad[0];
+    attr.padBottom = p.pad[1];
+    attr.padLeft = p.pad[2];
+    attr.padRight = p.pad[3];
+    attr.strideH = p.stride[0];
+    attr.strideW = p.stride[1];
+    attr.dilationH = p.dilation[0];
+    attr.dilationW = p.dilation[1];
+    attr.outHeight = p.Positions(0);
+    attr.outWidth = p.Positions(1);
+    attr.colChannels = p.channels * p.kernel[0] * p.kernel[1];
+    attr.groupNum = p.groups;
+    attr.outChannels = p.outChannels;
+    attr.gemmM = p.outChannels / p.groups;
+    attr.gemmN = plane;
+    attr.gemmK = attr.colChannels / p.groups;
+    attr.outGroupOffset = attr.gemmM * attr.gemmN;
+    attr.weightGroupOffset = attr.gemmM * attr.gemmK;
+    attr.colGroupOffset = attr.gemmK * attr.gemmN;
+    layer.Workspace((plane * attr.colChannels + 2 * plane) * 4 + 64);
+    return layer;
+}
+
+// X = 1 to 9 as 3 x 3, W = ((1, 0), (0, 1)); the plain result is ((6, 8), (12, 14)).
+const Floats kX = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+const Floats kW = {1, 0, 0, 1};
+
+LayerCase IntegerCase(uint32_t inputCount, Floats zeroPoints, const Floats& oldResult = {})
+{
+    LayerCase layer = Case(inputCount, {});
+    layer.Online({1, 1, 3, 3}, kX, 16).Offline({1, 1, 2, 2}, kW);
+    for (const float zero : zeroPoints) {
+        layer.Online({1}, {zero});
+    }
+    return layer.Output(Holding({1, 1, 2, 2}, oldResult));
+}
+
+TEST(Convolution, IntegerForm)
+{
+    for (const uint32_t count : {0u, 1u, 2u}) {
+        ExpectOutput(IntegerCase(count, {}, {kNan, 1, 2, 3}), ConvolutionOpkitForward, {6, 8, 12, 14});
+        ExpectOutput(IntegerCase(count, {99, 99}), ConvolutionOpkitForward, {6, 8, 12, 14});  // not read
+    }
+    ExpectOutput(IntegerCase(3, {2.7f}, {kNan, 1, 2, 3}), ConvolutionOpkitForward, {2, 4, 8, 10});
+    ExpectOutput(IntegerCase(3, {2.0f, 99}), ConvolutionOpkitForward, {2, 4, 8, 10});
+    // sums of the columns: 12, 16, 24, 28
+    ExpectOutput(IntegerCase(4, {0, 1}, {kNan, 1, 2, 3}), ConvolutionOpkitForward, {-6, -8, -12, -14});
+    // both: four times the product of the zero points of what was there, minus both corrections
+    ExpectOutput(IntegerCase(4, {2, 1}, {1, 0, -1, 10}), ConvolutionOpkitForward,
+                 {8 + 6 - 12 - 4, 8 - 16 - 4, -8 + 12 - 24 - 4, 80 + 14 - 28 - 4});
+    // hasBias belongs to the other form
+    LayerCase bias = IntegerCase(2, {});
+    bias.Attr<ConvolutionAttr>().hasBias = 1;
+    ExpectOutput(bias, ConvolutionOpkitForward, {6, 8, 12, 14});
+}
+
+TEST(Convolution, PaddingTakesTheWholeZeroPointAndTheProductItsByte)
+{
+    const Problem p = {.size = {1, 1}, .kernel = {1, 2}, .pad = {0, 0, 1, 0}};
+    for (const auto& [zero, padding, byte] :
+         {std::tuple{-3.0f, -3.0f, 253.0f}, {300.9f, 300.0f, 44.0f}, {-0.9f, 0.0f, 0.0f}, {128.0f, 128.0f, 128.0f}}) {
+        LayerCase layer = Case(3, p);
+        layer.Online({1, 1, 1, 1}, {10}).Offline({1, 1, 1, 2}, {2, 3}).Online({1}, {zero}).Output({1, 1, 1, 1});
+        ExpectOutput(layer, ConvolutionOpkitForward, {2 * padding + 3 * 10 - 5 * byte});
+    }
+    for (const float zero : {kNan, 3e9f, -kInf}) {  // no i32: the lowest one, whose low byte is 0
+        LayerCase layer = Case(3, p);
+        layer.Online({1, 1, 1, 1}, {10}).Offline({1, 1, 1, 2}, {1, 1}).Online({1}, {zero}).Output({1, 1, 1, 1});
+        ExpectOutput(layer, ConvolutionOpkitForward, {-2147483648.0f});
+    }
+}
+
+// x scale, x zero point, w scale, w zero point, y scale, y zero point
+LayerCase QuantizedCase(uint32_t inputCount, const Problem& p, const Floats& x, const Floats& w, const Floats& values,
+                        const Floats& oldResult = {})
+{
+    LayerCase layer = Case(inputCount, p);
+    layer.Online(p.Images(), x, 4 * p.size[1] + 4).Online({1}, {values[0]}).Offline({1}, {values[1]});
+    layer.Online(p.Weights(), w, 4 * p.kernel[1] + 4).Online({2}, {values[2], 77}, 16).Online({1}, {values[3]});
+    layer.Offline({1}, {values[4]}).Online({1}, {values[5]});
+    return layer.Output(Holding(p.Result(), oldResult));
+}
+
+TEST(Convolution, QuantizedForm)
+{
+    for (const uint32_t count : {5u, 8u, 9u, 0xFFFFFFFFu}) {
+        ExpectOutput(QuantizedCase(count, {}, kX, kW, {1.9f, 0, 2.5f, 0, 3.99f, 4.2f}, {kNan, 1, 2, 3}),
+                     ConvolutionOpkitForward, {6 * 2 * 3 - 4, 8 * 2 * 3 - 4, 12 * 2 * 3 - 4, 14 * 2 * 3 - 4});
+    }
+    // a scale below 1 is 0: only the corrections stay, by the other scale
+    ExpectOutput(QuantizedCase(5, {}, kX, kW, {0.02f, 5, 2, 0, 1, 0}), ConvolutionOpkitForward, {-20, -20, -20, -20});
+    ExpectOutput(QuantizedCase(5, {}, kX, kW, {2, 0, 0.99f, 5, 1, 1}), ConvolutionOpkitForward,
+                 {-12 * 10 - 1, -16 * 10 - 1, -24 * 10 - 1, -28 * 10 - 1});
+    // -1 is 255, 257 is 1
+    ExpectOutput(QuantizedCase(5, {}, kX, kW, {-1, 0, 257, 0, 1, -1}), ConvolutionOpkitForward,
+                 {6 * 255 - 255, 8 * 255 - 255, 12 * 255 - 255, 14 * 255 - 255});
+    // both zero points: the old result, 4 * 1 * 2 times
+    ExpectOutput(
+        QuantizedCase(5, {}, kX, kW, {3, 2, 1, 1, 2, 1}, {1, 0, -1, 10}), ConvolutionOpkitForward,
+        {(8 + 18 - 36 - 4) * 2 - 1, (24 - 48 - 4) * 2 - 1, (-8 + 36 - 72 - 4) * 2 - 1, (80 + 42 - 84 - 4) * 2 - 1});
+}
+
+TEST(Convolution, GroupsAndImages)
+{
+    const Problem p = {.images = 2, .channels = 2, .size = {1, 2}, .kernel = {1, 1}, .groups = 2, .outChannels = 4};
+    LayerCase layer = Case(2, p);
+    layer.Online(p.Images(), {1, 2, 3, 4, 5, 6, 7, 8}, 16).Offline(p.Weights(), {1, 10, 100, 1000});
+    layer.Output(p.Result(), 12);
+    ExpectOutput(layer, ConvolutionOpkitForward,
+                 {1, 2, 10, 20, 300, 400, 3000, 4000, 5, 6, 50, 60, 700, 800, 7000, 8000});
+}
+
+// A kernel of one place needs no column matrix, unless the result goes where the image is.
+TEST(Convolution, OnePlaceInPlace)
+{
+    const Problem p = {.images = 2, .channels = 2, .size = {1, 3}, .kernel = {1, 1}, .outChannels = 2};
+    LayerCase layer = Case(2, p);
+    layer.Online(p.Images(), {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}).Offline(p.Weights(), {0, 1, 1, 0});
+    layer.OutputInPlace(0, p.Result());
+    ExpectOutput(layer, ConvolutionOpkitForward, {4, 5, 6, 1, 2, 3, 10, 11, 12, 7, 8, 9});
+    LayerCase apart = Case(2, p);
+    apart.Online(p.Images(), {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, 16).Offline(p.Weights(), {0, 1, 1, 0});
+    apart.Output(p.Result(), 20);
+    ExpectOutput(apart, ConvolutionOpkitForward, {4, 5, 6, 1, 2, 3, 10, 11, 12, 7, 8, 9});
+}
+
+TEST(Convolution, NothingToCompute)
+{
+    LayerCase noGroup = IntegerCase(2, {}, {1, 2, 3, 4});
+    noGroup.Attr<ConvolutionAttr>().groupNum = 0;
+    ExpectOutput(noGroup, ConvolutionOpkitForward, {1, 2, 3, 4});
+
+    Problem p;
+    p.images = 0;
+    LayerCase noImage = Case(2, p);
+    noImage.Online(p.Images(), {}).Offline(p.Weights(), kW).Output({1, 1, 2, 2}, 12);
+    World world(noImage);
+    const Floats before(world.OutputRows(0).begin(), world.OutputRows(0).end());
+    ExpectSuccess(RunCaptured(world, ConvolutionOpkitForward));
+    EXPECT_TRUE(
+        SameFloats(world.OutputRows(0), Floats{before[0], before[1], before[2], before[2], before[3], before[5]}))
+        << "expanded all the same";
+
+    LayerCase noStride = IntegerCase(2, {}, {1, 2, 3, 4});  // im2col fails, and that is not looked at
+    noStride.Attr<ConvolutionAttr>().strideW = 0;
+    noStride.Attr<ConvolutionAttr>().gemmK = 0;
+    World second(noStride);
+    const RunResult run = RunCaptured(second, ConvolutionOpkitForward);
+    EXPECT_EQ(run.result, 0u);
+    EXPECT_EQ(run.messages, Message("Im2col", "Im2Col Error: the divisor is 0!\n\n"));
+    EXPECT_TRUE(SameFloats(second.Output(0), Floats{0, 0, 0, 0}));
+}
+
+TEST(Convolution, BiasStep)
+{
+    // Scales of 0 leave a product of zeros. 16 positions make 16 bytes of ones, which are 4 floats; four columns count.
+    Problem p = {.images = 2, .size = {4, 4}, .kernel = {1, 1}, .outChannels = 4};
+    LayerCase layer = QuantizedCase(8, p, Floats(32, 1.0f), {8, 16, 24, 32}, {0, 0, 0, 0, 0.5f, 1}, Floats(128, 7.0f));
+    ConvolutionAttr& attr = layer.Attr<ConvolutionAttr>();
+    attr.hasBias = 1;
+    attr.gemmN = 4;
+    attr.outGroupOffset = 16;
+    layer.Online({1}, {12345});
+    ForEachLevel([&](Level) {
+        World world(layer);
+        ExpectSuccess(RunCaptured(world, ConvolutionOpkitForward));
+        // 0.5 * w - 1, twice
+        EXPECT_TRUE(SameFloats(world.InputRows(2).first(4), Floats{0.5f, 2.5f, 4.5f, 6.5f}));
+        const float one = std::bit_cast<float>(0x01010101u);
+        const Floats afterFirst = {3, 7, 11, 15};
+        const Floats afterSecond = {0.5f, 2.5f, 4.5f, 6.5f};
+        const Floats result = world.Output(0);
+        for (size_t o = 0; o < 4; ++o) {
+            for (size_t j = 0; j < 4; ++j) {
+                // The y zero point of 1 is subtracted before, and swallows what is added.
+                EXPECT_EQ(result[4 * o + j], -1.0f);
+                EXPECT_EQ(result[64 + 4 * o + j], -1.0f);
+            }
+        }
+        EXPECT_EQ(result[16], 7.0f) << "columns behind the product stay";
+
+        LayerCase visible =
+            QuantizedCase(8, p, Floats(32, 1.0f), {8, 16, 24, 32}, {0, 0, 0, 0, 0.5f, 0.75f}, Floats(128, 7.0f));
+        visible.Attr<ConvolutionAttr>() = attr;
+        visible.Online({1}, {12345});
+        World second(visible);
+        ExpectSuccess(RunCaptured(second, ConvolutionOpkitForward));
+        const Floats sums = second.Output(0);
+        const Floats first = {3.25f, 7.25f, 11.25f, 15.25f};    // 0.5 * w - 0.75
+        const Floats later = {0.875f, 2.875f, 4.875f, 6.875f};  // and once more
+        for (size_t o = 0; o < 4; ++o) {
+            for (size_t j = 0; j < 4; ++j) {
+                EXPECT_EQ(sums[4 * o + j], first[o] * one);
+                EXPECT_EQ(sums[64 + 4 * o + j], later[o] * one);
+            }
+        }
+    });
+}
+
+TEST(Convolution, WhatIsCompacted)
+{
+    LayerCase layer = QuantizedCase(8, {}, kX, kW, {1, 0, 1, 0, 1, 0});
+    World world(layer);
+    const World before = world.Clone();
+    ExpectSuccess(RunCaptured(world, ConvolutionOpkitForward));
+    EXPECT_TRUE(SameFloats(world.InputRows(0).first(9), kX));
+    EXPECT_TRUE(SameFloats(world.InputRows(2).first(4), kW));
+    World start = before.Clone();
+    EXPECT_TRUE(SameFloats(world.InputRows(3), start.InputRows(3))) << "scales are read where they are";
+}
+
+TEST(Convolution, Failures)
+{
+    const std::string integer = Message(kName, "ConvIntegerForward calc failed.\n");
+    const std::string quantized = Message(kName, "QLinearConvForward calc failed.\n");
+    const Problem one = {.size = {1, 2}, .kernel = {1, 1}};
+    const auto filled = [&](uint32_t count, int32_t present, uint32_t hasBias) {
+        LayerCase layer = Case(count, one);
+        layer.Attr<ConvolutionAttr>().hasBias = hasBias;
+        for (int32_t k = 0; k < present; ++k) {
+            layer.Online({1, 1, 1, 2}, {1, 2}, 12);
+        }
+        layer.Output(one.Result());
+        return layer;
+    };
+    const struct {
+        uint32_t count;
+        int32_t needed;
+        uint32_t hasBias;
+    } rows[] = {{0, 2, 0}, {2, 2, 1}, {3, 3, 0}, {4, 4, 0}, {5, 8, 0}, {8, 8, 0}, {8, 9, 256}};
+    for (const auto& row : rows) {
+        for (int32_t present = 1; present < row.needed; ++present) {
+            LayerCase layer = filled(row.count, present, row.hasBias);
+            World world(layer);
+            const World before = world.Clone();
+            ExpectFailure(RunCaptured(world, ConvolutionOpkitForward), row.count < 5 ? integer : quantized);
+            EXPECT_EQ(World::Difference(world, before, NanPolicy::kExactBits), "") << "resolved before all else";
+        }
+        World enough(filled(row.count, row.needed, row.hasBias));
+        EXPECT_EQ(RunCaptured(enough, ConvolutionOpkitForward).result, 0u) << row.count;
+    }
+    const std::string null = Message("DelAlignSpace", "Input data is NULL.\n\n");
+    for (const uint32_t k : {0u, 1u}) {
+        LayerCase layer = filled(2, 2, 0);
+        NullInput(layer, k);
+        ExpectFailure(layer, ConvolutionOpkitForward, null + Message(kInteger, "DelAlignSpace failed.\n") + integer);
+    }
+    for (const uint32_t k : {0u, 3u}) {
+        LayerCase layer = filled(5, 8, 0);
+        NullInput(layer, k);
+        ExpectFailure(layer, ConvolutionOpkitForward,
+                      null + Message(kQuantized, "DelAlignSpace failed.\n") + quantized);
+    }
+    const std::string nullOutput = Message("InsertAlignSpace", "Input data is NULL.\n\n");
+    for (const uint32_t count : {2u, 5u}) {
+        LayerCase layer = filled(count, 8, 0);
+        layer.Attr<ConvolutionAttr>().groupNum = 0;
+        NullOutput(layer);
+        ExpectFailure(layer, ConvolutionOpkitForward,
+                      nullOutput + Message(count == 2 ? kInteger : kQuantized, "InsertAlignSpace failed.\n") +
+                          (count == 2 ? integer : quantized));
+    }
+}
+
+// The forms answer with -1, in words of their own only where rows are concerned.
+TEST(Convolution, FormsCalledDirectly)
+{
+    static int32_t answer;
+    LayerCase layer = IntegerCase(2, {});
+    World world(layer);
+    ExpectSuccess(RunCaptured(world, [](LayerParam* param) {
+        answer = ConvIntegerForward(param);
+        return 0u;
+    }));
+    EXPECT_EQ(answer, 0);
+    EXPECT_TRUE(SameFloats(world.Output(0), Floats{6, 8, 12, 14}));
+    ExpectSuccess(RunCaptured(world, [](LayerParam* param) {
+        answer = QLinearConvForward(param);
+        return 0u;
+    }));
+    EXPECT_EQ(answer, -1);
+}
+
+TEST(Convolution, SameAsReference)
+{
+    ForRandomCases(400, [](Random& random) {
+        const auto number = [&random](int32_t least, int32_t most) {
+            return static_cast<uint32_t>(random.Int(least, most));
+        };
+        Problem p;
+        p.images = number(0, 3);
+        p.groups = number(1, 3);
+        p.channels = p.groups * number(1, 3);
+        p.outChannels = p.groups * number(1, 5);
+        const bool pointwise = random.Chance(0.2);
+        for (int axis = 0; axis < 2; ++axis) {
+            p.size[axis] = random.Chance(0.2) ? number(1, 20) : number(1, 8);
+            p.kernel[axis] = pointwise ? 1 : number(1, 3);
+            p.pad[2 * axis] = pointwise ? 0 : number(0, 2);
+            p.pad[2 * axis + 1] = pointwise ? 0 : number(0, 2);
+            p.stride[axis] = random.Chance(0.6) ? 1 : number(1, 3);
+            p.dilation[axis] = number(1, 2);
+        }
+        if (p.Positions(0) == 0 || p.Positions(1) == 0) {
+            return;
+        }
+        const uint32_t count = random.OneOf({2u, 3u, 4u, 5u, 8u, 8u});
+        LayerCase layer = Case(count, p);
+        layer.Attr<ConvolutionAttr>().hasBias = random.Chance(0.4) ? number(1, 300) : 0;
+        const Values kind = random.OneOf({Values::kPlain, Values::kIntegers, Values::kMixed});
+        const auto images = [&] {
+            layer.Online(p.Images(), random.Floats(ElementCount(p.Images()), kind), random.Stride(p.size[1]));
+        };
+        const auto single = [&](Floats choices) {
+            const float value = choices[static_cast<size_t>(random.Int(0, static_cast<int32_t>(choices.size()) - 1))];
+            const Shape shape = random.OneOf<Shape>({{1}, {2, 3}});
+            random.Chance(0.5) ? layer.Offline(shape, Floats(ElementCount(shape), value))
+                               : layer.Online(shape, Floats(ElementCount(shape), value), random.Stride(shape.back()));
+        };
+        const Floats zeros = {0, 0, 0, 3, -3, 300.7f, 255, 0.9f, kNan};
+        const Floats scales = {1, 1, 1.9f, 0.02f, 2, 130, -1, kInf};
+        // The bias step reaches gemmN weights.
+        Shape weights = p.Weights();
+        while (ElementCount(weights) < p.Positions(0) * p.Positions(1)) {
+            weights[0] += 1;
+        }
+        images();
+        if (count < 5) {
+            AddInput(random, layer, weights, kind);
+            for (uint32_t k = 2; k < count; ++k) {
+                single(zeros);
+            }
+        } else {
+            single(scales);
+            single(zeros);
+            AddInput(random, layer, weights, kind);
+            for (const Floats& choices : {scales, zeros, scales, zeros}) {
+                single(choices);
+            }
+            if (layer.Attr<ConvolutionAttr>().hasBias != 0) {
+                AddInput(random, layer, {p.outChannels}, Values::kPlain);
+            }
+        }
+        const bool inPlace = p.Result() == p.Images() && random.Chance(0.5);
+        inPlace ? layer.OutputInPlace(0, p.Result()) : layer.Output(p.Result(), random.Stride(p.Positions(1)));
+        layer.Batch(number(1, 2));
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    });
+}
+
+}  // namespace
+}  // namespace opkit

@@ -1,0 +1,19 @@
+// The lines that every report begins with: what ran, on what, and the CRC-32 of all that went in and came out.
+#ifndef OPKIT_TOOLS_REPORT_HEADER_H
+#define OPKIT_TOOLS_REPORT_HEADER_H
+
+#include <filesystem>
+
+#include "modelkit/model.h"
+#include "tools/run_data.h"
+
+namespace opkit::tools {
+
+void PrintEnvironment();
+void PrintModelLine(const std::filesystem::path& path, const modelkit::Model& model);
+void PrintTensorLines(const char* side, const std::vector<modelkit::TensorSpec>& specs, const RunData& data,
+                      const std::vector<NamedFile>& files);
+
+}  // namespace opkit::tools
+
+#endif  // OPKIT_TOOLS_REPORT_HEADER_H

@@ -1,0 +1,104 @@
+#include "tools/run_data.h"
+
+#include <algorithm>
+#include <fmt/core.h>
+
+#include "tools/command.h"
+#include "tools/npy.h"
+
+namespace opkit::tools {
+namespace {
+
+using namespace opkit::modelkit;
+
+std::string Names(const std::vector<TensorSpec>& tensors)
+{
+    std::string names;
+    for (const TensorSpec& tensor : tensors) {
+        names += (names.empty() ? "" : ", ") + tensor.name;
+    }
+    return names;
+}
+
+const NamedFile* Find(const std::vector<NamedFile>& files, const std::string& name)
+{
+    const auto found =
+        std::find_if(files.begin(), files.end(), [&](const NamedFile& file) { return file.name == name; });
+    return found == files.end() ? nullptr : &*found;
+}
+
+// How many items of `item` the shape holds; 0 where it does not fit. An item may be written without the ones it begins
+// with, behind any dimensions that count items, or with its first dimension so many times: [8, 2, 3], [2, 4, 2, 3] and
+// [16, 3] all hold eight of [2, 3], and [8, 28, 28] eight of [1, 1, 28, 28].
+uint32_t ItemsIn(const Shape& shape, const Shape& item)
+{
+    const auto core = std::find_if(item.begin(), item.end(), [](uint32_t dim) { return dim != 1; });
+    const auto rank = item.end() - core;
+    if (static_cast<ptrdiff_t>(shape.size()) >= rank && std::equal(core, item.end(), shape.end() - rank)) {
+        return static_cast<uint32_t>(ElementCount(Shape(shape.begin(), shape.end() - rank)));
+    }
+    if (!item.empty() && shape.size() == item.size() && std::equal(item.begin() + 1, item.end(), shape.begin() + 1) &&
+        item.front() != 0 && shape.front() % item.front() == 0) {
+        return shape.front() / item.front();
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments, const std::vector<TensorSpec>& tensors,
+                                  const char* side)
+{
+    std::vector<NamedFile> files;
+    for (const std::string& argument : arguments) {
+        const size_t equals = argument.find('=');
+        const std::string name = argument.substr(0, equals);
+        if (std::none_of(tensors.begin(), tensors.end(), [&](const TensorSpec& t) { return t.name == name; })) {
+            throw ToolError(fmt::format("the model has no {} named \"{}\"; it has {}", side, name, Names(tensors)));
+        }
+        if (Find(files, name) != nullptr) {
+            throw ToolError(fmt::format("{} \"{}\" is given twice", side, name));
+        }
+        files.push_back({name, argument.substr(equals + 1)});
+    }
+    return files;
+}
+
+RunData LoadInputs(const Model& model, const std::vector<NamedFile>& files)
+{
+    RunData data;
+    std::string first;
+    for (const TensorSpec& tensor : model.inputs) {
+        const NamedFile* const file = Find(files, tensor.name);
+        if (file == nullptr) {
+            throw ToolError(fmt::format("input \"{0}\" {1} has no file: give --input {0}=FILE.npy", tensor.name,
+                                        ShapeText(tensor.shape)));
+        }
+        NpyArray array = LoadNpy(file->file);
+        const uint32_t items = ItemsIn(array.shape, tensor.shape);
+        if (items == 0) {
+            throw ToolError(fmt::format("{}: field shape is {}, input \"{}\" takes {} or a batch of it",
+                                        file->file.string(), ShapeText(array.shape), tensor.name,
+                                        ShapeText(tensor.shape)));
+        }
+        if (!first.empty() && items != data.items) {
+            throw ToolError(fmt::format("{}: field shape is {}, {} batch items, but input \"{}\" has {}",
+                                        file->file.string(), ShapeText(array.shape), items, first, data.items));
+        }
+        first = tensor.name;
+        data.items = items;
+        data.tensors.push_back(std::move(array.values));
+    }
+    return data;
+}
+
+Shape BatchedShape(const Shape& shape, uint32_t items)
+{
+    Shape batched = shape;
+    if (items != 1) {
+        batched.insert(batched.begin(), items);
+    }
+    return batched;
+}
+
+}  // namespace opkit::tools

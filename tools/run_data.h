@@ -1,0 +1,36 @@
+// The files of a run: NAME=FILE arguments, and the request tensors they become.
+#ifndef OPKIT_TOOLS_RUN_DATA_H
+#define OPKIT_TOOLS_RUN_DATA_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "modelkit/model.h"
+
+namespace opkit::tools {
+
+struct NamedFile {
+    std::string name;
+    std::filesystem::path file;
+};
+
+// Splits NAME=FILE arguments. Throws ToolError for a name that stands twice or is not among the tensors.
+std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments,
+                                  const std::vector<modelkit::TensorSpec>& tensors, const char* side);
+
+// The compact elements of all batch items, per request input or output.
+struct RunData {
+    uint32_t items = 0;
+    std::vector<std::vector<float>> tensors;
+};
+
+// Throws where a file is missing for an input, or its shape is not that of one item or of several.
+RunData LoadInputs(const modelkit::Model& model, const std::vector<NamedFile>& files);
+
+// The shape of so many items of a tensor: without a dimension for the items when there is one.
+modelkit::Shape BatchedShape(const modelkit::Shape& shape, uint32_t items);
+
+}  // namespace opkit::tools
+
+#endif  // OPKIT_TOOLS_RUN_DATA_H
