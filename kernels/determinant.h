@@ -7,8 +7,7 @@
 namespace opkit {
 
 struct DeterminantKernels {
-    // Finds the entry of largest magnitude, the first in scan order; writes row and col only when it beats entry (k,
-    // k).
+    // Finds the entry of largest magnitude, the first in scan order; writes row and col only when it beats (k, k).
     void (*findPivot)(const float* matrix, size_t n, size_t k, uint32_t* row, uint32_t* col);
     // Clears column k below entry (k, k), apart from what is within 1e-6 of zero.
     void (*eliminate)(float* matrix, size_t n, size_t k);

@@ -36,7 +36,7 @@ public:
 
     // To be called after each pass. Throws ToolError where a layer's output does not hold what its shape says.
     void EndPass(const StreamPass& pass);
-    const std::vector<DumpedTensor>& Tensors() const { return tensors_; }
+    std::vector<DumpedTensor> Take() { return std::move(tensors_); }
 
 private:
     struct Raw {

@@ -20,6 +20,7 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"run", "Runs a model on .npy files; times, traces, dumps and compares its layers", SetUpRun},
+    {"inspect", "Shows what a model consists of", SetUpInspect},
     {"assemble", "Makes a model of its text form", SetUpAssemble},
     {"disassemble", "Writes a model as text", SetUpDisassemble},
 };

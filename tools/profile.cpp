@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <fmt/core.h>
 #include <nlohmann/json.hpp>
-#include <numeric>
 
 #include "modelkit/file_io.h"
 #include "tools/layer_names.h"
@@ -12,11 +11,6 @@ namespace opkit::tools {
 namespace {
 
 using namespace opkit::modelkit;
-
-uint64_t Sum(const std::vector<uint64_t>& values)
-{
-    return std::accumulate(values.begin(), values.end(), uint64_t{0});
-}
 
 double Median(std::vector<uint64_t> values)
 {
@@ -68,12 +62,12 @@ size_t Profile::CallsOf(uint32_t table, uint32_t layer) const
     }));
 }
 
-void Profile::PrintTable(uint32_t table, uint64_t total) const
+void Profile::PrintTable(uint32_t table, double medians) const
 {
     for (uint32_t i = 0; i < layers_[table].layers.size(); ++i) {
         const ReadLayer& layer = layers_[table].layers[i];
         const std::vector<uint64_t> times = TimesOf(table, i);
-        const double share = total == 0 ? 0 : 100.0 * static_cast<double>(Sum(times)) / static_cast<double>(total);
+        const double share = medians == 0 ? 0 : 100 * Median(times) / medians;
         fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9} {:>6.1f} %\n", i, ShortName(layer.name),
                    layer.outputs.empty() ? "" : ShapeText(layer.outputs[0].shape), CallsOf(table, i),
                    *std::min_element(times.begin(), times.end()), Median(times), share);
@@ -83,10 +77,12 @@ void Profile::PrintTable(uint32_t table, uint64_t total) const
 void Profile::Print() const
 {
     std::vector<uint64_t> totals(runs_.size() - 1);
+    double medians = 0;
     for (uint32_t t = 0; t < tables_.size(); ++t) {
         for (uint32_t i = 0; i < layers_[t].layers.size(); ++i) {
             const std::vector<uint64_t> times = TimesOf(t, i);
             std::transform(times.begin(), times.end(), totals.begin(), totals.begin(), std::plus<>());
+            medians += Median(times);
         }
     }
     fmt::print("\n{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9} {:>8}\n", "layer", "operator", "output", "calls", "min us",
@@ -95,7 +91,7 @@ void Profile::Print() const
         if (tables_.size() > 1) {
             fmt::print("segment {} ({})\n", tables_[t].segmentId, tables_[t].name);
         }
-        PrintTable(t, Sum(totals));
+        PrintTable(t, medians);
     }
     fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9} {:>6.1f} %\n", "", "all layers", "", runs_.front().size(),
                *std::min_element(totals.begin(), totals.end()), Median(totals), 100.0);

@@ -19,7 +19,7 @@ public:
     void Add(const StreamPass& pass, std::span<const ProfilingSlot> slots, uint32_t batch);
     void EndRun() { runs_.emplace_back(); }
 
-    // Layer, operator, output shape, calls per run, shortest and median time of a run, share of all time.
+    // Layer, operator, output shape, calls per run, shortest and median time of a run, share of the medians.
     void Print() const;
     // Chrome's trace event format.
     void SaveTrace(const std::filesystem::path& file) const;
@@ -38,7 +38,7 @@ private:
 
     std::vector<uint64_t> TimesOf(uint32_t table, uint32_t layer) const;
     size_t CallsOf(uint32_t table, uint32_t layer) const;
-    void PrintTable(uint32_t table, uint64_t total) const;
+    void PrintTable(uint32_t table, double medians) const;
 
     std::vector<modelkit::ModelTable> tables_;
     std::vector<modelkit::ReadTable> layers_;  // of each table

@@ -62,7 +62,7 @@ void SaveOutputs(const Model& model, const RunData& outputs, const std::vector<N
 }
 
 // The run whose outputs are reported, with every layer's outputs where they are wanted.
-RunData FirstRun(const Model& model, Stream& stream, const Options& options, bool* same)
+RunData FirstRun(const Model& model, Stream& stream, const Options& options, std::vector<DumpedTensor>* layers)
 {
     if (options.dump.empty() && options.compare.empty()) {
         return stream.RunFresh();
@@ -71,13 +71,18 @@ RunData FirstRun(const Model& model, Stream& stream, const Options& options, boo
     stream.OnPass([&](const StreamPass& pass) { collector.EndPass(pass); });
     RunData outputs = stream.RunFresh();
     stream.OnPass(nullptr);
-    if (!options.dump.empty()) {
-        SaveDump(options.dump, collector.Tensors());
-    }
-    if (!options.compare.empty()) {
-        *same = CompareWithDump(options.compare, collector.Tensors());
-    }
+    *layers = collector.Take();
     return outputs;
+}
+
+// Tells whether the layers' outputs are those of the dump to compare with, if there is one.
+bool UseLayers(const std::vector<DumpedTensor>& layers, const Options& options)
+{
+    const bool same = options.compare.empty() || CompareWithDump(options.compare, layers);
+    if (!options.dump.empty()) {
+        SaveDump(options.dump, layers);
+    }
+    return same;
 }
 
 Profile TimedRuns(const Model& model, Stream& stream, const Options& options)
@@ -114,8 +119,8 @@ int Run(const Options& options)
     PrintTensorLines("input", model.inputs, inputs, inputFiles);
 
     Stream stream(model, inputs, streamOptions);
-    bool same = true;
-    const RunData outputs = FirstRun(model, stream, options, &same);
+    std::vector<DumpedTensor> layers;
+    const RunData outputs = FirstRun(model, stream, options, &layers);
     SaveOutputs(model, outputs, outputFiles);
     PrintTensorLines("output", model.outputs, outputs, outputFiles);
     fmt::print("items   {} in {} request{}\n", inputs.items, stream.RequestCount(),
@@ -123,6 +128,7 @@ int Run(const Options& options)
     if (stream.SegId() != kNoSegment) {
         fmt::print("segment {} is what the last layer asked for\n", stream.SegId());
     }
+    const bool same = UseLayers(layers, options);
     if (options.threads != 0) {
         const uint32_t repeat = options.repeat != 0 ? options.repeat : ThroughputOptions{}.repeat;
         MeasureThroughput(model, inputs, outputs, streamOptions, {options.threads, repeat, options.warmup});

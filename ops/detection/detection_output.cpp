@@ -11,6 +11,7 @@
 #include "common/convert.h"
 #include "opkit/attributes/detection.h"
 #include "opkit/operators.h"
+#include "ops/detection/chain_state.h"
 #include "runtime/frame.h"
 
 using namespace opkit;

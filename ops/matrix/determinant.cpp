@@ -1,8 +1,7 @@
 // Det: determinant of every square matrix of a stack, by elimination with full pivoting in f32 and a product of the
 // pivots in f64. Compacts X and leaves it eliminated, also in the model buffer; computes compactly, expands.
 //
-// Entries within 1e-6 of zero are not eliminated. A NaN on the diagonal stays the pivot, elsewhere it never becomes
-// one.
+// Entries within 1e-6 of zero are not eliminated. A NaN on the diagonal stays the pivot; elsewhere none becomes it.
 
 #include "kernels/determinant.h"
 #include "opkit/operators.h"

@@ -22,8 +22,7 @@ inline void MultiplyStacks(uint32_t M, uint32_t N, uint32_t K, MatrixStack a, Ma
     args.beta = 0.0f;
     const bool oneRight = y.count > 1 && a.count == y.count && b.count == 1;
     if (oneRight && uint64_t{M} * static_cast<uint32_t>(y.count) <= INT32_MAX / (uint64_t{N} + 1)) {
-        args.M *=
-            static_cast<uint32_t>(y.count);  // one right factor for all: one tall matrix, element by element the same
+        args.M *= static_cast<uint32_t>(y.count);  // one right factor for all: the stack is one tall matrix
         y.count = 1;
     }
     for (int32_t i = 0; i < y.count; ++i) {
