@@ -30,7 +30,7 @@ set(opkit_kernels
     kernels/gemm.cpp
     kernels/unary.cpp
 )
-include(OpkitKernels OPTIONAL)
+include(OpkitKernels)
 
 set(opkit_library_flags -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-semantic-interposition
                         -fvisibility=hidden -fvisibility-inlines-hidden)

@@ -33,13 +33,16 @@ list(APPEND opkit_sources
     ops/movement/gather_nd.cpp
     ops/movement/one_hot.cpp
     ops/movement/pad.cpp
+    ops/movement/pad_rows.cpp
     ops/movement/pad_shape.cpp
     ops/movement/pad_walk.cpp
     ops/movement/permute.cpp
     ops/movement/reshape.cpp
     ops/movement/resize.cpp
     ops/movement/resize_linear.cpp
+    ops/movement/resize_linear_tables.cpp
     ops/movement/resize_nearest.cpp
+    ops/movement/resize_nearest_tables.cpp
     ops/movement/scatter.cpp
     ops/movement/scatter_nd.cpp
     # control

@@ -1,4 +1,4 @@
-// The element loop of linear resampling.
+// The element loop of linear resampling between two rows whose columns were gathered.
 #ifndef OPKIT_KERNELS_RESIZE_H
 #define OPKIT_KERNELS_RESIZE_H
 
@@ -6,21 +6,16 @@
 
 namespace opkit {
 
-// One output row lies between two input rows, each of its elements between two columns.
-struct LinearRow {
-    const float* row1;
-    const float* row2;
-    float dy1;  // distances to the two rows
-    float dy2;
-    const int64_t* x1;  // per output column
-    const int64_t* x2;
-    const float* dx1;
-    const float* dx2;
+// One source row as an output row sees it: the element to the left and to the right of each output column.
+struct GatheredRow {
+    const float* left;
+    const float* right;
 };
 
 struct ResizeKernels {
-    // Elements begin to end - 1 of the output row at `out`.
-    void (*linearRow)(const LinearRow& row, float* out, int64_t begin, int64_t end);
+    // out[x] between two rows at distances dy1 and dy2 and two columns at distances dx1[x] and dx2[x].
+    void (*blendRows)(GatheredRow row1, GatheredRow row2, const float* dx1, const float* dx2, float dy1, float dy2,
+                      float* out, size_t count);
 };
 OPKIT_KERNEL_TABLE(ResizeKernels, resizeKernels, ResizeLoops)
 

@@ -13,7 +13,7 @@
 namespace opkit {
 namespace {  // internal linkage: levels must not share code
 
-constexpr float kAllWhole = 8388608.0f;
+inline constexpr float kAllWhole = 8388608.0f;
 
 inline float WithSignOf(float magnitude, float x)
 {

@@ -50,6 +50,13 @@ ordered_json IndexEntry(const DumpedTensor& tensor)
             {"shape", tensor.shape}};
 }
 
+// "a" for "b/../a/", so that what is replaced is what was looked at.
+fs::path WithoutDetours(const fs::path& path)
+{
+    const fs::path normal = path.lexically_normal();
+    return normal.has_filename() ? normal : normal.parent_path();
+}
+
 // Refuses to remove what is no dump.
 void CheckReplaceable(const fs::path& directory)
 {
@@ -228,14 +235,15 @@ void DumpCollector::Append(const StreamPass& pass, uint32_t layerIndex, const Re
     found->values.insert(found->values.end(), values.begin(), values.end());
 }
 
-void SaveDump(const fs::path& directory, const std::vector<DumpedTensor>& tensors)
+void SaveDump(const fs::path& path, const std::vector<DumpedTensor>& tensors)
 {
+    const fs::path directory = WithoutDetours(path);
     CheckReplaceable(directory);
     fs::path aside = directory;
     aside += ".new";
     try {
         fs::remove_all(aside);
-        fs::create_directories(aside);
+        fs::create_directory(aside);
         ordered_json index = {{"format", kFormatName}, {"formatVersion", kFormatVersion}};
         index["tensors"] = ordered_json::array();
         for (const DumpedTensor& tensor : tensors) {
@@ -243,6 +251,7 @@ void SaveDump(const fs::path& directory, const std::vector<DumpedTensor>& tensor
             index["tensors"].push_back(IndexEntry(tensor));
         }
         WriteFile(aside / kIndexName, JsonText(index));
+        CheckReplaceable(directory);
         fs::remove_all(directory);
         fs::rename(aside, directory);
     } catch (const fs::filesystem_error& error) {

@@ -42,7 +42,9 @@ int Perform(const Action& action)
     } catch (const std::bad_alloc&) {
         fmt::print(stderr, "opkit: there is not enough memory\n");
     } catch (const std::exception& error) {
-        fmt::print(stderr, "opkit: {}\n", error.what());
+        if (std::ferror(stdout) == 0) {  // otherwise Finish tells
+            fmt::print(stderr, "opkit: {}\n", error.what());
+        }
     }
     return kFailure;
 }

@@ -21,11 +21,12 @@ using Clock = std::chrono::steady_clock;
 void RefuseUnique(const Model& model)
 {
     for (size_t t = 0; t < model.tables.size(); ++t) {
-        for (const ReadLayer& layer : ReadLayerTable(model, t).layers) {
-            if (layer.name == "UniqueOpkitForward") {
-                throw ToolError(fmt::format("layer {} of segment {} is UniqueOpkitForward, which must not run on two "
-                                            "threads at once",
-                                            layer.record.layerId, model.tables[t].segmentId));
+        const std::vector<ReadLayer> layers = ReadLayerTable(model, t).layers;
+        for (size_t i = 0; i < layers.size(); ++i) {
+            if (layers[i].name == "UniqueOpkitForward") {
+                throw ToolError(fmt::format("--threads: layer {} of segment {} is UniqueOpkitForward, which must not "
+                                            "run on two threads at once",
+                                            i, model.tables[t].segmentId));
             }
         }
     }

@@ -70,8 +70,7 @@ uint32_t CustomOpkitForward(LayerParam* param)
     const uint32_t offlineNum = attr.head.offlineInputNum;
     const uint32_t total = attr.totalInputNum;
     if (total != offlineNum + param->inputNum) {
-        Report(Here(),
-               "error: onlineinputNum(%u) plus offlineinputNum(%u) must equal to total input num(%d)\n\n",
+        Report(Here(), "error: onlineinputNum(%u) plus offlineinputNum(%u) must equal to total input num(%d)\n\n",
                param->inputNum, offlineNum, static_cast<int32_t>(total));
         return kFailure;
     }
@@ -88,8 +87,7 @@ uint32_t CustomOpkitForward(LayerParam* param)
     }
     void* const library = dlopen(kLibrary, RTLD_LAZY);
     if (library == nullptr) {
-        Report(Here(),
-               "Get handle error.Not found %s in default library path, please set it in LD_LIBRARY_PATH\n\n",
+        Report(Here(), "Get handle error.Not found %s in default library path, please set it in LD_LIBRARY_PATH\n\n",
                kLibrary);
         return kFailure;
     }

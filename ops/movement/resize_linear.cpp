@@ -1,127 +1,87 @@
 // Resize, linear: every output element is a weighted sum of four input elements, two rows by two columns. H is
-// dimension 2 and W the last one; N and C are the input's. Rows, columns and weights are found once per axis.
+// dimension 2 and W the last one; N and C are the input's.
 
-#include <cmath>
-#include <cstdlib>
-
-#include "common/convert.h"
 #include "kernels/resize.h"
-#include "ops/movement/resize.h"
+#include "kernels/resize_elements.h"
+#include "ops/movement/resize_tables.h"
 
 namespace opkit {
 namespace {
 
-struct BilinearParams {
-    float* sourceX;  // coordinates before clamping
-    float* sourceY;
-    uint8_t* indexBlock;  // the one allocation of all that follows
-    int64_t* inY1;        // offsets of the two source rows in a plane
-    int64_t* inY2;
-    int64_t* inX1;  // the two source columns
-    int64_t* inX2;
-    float* dx1;  // distances to them
-    float* dx2;
-    float* dy1;
-    float* dy2;
+// Elements begin to end - 1 of output row y of a plane.
+void SampleRow(const BilinearParams& params, const float* plane, uint32_t y, float* out, uint32_t begin, uint32_t end)
+{
+    const float* const row1 = plane + params.inY1[y];
+    const float* const row2 = plane + params.inY2[y];
+    const float dy1 = params.dy1[y];
+    const float dy2 = params.dy2[y];
+    for (uint32_t x = begin; x < end; ++x) {
+        const int64_t x1 = params.inX1[x];
+        const int64_t x2 = params.inX2[x];
+        out[x] = BlendFour(row1[x1], row1[x2], row2[x1], row2[x2], params.dx1[x], params.dx2[x], dy1, dy2);
+    }
+}
+
+// The columns of one source row, gathered for a block of output columns.
+constexpr uint32_t kBlockColumns = 512;
+struct Line {
+    int64_t source = -1;
+    float left[kBlockColumns];
+    float right[kBlockColumns];
+
+    void Gather(const float* plane, int64_t row, const int64_t* x1, const int64_t* x2, uint32_t count)
+    {
+        if (source == row) {
+            return;
+        }
+        source = row;
+        for (uint32_t x = 0; x < count; ++x) {
+            left[x] = plane[row + x1[x]];
+            right[x] = plane[row + x2[x]];
+        }
+    }
 };
 
-static_assert(sizeof(BilinearParams) == 88, "a failing allocation names the size");
-
-constexpr size_t kBytesPerPosition = 2 * sizeof(int64_t) + 2 * sizeof(float);
-
-void FreeBilinearParams(BilinearParams* params)
+// A plane with more rows than its source: a source row serves several output rows and is gathered once for them.
+void SamplePlaneByLines(const BilinearParams& params, const float* plane, float* out, uint32_t rows, uint32_t columns,
+                        size_t pitchOut)
 {
-    if (params != nullptr) {
-        std::free(params->sourceX);
-        std::free(params->sourceY);
-        std::free(params->indexBlock);
-        std::free(params);
+    for (uint32_t begin = 0; begin < columns; begin += kBlockColumns) {
+        const uint32_t count = columns - begin < kBlockColumns ? columns - begin : kBlockColumns;
+        const int64_t* const x1 = params.inX1 + begin;
+        const int64_t* const x2 = params.inX2 + begin;
+        Line lines[2];
+        Line* first = &lines[0];
+        Line* second = &lines[1];
+        for (uint32_t y = 0; y < rows; ++y) {
+            if (second->source == params.inY1[y]) {
+                Line* const moved = first;
+                first = second;
+                second = moved;
+            }
+            first->Gather(plane, params.inY1[y], x1, x2, count);
+            second->Gather(plane, params.inY2[y], x1, x2, count);
+            ResizeLoops().blendRows({first->left, first->right}, {second->left, second->right}, params.dx1 + begin,
+                                    params.dx2 + begin, params.dy1[y], params.dy2[y], out + y * pitchOut + begin,
+                                    count);
+        }
     }
-}
-
-void* Allocate(size_t bytes, Caller caller = Here())
-{
-    void* const block = std::malloc(bytes);
-    if (block == nullptr) {
-        Report(caller, "Malloc %ld failed!\n\n", static_cast<long>(bytes));
-    }
-    return block;
-}
-
-// The tables of one axis; offsets are in units of `pitch`.
-void BuildAxis(const ResizeAxis& axis, int64_t pitch, float* source, int64_t* low, int64_t* high, float* toLow,
-               float* toHigh)
-{
-    const bool keep = axis.KeepsPosition();
-    const float last = axis.Last();
-    const int64_t lastIndex = int64_t{axis.in} - 1;
-    for (uint32_t i = 0; i < axis.out; ++i) {
-        const float unclamped = keep ? static_cast<float>(i) : SourceCoordinate(axis, i);
-        const float x = unclamped > 0.0f ? (unclamped < last ? unclamped : last) : 0.0f;  // NaN goes to 0
-        const int64_t truncated = TruncateToI64(x);
-        const int64_t first = truncated < lastIndex ? truncated : lastIndex;
-        const int64_t second = first < lastIndex ? first + 1 : lastIndex;
-        source[i] = unclamped;
-        low[i] = first * pitch;
-        high[i] = second * pitch;
-        toLow[i] = first == second ? 0.5f : __builtin_fabsf(x - static_cast<float>(first));
-        toHigh[i] = first == second ? 0.5f : __builtin_fabsf(x - static_cast<float>(second));
-    }
-}
-
-// Null, with a message, when memory runs out.
-BilinearParams* BuildBilinearParams(const ResizeAxis& y, const ResizeAxis& x, uint32_t pitchIn)
-{
-    BilinearParams* const params = static_cast<BilinearParams*>(Allocate(sizeof(BilinearParams)));
-    if (params == nullptr) {
-        return nullptr;
-    }
-    *params = {};
-    params->sourceX = static_cast<float*>(Allocate(size_t{x.out} * sizeof(float)));
-    if (params->sourceX != nullptr) {
-        params->sourceY = static_cast<float*>(Allocate(size_t{y.out} * sizeof(float)));
-    }
-    if (params->sourceY != nullptr) {
-        params->indexBlock = static_cast<uint8_t*>(Allocate((size_t{y.out} + x.out) * kBytesPerPosition));
-    }
-    if (params->indexBlock == nullptr) {
-        FreeBilinearParams(params);
-        return nullptr;
-    }
-    params->inY1 = reinterpret_cast<int64_t*>(params->indexBlock);
-    params->inY2 = params->inY1 + y.out;
-    params->inX1 = params->inY2 + y.out;
-    params->inX2 = params->inX1 + x.out;
-    params->dy1 = reinterpret_cast<float*>(params->inX2 + x.out);
-    params->dy2 = params->dy1 + y.out;
-    params->dx1 = params->dy2 + y.out;
-    params->dx2 = params->dx1 + x.out;
-    BuildAxis(y, pitchIn, params->sourceY, params->inY1, params->inY2, params->dy1, params->dy2);
-    BuildAxis(x, 1, params->sourceX, params->inX1, params->inX2, params->dx1, params->dx2);
-    return params;
-}
-
-LinearRow RowOf(const BilinearParams& params, const float* plane, uint32_t y)
-{
-    return {plane + params.inY1[y], plane + params.inY2[y], params.dy1[y], params.dy2[y],
-            params.inX1,            params.inX2,            params.dx1,    params.dx2};
 }
 
 // A row of which some or all elements lie outside the input. Those take the value, and take it at their compact place
 // in the plane, where it overwrites what was stored there before.
 void SampleRowWithOutside(const BilinearParams& params, const ResizeAxis& yAxis, const ResizeAxis& xAxis,
-                          const LinearRow& row, float* plane, size_t pitchOut, uint32_t y, float value)
+                          const float* plane, float* planeOut, size_t pitchOut, uint32_t y, float value)
 {
     const uint32_t width = xAxis.out;
     const bool rowOutside = yAxis.Outside(params.sourceY[y]);
-    float* const rowOut = plane + y * pitchOut;
-    float* const compactOut = plane + size_t{y} * width;
+    float* const compactOut = planeOut + size_t{y} * width;
     for (uint32_t x = 0; x < width;) {
         const uint32_t begin = x;
         while (x < width && !rowOutside && !xAxis.Outside(params.sourceX[x])) {
             ++x;
         }
-        ResizeLoops().linearRow(row, rowOut, begin, x);
+        SampleRow(params, plane, y, planeOut + y * pitchOut, begin, x);
         for (; x < width && (rowOutside || xAxis.Outside(params.sourceX[x])); ++x) {
             compactOut[x] = value;
         }
@@ -155,13 +115,17 @@ uint32_t ResizeLinear(const ResizeLayer& layer)
     const size_t planeOut = yAxis.out * pitchOut;
     const size_t planes = size_t{in.shape[0]} * in.shape[1];
     for (size_t p = 0; p < planes; ++p) {
+        const float* const from = in.data + p * planeIn;
         float* const to = out.data + p * planeOut;
+        if (!extrapolate && yAxis.out > yAxis.in) {
+            SamplePlaneByLines(*params, from, to, yAxis.out, xAxis.out, pitchOut);
+            continue;
+        }
         for (uint32_t y = 0; y < yAxis.out; ++y) {
-            const LinearRow row = RowOf(*params, in.data + p * planeIn, y);
             if (extrapolate) {
-                SampleRowWithOutside(*params, yAxis, xAxis, row, to, pitchOut, y, layer.attr->extrapolationValue);
+                SampleRowWithOutside(*params, yAxis, xAxis, from, to, pitchOut, y, layer.attr->extrapolationValue);
             } else {
-                ResizeLoops().linearRow(row, to + y * pitchOut, 0, xAxis.out);
+                SampleRow(*params, from, y, to + y * pitchOut, 0, xAxis.out);
             }
         }
     }

@@ -1,82 +1,15 @@
 // Resize, nearest: every output element is a copy of the input element that its coordinates round to, on all four axes.
 // Offsets are found once per axis, so that an element costs one table look-up and one load.
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
-#include "common/convert.h"
-#include "ops/movement/resize.h"
+#include "ops/movement/resize_tables.h"
 
 namespace opkit {
 namespace {
 
 constexpr int32_t kAxes = 4;
-
-struct NearestContext {
-    uint32_t dimNum;
-    const uint32_t* inShape;
-    const uint32_t* outShape;
-    const uint32_t* strides;  // compact element strides of X
-    const float* scales;
-    const float* roi;
-    bool extrapolate;
-    uint32_t coordinateMode;
-    uint32_t nearestMode;
-};
-
-float RoundCoordinate(uint32_t nearestMode, float x, float scale)
-{
-    switch (nearestMode) {
-        case OPKIT_RESIZE_ROUND:
-            return roundf(x);
-        case OPKIT_RESIZE_FLOOR:
-            return floorf(x);
-        case OPKIT_RESIZE_CEIL:
-            return ceilf(x);
-        case OPKIT_RESIZE_SIMPLE:
-            return scale < 1.0f ? ceilf(x) : x;
-        default: {
-            // The half is added, not subtracted, so this holds about -0.5 only: 2.5 still rounds up.
-            const float truncated = static_cast<float>(TruncateToU32(x));
-            const bool half = __builtin_fabs(static_cast<double>(0.5f + (x - truncated))) < 1e-6;
-            return half ? floorf(x) : roundf(x);
-        }
-    }
-}
-
-// What an output position outside the input gets as its offset: minus the element count, above every real offset.
-uint32_t OutsideOffset(const NearestContext& context)
-{
-    return 0 - context.strides[0] * context.inShape[0];
-}
-
-// Compact offsets into X of one axis's output positions.
-void BuildNearestOffsets(const NearestContext& context, uint32_t* offsets, int32_t axis)
-{
-    const ResizeAxis map = {context.coordinateMode, context.inShape[axis], context.outShape[axis],
-                            context.scales[axis], context.roi[axis], context.roi[context.dimNum + axis]};
-    const uint32_t stride = context.strides[axis];
-    const bool keep = map.KeepsPosition();
-    for (uint32_t i = 0; i < map.out; ++i) {
-        if (keep) {
-            offsets[i] = i * stride;
-            continue;
-        }
-        const float x = SourceCoordinate(map, i);
-        if (context.extrapolate && map.Outside(x)) {
-            offsets[i] = OutsideOffset(context);
-            continue;
-        }
-        float rounded = RoundCoordinate(context.nearestMode, x, map.scale);
-        if (rounded >= static_cast<float>(map.in)) {
-            rounded = map.Last();
-        } else {
-            rounded = rounded > 0.0f ? rounded : 0.0f;  // NaN goes to the first element
-        }
-        offsets[i] = static_cast<uint32_t>(TruncateToI64(rounded)) * stride;
-    }
-}
 
 // The tables of the four axes: on the stack, and on the heap when they are long.
 class OffsetTables {

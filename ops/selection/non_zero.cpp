@@ -22,8 +22,8 @@ uint32_t CountNonZero(const float* x, uint32_t count)
     return found;
 }
 
-// Writes the columns of a row's non-zero elements and returns how many there are. What is written for an element that is
-// zero is overwritten by the next; `limit` non-zero elements are still to come, so that there is a next.
+// Writes the columns of a row's non-zero elements and returns how many there are. What is written for an element that
+// is zero is overwritten by the next; `limit` non-zero elements are still to come, so that there is a next.
 uint32_t WriteColumns(const float* x, uint32_t width, float* out, uint32_t limit)
 {
     uint32_t found = 0;

@@ -114,9 +114,8 @@ void FinishOutputs(const Output& out, bool plain, uint32_t type, uint32_t inLen)
             break;
         case OPKIT_REDUCE_LOG_SUM:
         case OPKIT_REDUCE_LOG_SUM_EXP:
-            ForEachOutput(out, plain, [](float* acc) {
-                *acc = static_cast<float>(std::log(static_cast<double>(*acc)));
-            });
+            ForEachOutput(out, plain,
+                          [](float* acc) { *acc = static_cast<float>(std::log(static_cast<double>(*acc))); });
             break;
         default:
             break;

@@ -121,9 +121,8 @@ uint32_t TopKOpkitForward(LayerParam* param)
     }
     const TopKAttr& attr = AttrOf<TopKAttr>(param);
     // The count's input is the second online tensor, whatever the flags of the logical inputs say.
-    const uint32_t k = attr.k == OPKIT_TOPK_K_FROM_INPUT
-                           ? TruncateToU32(*static_cast<const float*>(param->inputs[1].data))
-                           : attr.k;
+    const uint32_t k =
+        attr.k == OPKIT_TOPK_K_FROM_INPUT ? TruncateToU32(*static_cast<const float*>(param->inputs[1].data)) : attr.k;
     const Lanes lanes = LanesAlong(in, attr.axis);
     if (lanes.count == 0 || k == 0 || (attr.hasValues == 0 && attr.hasIndices == 0)) {
         return kSuccess;

@@ -212,8 +212,8 @@ int32_t WriteSlice(const Output& out, const float* slice, const Slices& layout, 
     for (uint32_t o = 0; o < layout.outer; ++o) {
         const size_t at = size_t{o} * layout.inner * uniqueCount + size_t{j} * layout.inner;
         const int64_t space = int64_t{out.size} - static_cast<int64_t>(at * sizeof(float));
-        const int32_t code = memcpy_s(out.data + at, space, slice + size_t{o} * layout.inner,
-                                      size_t{layout.inner} * sizeof(float));
+        const int32_t code =
+            memcpy_s(out.data + at, space, slice + size_t{o} * layout.inner, size_t{layout.inner} * sizeof(float));
         if (code != 0) {
             return code;
         }
@@ -256,8 +256,8 @@ void GetSubTensor(float* src, float* dst, uint32_t idx, uint32_t inner, int32_t 
         const size_t done = static_cast<size_t>(o) * inner;
         const size_t left = static_cast<size_t>(outer) * inner - done;
         const float* const from = src + size_t{idx} * inner + done * static_cast<uint32_t>(axisLen);
-        const int32_t code = memcpy_s(dst + done, static_cast<int64_t>(left * sizeof(float)), from,
-                                      size_t{inner} * sizeof(float));
+        const int32_t code =
+            memcpy_s(dst + done, static_cast<int64_t>(left * sizeof(float)), from, size_t{inner} * sizeof(float));
         if (code != 0) {
             Report(Here(), "memcpy failed, errnum = %d\n", code);
             return;

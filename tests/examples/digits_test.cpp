@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 
 #include "modelkit/model_file.h"
@@ -186,12 +185,21 @@ TEST(Readme, ShowsTheCExampleAsItIs)
     EXPECT_EQ(ReadmeBlock("It prints"), RunProgram(OPKIT_HELLO).text);
 }
 
+// Cuts out what differs from run to run: the number before " us", and the spaces before it.
+std::string WithoutTimes(std::string text)
+{
+    for (size_t at = 0; (at = text.find(" us\n", at + 1)) != std::string::npos;) {
+        const size_t begin = text.find_last_not_of(" 0123456789.", at) + 1;
+        text.erase(begin, at - begin);
+        at = begin;
+    }
+    return text;
+}
+
 TEST(Readme, ShowsTheDemosRealOutput)
 {
-    const std::regex time(" +[0-9]+\\.[0-9]+ us");
-    const Outcome outcome = RunProgram(OPKIT_DIGITS);
-    EXPECT_EQ(std::regex_replace(ReadmeBlock("`script/demo` ends with"), time, " us"),
-              std::regex_replace(outcome.text, time, " us"));
+    const std::string shown = ReadmeBlock("`script/demo` ends with");
+    EXPECT_EQ(WithoutTimes(shown), WithoutTimes(RunProgram(OPKIT_DIGITS).text));
 }
 
 }  // namespace

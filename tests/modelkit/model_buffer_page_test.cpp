@@ -1,12 +1,12 @@
 // docs/model-buffer.md tells the truth: its byte maps against the records, its dump against a model that is built here.
 
 #include <gtest/gtest.h>
+#include <cctype>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -88,17 +88,17 @@ const std::map<std::string, Record>& Records()
 
 TEST(ModelBufferPage, ByteMapsAgreeWithTheRecords)
 {
-    const std::regex heading("### `(\\w+)`, (\\d+) bytes");
-    const std::regex row("\\| (\\d+) \\| (\\d+) \\| `([\\w.]+)` \\|.*");
     std::map<std::string, Record> shown;
     std::string current;
     for (const std::string& line : PageLines()) {
-        std::smatch match;
-        if (std::regex_match(line, match, heading)) {
-            current = match[1];
-            shown[current].size = std::stoul(match[2]);
-        } else if (std::regex_match(line, match, row)) {
-            shown[current].fields[match[3]] = {std::stoul(match[1]), std::stoul(match[2])};
+        char name[64];
+        size_t offset = 0;
+        size_t width = 0;
+        if (std::sscanf(line.c_str(), "### `%63[^`]`, %zu bytes", name, &width) == 2) {
+            current = name;
+            shown[current].size = width;
+        } else if (std::sscanf(line.c_str(), "| %zu | %zu | `%63[^`]` |", &offset, &width, name) == 3) {
+            shown[current].fields[name] = {offset, width};
         }
     }
     ASSERT_EQ(shown.size(), Records().size());
@@ -106,6 +106,19 @@ TEST(ModelBufferPage, ByteMapsAgreeWithTheRecords)
         EXPECT_EQ(shown[name].size, record.size) << name;
         EXPECT_EQ(shown[name].fields, record.fields) << name;
     }
+}
+
+// One or two spaces, two hexadecimal digits, and nothing that makes a longer word of them.
+bool IsByte(const std::string& line, size_t at)
+{
+    const auto hex = [&](size_t i) {
+        return i < line.size() && std::isxdigit(static_cast<unsigned char>(line[i])) != 0;
+    };
+    if (at + 1 >= line.size() || line[at] != ' ') {
+        return false;
+    }
+    at += line[at + 1] == ' ' ? 2 : 1;
+    return hex(at) && hex(at + 1) && (at + 2 >= line.size() || line[at + 2] == ' ');
 }
 
 TEST(ModelBufferPage, DumpShowsTheModelItDescribes)
@@ -119,20 +132,18 @@ TEST(ModelBufferPage, DumpShowsTheModelItDescribes)
     builder.AddLayer("BinaryMathOpkitForward").Online(x).Offline(step).Output(y).Attr(attr);
     const Model model = builder.Build();
 
-    const std::regex row("([0-9a-f]{8})((?: {1,2}[0-9a-f]{2})*)(?:  .*)?");
     std::vector<uint8_t> shown(model.bytes.size(), 0);
     size_t end = 0;
     for (const std::string& line : PageLines()) {
-        std::smatch match;
-        if (!std::regex_match(line, match, row)) {
+        if (line.size() < 8 || line.find_first_not_of("0123456789abcdef") < 8) {
             continue;
         }
-        end = std::stoul(match[1], nullptr, 16);
-        std::istringstream bytes(match[2]);
-        size_t at = end;
-        for (std::string byte; bytes >> byte; ++at) {
-            ASSERT_LT(at, shown.size());
-            shown[at] = static_cast<uint8_t>(std::stoul(byte, nullptr, 16));
+        end = std::stoul(line, nullptr, 16);
+        size_t byte = end;
+        for (size_t at = 8; IsByte(line, at); at += 3, ++byte) {
+            at += line[at + 1] == ' ' ? 1 : 0;
+            ASSERT_LT(byte, shown.size());
+            shown[byte] = static_cast<uint8_t>(std::stoul(line.substr(at + 1, 2), nullptr, 16));
         }
     }
     EXPECT_EQ(end, model.bytes.size());

@@ -177,7 +177,8 @@ inline uint32_t RefPad(LayerParam* param)
         }
         int32_t positions[16] = {};
         int32_t counters[16] = {};
-        const RefPadOutput output = {out.data, int64_t{out.count / out.Width()} * RefPitch(out.Width(), out.AlignNum())};
+        const RefPadOutput output = {out.data,
+                                     int64_t{out.count / out.Width()} * RefPitch(out.Width(), out.AlignNum())};
         const auto fail = [] {
             RefReport("PadOpkitForward", "reflect pad is larger than the tensor.\n\n");
             return kAllOnes;

@@ -181,9 +181,8 @@ inline void RefResizeLinear(LayerParam* param, const float* scales, const float*
             float* planeOut = out.data + (compactOut / outW) * pitchOut + compactOut % outW;
             for (uint32_t y = 0; y < outH; ++y) {
                 for (uint32_t x = 0; x < outW; ++x) {
-                    if (attr->extrapolate != 0 &&
-                        (ys.source[y] < 0.0f || ys.source[y] > static_cast<float>(inH - 1) || xs.source[x] < 0.0f ||
-                         xs.source[x] > static_cast<float>(inW - 1))) {
+                    if (attr->extrapolate != 0 && (ys.source[y] < 0.0f || ys.source[y] > static_cast<float>(inH - 1) ||
+                                                   xs.source[x] < 0.0f || xs.source[x] > static_cast<float>(inW - 1))) {
                         RefMove(planeOut + int64_t{y} * outW + x, &attr->extrapolationValue);
                         continue;
                     }

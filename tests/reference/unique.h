@@ -67,7 +67,7 @@ inline uint32_t RefUnique(LayerParam* param)
         return kAllOnes;
     }
     std::vector<UniqueEntry> table;
-    std::vector<float> copies(size_t{axisLen} * subSize);
+    std::vector<float> copies(size_t{axisLen} * subSize + 1);
     std::vector<int32_t> inverse(axisLen);
     for (uint32_t i = 0; i < axisLen; ++i) {
         float* const slice = copies.data() + size_t{i} * subSize;

@@ -100,8 +100,8 @@ TEST(ParseInputInfo2, CountsTheFlagsBefore)
     TensorDesc desc = {};
     float* data = nullptr;
     uint32_t* shape = nullptr;
-    EXPECT_FALSE(ParseInputInfo2(&desc, &data, &shape, 4, bench.Param()));           // a third online input
-    EXPECT_FALSE(ParseInputInfo2(&desc, &data, &shape, 80, bench.Param()));          // behind the last flag
+    EXPECT_FALSE(ParseInputInfo2(&desc, &data, &shape, 4, bench.Param()));   // a third online input
+    EXPECT_FALSE(ParseInputInfo2(&desc, &data, &shape, 80, bench.Param()));  // behind the last flag
     EXPECT_FALSE(ParseInputInfo2(&desc, &data, &shape, 0xFFFFFFFFu, bench.Param()));
 }
 
@@ -224,13 +224,14 @@ struct IfRow {
 };
 
 const IfRow kIfRows[] = {
-    {0.0f, 9, 0, 0, false},   {-0.0f, 9, 0, 0, false},  {1e-7f, 9, 0, 0, false},  {1e-6f, 9, 0, 0, false},
-    {2e-6f, 9, 0, 0, true},   {-2e-6f, 9, 0, 0, true},  {kNan, 9, 0, 0, true},    {-kInf, 9, 0, 0, true},
-    {1.0f, 9, 2, 0, true},    {0.0f, 9, 2, 0, false},  // cmpType is not looked at
-    {1.0f, 1.0f, 0, 1, false}, {1.0000001f, 1.0f, 0, 1, true}, {0.5f, 1.0f, 0, 1, false}, {kInf, 1.0f, 0, 1, true},
-    {kNan, 1.0f, 0, 1, false}, {1.0f, kNan, 0, 1, false},
-    {1.0f, 1.0f, 1, 1, true},  {1.0f, 1.0000005f, 1, 1, true},  {1.0f, 1.000002f, 1, 1, false},
-    {kNan, kNan, 1, 1, false}, {kInf, kInf, 1, 1, false},       {2.0f, 1.0f, 0, 0x80, true},
+    {0.0f, 9, 0, 0, false},    {-0.0f, 9, 0, 0, false},        {1e-7f, 9, 0, 0, false},
+    {1e-6f, 9, 0, 0, false},   {2e-6f, 9, 0, 0, true},         {-2e-6f, 9, 0, 0, true},
+    {kNan, 9, 0, 0, true},     {-kInf, 9, 0, 0, true},         {1.0f, 9, 2, 0, true},
+    {0.0f, 9, 2, 0, false},  // cmpType is not looked at
+    {1.0f, 1.0f, 0, 1, false}, {1.0000001f, 1.0f, 0, 1, true}, {0.5f, 1.0f, 0, 1, false},
+    {kInf, 1.0f, 0, 1, true},  {kNan, 1.0f, 0, 1, false},      {1.0f, kNan, 0, 1, false},
+    {1.0f, 1.0f, 1, 1, true},  {1.0f, 1.0000005f, 1, 1, true}, {1.0f, 1.000002f, 1, 1, false},
+    {kNan, kNan, 1, 1, false}, {kInf, kInf, 1, 1, false},      {2.0f, 1.0f, 0, 0x80, true},
 };
 
 TEST(If, WritesTheConditionAndTheSegment)

@@ -128,11 +128,8 @@ TEST(Loop, OtherConditionsLeaveAndCount)
         float condition;
         int32_t kept;
     };
-    const Row rows[] = {{2, 2},
-                        {-3, -3},
-                        {std::numeric_limits<float>::quiet_NaN(), INT32_MIN},
-                        {3e9f, INT32_MIN},
-                        {-1.5f, -1}};
+    const Row rows[] = {
+        {2, 2}, {-3, -3}, {std::numeric_limits<float>::quiet_NaN(), INT32_MIN}, {3e9f, INT32_MIN}, {-1.5f, -1}};
     for (const Row& row : rows) {
         World world(OneCarried(3, 1, row.condition));
         Pass(world);

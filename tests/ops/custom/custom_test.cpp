@@ -80,8 +80,8 @@ TEST(Custom, ParameterForms)
         float firstByte;
     };
     const Row rows[] = {
-        {20, 0x504E5944u, 12, 16, 44},          // sized: from byte 4000
-        {20, 0x504E5945u, 12, 12, 20},          // fixed: from byte 3992, the size word itself
+        {20, 0x504E5944u, 12, 16, 44},  // sized: from byte 4000
+        {20, 0x504E5945u, 12, 12, 20},  // fixed: from byte 3992, the size word itself
         {4, 0x504E5944u, 12, 0, -1},
         {3, 0x504E5944u, 12, 4294967295.0f, 44},  // wraps
         {0, 0, 80, 80, 0},

@@ -155,6 +155,8 @@ TEST(BinaryMath, EmptyOutputSucceeds)
     LayerCase narrow = Case(0);
     narrow.Online({3}, {1, 2, 3}).Online({1}, {1}).Output({3, 0});
     ExpectRun(narrow, BinaryMathOpkitForward, 0, "");
+    narrow.Tamper([](World& world) { world.Param().outputs[0].stride = 0; });  // no pitch is computed
+    ExpectRun(narrow, BinaryMathOpkitForward, 0, "");
 }
 
 TEST(BinaryMath, UnresolvedInputsFailSilently)

@@ -151,8 +151,7 @@ TEST(ResizeNearest, OutsideWithExtrapolation)
     rows.Attr<ResizeAttr>().extrapolationValue = -7;
     rows.Attr<ResizeAttr>().nearestMode = OPKIT_RESIZE_FLOOR;
     rows.Attr<ResizeAttr>().coordinateMode = OPKIT_RESIZE_ASYMMETRIC;  // channel 1 is at 0.5, row 3 at 1.5
-    ExpectRow(rows, {0,  1,  2,  0,  1,  2,  3,  4,  5,  -7, -7, -7,
-                     -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7});
+    ExpectRow(rows, {0, 1, 2, 0, 1, 2, 3, 4, 5, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7, -7});
 }
 
 TEST(ResizeNearest, StrangeScales)
@@ -228,6 +227,22 @@ TEST(ResizeLinear, RowsAndColumns)
     ExpectRow(layer, {0, 0.5f, 1, 5, 5.5f, 6, 10, 10.5f, 11, 20, 20.5f, 21, 25, 25.5f, 26, 30, 30.5f, 31});
 }
 
+// Wider than the block of columns that is gathered at a time, and rows that share source rows.
+TEST(ResizeLinear, WideOutput)
+{
+    Random random(TestSeed());
+    for (const uint32_t outWidth : {511u, 512u, 513u, 1300u}) {
+        for (const bool extrapolate : {false, true}) {
+            LayerCase layer("ResizeOpkitForward");
+            layer.Online({1, 2, 3, 300}, random.Floats(1800, Values::kPlain), 1280).Output({1, 2, 9, outWidth}, 64);
+            SetScales(layer, {1, 1, 3, static_cast<float>(outWidth) / 300});
+            layer.Attr<ResizeAttr>().resizeMode = OPKIT_RESIZE_LINEAR;
+            layer.Attr<ResizeAttr>().extrapolate = extrapolate ? 1 : 0;
+            ExpectSameAsReference(layer, ResizeOpkitForward, RefResize);
+        }
+    }
+}
+
 // The sum starts with the upper right term: in f32 another order would lose the 1.
 TEST(ResizeLinear, OrderOfTheSum)
 {
@@ -258,9 +273,9 @@ TEST(ResizeLinear, ExtrapolatedElementsGoToTheirCompactPlace)
     EXPECT_EQ(world.RunDirect(ResizeOpkitForward), 0u);
     // Row y's last column goes to 4 y + 3, row 3 to 12 to 15: over elements that were stored, and gaps.
     const std::vector<float> rows(world.OutputRows().begin(), world.OutputRows().end());
-    EXPECT_THAT(rows, ElementsAre(0, 0.5f, 1, -7, 9, 9, 9, -7,          //
-                                  5, 5.5f, 6, -7, -7, -7, -7, -7,      // -7 at 11 and 12 to 15
-                                  10, 10.5f, 11, 9, 9, 9, 9, 9,        //
+    EXPECT_THAT(rows, ElementsAre(0, 0.5f, 1, -7, 9, 9, 9, -7,     //
+                                  5, 5.5f, 6, -7, -7, -7, -7, -7,  // -7 at 11 and 12 to 15
+                                  10, 10.5f, 11, 9, 9, 9, 9, 9,    //
                                   9, 9, 9, 9, 9, 9, 9, 9));
     ExpectSameAsReference(layer, ResizeOpkitForward, RefResize, {.nan = NanPolicy::kAnyNan});
 }
@@ -338,9 +353,9 @@ TEST(Resize, WhereScalesComeFrom)
         bool fromInput;
     };
     const Row rows[] = {
-        {1, 0, 0, false},  {1, 0, -1, false},        {-1, 0, 0, true},  {-1.0000005f, 0, 0, true},
+        {1, 0, 0, false},          {1, 0, -1, false}, {-1, 0, 0, true},  {-1.0000005f, 0, 0, true},
         {-1.000002f, 0, 0, false}, {-1, 2, -1, true}, {1, 2, -1, false},  // only a useSizes of 1 counts
-        {-1, 1, 0, false}, {1, 1, 7, false},
+        {-1, 1, 0, false},         {1, 1, 7, false},
     };
     for (const Row& row : rows) {
         for (const bool offline : {false, true}) {
@@ -355,7 +370,8 @@ TEST(Resize, WhereScalesComeFrom)
             SetScales(layer, {row.firstScale, 1, 1, 0.5f});
             attr.useSizes = row.useSizes;
             attr.sizes[0] = row.firstSize;
-            ExpectRow(layer, row.fromInput ? std::vector<float>{0, 0, 1, 1, 2, 2} : std::vector<float>{0, 2, 2, 2, 2, 2});
+            ExpectRow(layer,
+                      row.fromInput ? std::vector<float>{0, 0, 1, 1, 2, 2} : std::vector<float>{0, 2, 2, 2, 2, 2});
         }
     }
 }
@@ -386,8 +402,9 @@ TEST(Resize, Regions)
     const std::vector<float> cropped = {2, 4, 6};
     const std::vector<float> whole = {0, 4, 8};
     const Row rows[] = {
-        {1, 11, 0, false, false, cropped},     {1, 11, 5e-7f, true, false, cropped}, {1, 11, 2e-6f, false, false, whole},
-        {1, 10, 0, false, false, whole},       {2, 11, 0, false, false, whole},      {1, 11, 0, false, true, cropped},
+        {1, 11, 0, false, false, cropped},        {1, 11, 5e-7f, true, false, cropped},
+        {1, 11, 2e-6f, false, false, whole},      {1, 10, 0, false, false, whole},
+        {2, 11, 0, false, false, whole},          {1, 11, 0, false, true, cropped},
         {1, 0xFFFFFFFFu, 0, true, true, cropped},
     };
     for (const Row& row : rows) {

@@ -119,8 +119,11 @@ TEST(Argmin, OutOfMemory)
     for (uint64_t n = 0;; ++n) {
         World world(layer);
         LayerParam param = {};
-        ASSERT_EQ(ParseLayerParam(&world.Param(), reinterpret_cast<const uint32_t*>(world.ModelBytes().data() +
-                                  world.ModelInfo().tables[0].layerTableOffset)[1], &param, 0), 0u);
+        ASSERT_EQ(ParseLayerParam(&world.Param(),
+                                  reinterpret_cast<const uint32_t*>(world.ModelBytes().data() +
+                                                                    world.ModelInfo().tables[0].layerTableOffset)[1],
+                                  &param, 0),
+                  0u);
         CaptureStdout capture;
         AllocFault fault(n);
         const uint32_t result = ArgminOpkitForward(&param);

@@ -139,8 +139,9 @@ TEST(Hardmax, Messages)
     World nullWorld(null);
     const RunResult nullRun = RunCaptured(nullWorld, HardmaxOpkitForward);
     EXPECT_EQ(nullRun.result, UINT32_MAX);
-    EXPECT_EQ(nullRun.messages, "[InsertAlignSpace:#]Input data is NULL.\n\n"
-                                "[HardmaxOpkitForward:#]InsertAlignSpace failed.\n\n");
+    EXPECT_EQ(nullRun.messages,
+              "[InsertAlignSpace:#]Input data is NULL.\n\n"
+              "[HardmaxOpkitForward:#]InsertAlignSpace failed.\n\n");
 }
 
 TEST(Hardmax, SameAsReference)

@@ -68,7 +68,7 @@ TEST(TopK, Nan)
     EXPECT_THAT(TopKOf({kNan, 5}, 2, 1).indices, ElementsAre(0, 1));
     EXPECT_THAT(TopKOf({5, kNan}, 2, 1).indices, ElementsAre(0, 1));
     EXPECT_THAT(TopKOf({1, kNan, 5}, 3, 1).indices, ElementsAre(0, 1, 2));  // 1 meets the NaN first, 5 stays behind it
-    EXPECT_THAT(TopKOf({1, 5, kNan}, 3, 1).indices, ElementsAre(1, 2, 0));
+    EXPECT_THAT(TopKOf({1, 5, kNan}, 3, 1).indices, ElementsAre(1, 0, 2));
     LayerCase layer("TopKOpkitForward");
     CaseTensor bits = {{2}, {}, 0, {0x7f800001, 0xffc12345}};
     layer.Online(bits).Output({2}).Workspace(16);
@@ -219,8 +219,11 @@ TEST(TopK, OutOfMemory)
     for (uint64_t n = 0;; ++n) {
         World world(layer);
         LayerParam param = {};
-        ASSERT_EQ(ParseLayerParam(&world.Param(), reinterpret_cast<const uint32_t*>(world.ModelBytes().data() +
-                                  world.ModelInfo().tables[0].layerTableOffset)[1], &param, 0), 0u);
+        ASSERT_EQ(ParseLayerParam(&world.Param(),
+                                  reinterpret_cast<const uint32_t*>(world.ModelBytes().data() +
+                                                                    world.ModelInfo().tables[0].layerTableOffset)[1],
+                                  &param, 0),
+                  0u);
         CaptureStdout capture;
         AllocFault fault(n);
         const uint32_t result = TopKOpkitForward(&param);
@@ -244,8 +247,8 @@ TEST(TopK, SameAsReference)
         const int32_t axis = random.Int(0, static_cast<int32_t>(shape.size()) - 1);
         const uint32_t length = shape[static_cast<size_t>(axis)];
         const uint32_t k = static_cast<uint32_t>(random.Int(random.Chance(0.05) ? 0 : 1, static_cast<int32_t>(length)));
-        const auto data = random.Floats(ElementCount(shape),
-                                        random.OneOf({Values::kMixed, Values::kIntegers, Values::kBits}));
+        const auto data =
+            random.Floats(ElementCount(shape), random.OneOf({Values::kMixed, Values::kIntegers, Values::kBits}));
         LayerCase layer("TopKOpkitForward");
         const bool offline = random.Chance(0.3);
         if (offline) {
@@ -295,7 +298,7 @@ TEST(TopK, Comparators)
     EXPECT_EQ(down({2, 0}, {1, 1}), -1);
     EXPECT_EQ(down({1, 0}, {1, 1}), -1);
     EXPECT_EQ(down({1, 1}, {1, 0}), 1);
-    EXPECT_EQ(down({1.0000005f, 1}, {1, 0}), 1);   // both ways round
+    EXPECT_EQ(down({1.0000005f, 1}, {1, 0}), 1);  // both ways round
     EXPECT_EQ(down({1, 0}, {1.0000005f, 1}), 1);
     EXPECT_EQ(down({kNan, 1}, {1, 0}), -1);
     EXPECT_EQ(down({kInf, 1}, {kInf, 0}), -1);

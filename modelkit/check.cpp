@@ -1,0 +1,233 @@
+#include "modelkit/check.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "modelkit/attribute_fields.h"
+#include "modelkit/check/layer_check.h"
+#include "modelkit/check/structure.h"
+
+namespace opkit::modelkit {
+namespace {
+
+using namespace opkit::modelkit::check;
+
+// Bytes of one batch item of a described tensor, without limits.
+uint64_t BytesOf(const TensorSpec& spec)
+{
+    Tensor tensor;
+    tensor.dims = spec.shape;
+    tensor.stride = spec.strideBytes;
+    if (spec.strideBytes == 0) {
+        return Mul(tensor.Count(), 4);
+    }
+    return tensor.Rank() == 0 ? tensor.Pitch() * 4 + 4 : Mul(tensor.Rows(), tensor.Pitch(), 4);
+}
+
+std::vector<CheckTensor> TensorsOf(const std::vector<TensorSpec>& specs, uint32_t batch)
+{
+    std::vector<CheckTensor> tensors;
+    for (const TensorSpec& spec : specs) {
+        const uint64_t width = std::max<uint64_t>(spec.shape.empty() ? 1 : spec.shape.back(), 1);
+        const uint64_t stride = spec.strideBytes != 0 ? spec.strideBytes : Mul(width, 4);
+        tensors.push_back({Mul(BytesOf(spec), batch), static_cast<uint32_t>(std::min<uint64_t>(stride, UINT32_MAX))});
+    }
+    return tensors;
+}
+
+void CheckRequestTensors(const ModelView& model, const char* side, const std::vector<CheckTensor>& tensors)
+{
+    const uint32_t batch = model.request.batch;
+    if (tensors.empty()) {
+        model.Refuse({}, {std::string(side) + " of the request"}, 0, 1, "a request needs at least one");
+    }
+    for (size_t i = 0; i < tensors.size(); ++i) {
+        const Field field = {std::string(side) + "[" + std::to_string(i) + "].size of the request"};
+        const uint64_t size = tensors[i].size;
+        if (size > UINT32_MAX) {
+            model.Refuse({}, field, static_cast<int64_t>(size), UINT32_MAX, "more than 4 GiB");
+        }
+        if (size % batch != 0) {
+            model.Refuse({}, field, static_cast<int64_t>(size), static_cast<int64_t>(size / batch * batch),
+                         "not a multiple of the batch count");
+        }
+        if (batch > 1 && size / batch % 4 != 0) {
+            model.Refuse({}, field, static_cast<int64_t>(size), static_cast<int64_t>(size / (4 * batch) * (4 * batch)),
+                         "the next batch item is not at a multiple of 4");
+        }
+    }
+}
+
+void CheckWholeRequest(const ModelView& model)
+{
+    const CheckRequest& request = model.request;
+    if (request.batch < 1 || request.batch > OPKIT_MAX_BATCH) {
+        model.Refuse({}, {"batch of the request"}, request.batch, request.batch < 1 ? 1 : OPKIT_MAX_BATCH,
+                     "a request has 1 to 256 batch items");
+    }
+    const auto shown = [](uint64_t size) { return static_cast<int64_t>(std::min(size, kHuge)); };
+    if (model.bytes.empty() || model.bytes.size() > OPKIT_MAX_MODEL_SIZE) {
+        model.Refuse({}, {"modelSize"}, shown(model.bytes.size()), model.bytes.empty() ? 1 : OPKIT_MAX_MODEL_SIZE,
+                     "a model buffer takes up to 1 GiB");
+    }
+    if (request.scratchSize > UINT32_MAX) {
+        model.Refuse({}, {"opkitBufSize of the request"}, shown(request.scratchSize), UINT32_MAX, "more than 4 GiB");
+    }
+    CheckRequestTensors(model, "inputs", request.inputs);
+    CheckRequestTensors(model, "outputs", request.outputs);
+}
+
+// Segment ids name one table each, and so do successors.
+void CheckSegments(ModelView& model, std::span<const ModelTable> tables)
+{
+    constexpr uint32_t kNoJump = 0xFFFFFFFF;
+    for (const ModelTable& table : tables) {
+        const CheckPlace place = {table.segmentId};
+        const Field field = {"segment id", table.layerTableOffset};
+        if (table.segmentId == kNoJump) {
+            model.Refuse(place, field, table.segmentId, int64_t{kNoJump} - 1, "this id asks for no jump");
+        }
+        if (!model.segments.insert(table.segmentId).second) {
+            model.Refuse(place, field, table.segmentId, table.segmentId, "two tables have this id");
+        }
+    }
+    for (const ModelTable& table : tables) {
+        if (table.next && !model.segments.contains(*table.next)) {
+            model.Refuse({table.segmentId}, {"successor", table.layerTableOffset}, *table.next, kNoJump,
+                         "no table has this segment id");
+        }
+    }
+}
+
+// What a layer writes into the model buffer, for the comparison with all structure.
+struct LayerWrites {
+    CheckPlace place;
+    int owner;
+    std::vector<ModelWrite> writes;
+};
+
+// The attribute block without what the operator writes there, and with its state.
+void AddAttributeRanges(const Layer& layer, int owner, const std::vector<ModelWrite>& writes,
+                        std::vector<StructureRange>* ranges)
+{
+    uint64_t at = layer.attrAt;
+    const uint64_t end = at + FindAttributeRecord(layer.place.operatorName)->size;
+    std::vector<ModelWrite> own;
+    std::copy_if(writes.begin(), writes.end(), std::back_inserter(own),
+                 [&](const ModelWrite& write) { return write.begin >= at && write.end <= end && write.field.at == write.begin; });
+    std::sort(own.begin(), own.end(), [](const ModelWrite& a, const ModelWrite& b) { return a.begin < b.begin; });
+    for (const ModelWrite& write : own) {
+        ranges->push_back({at, write.begin, owner, false, "attribute block"});
+        if (write.isState) {
+            ranges->push_back({write.begin, write.end, owner, true, "state"});
+        }
+        at = write.end;
+    }
+    ranges->push_back({at, end, owner, false, "attribute block"});
+}
+
+void CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,
+                std::vector<LayerWrites>* writes)
+{
+    const uint32_t count = CheckTableHeader(model, table, ranges);
+    for (uint32_t i = 0; i < count; ++i) {
+        const int owner = static_cast<int>(writes->size());
+        writes->emplace_back();
+        const size_t conditions = model.report->conditions.size();
+        try {
+            const Layer layer = ReadLayer(model, table, i, owner, ranges);
+            LayerCheck layerCheck(model, layer);
+            FindOperatorCheck(layer.place.operatorName)->check(layerCheck);
+            layerCheck.CheckSharing();
+            AddAttributeRanges(layer, owner, layerCheck.Writes(), ranges);
+            writes->back() = {layer.place, owner, layerCheck.Writes()};
+        } catch (const Refused&) {
+            model.report->conditions.resize(conditions);
+        }
+    }
+}
+
+void CheckWrites(const ModelView& model, std::vector<StructureRange> ranges, const std::vector<LayerWrites>& layers)
+{
+    const WriteMap map(std::move(ranges));
+    for (const LayerWrites& layer : layers) {
+        for (const ModelWrite& write : layer.writes) {
+            const StructureRange* const hit = map.Hit(write, layer.owner);
+            if (hit == nullptr) {
+                continue;
+            }
+            try {
+                model.Refuse(layer.place, write.field, static_cast<int64_t>(write.begin), static_cast<int64_t>(hit->end),
+                             "the operator writes here, over the " + std::string(hit->what) + " of a layer");
+            } catch (const Refused&) {
+                break;
+            }
+        }
+    }
+}
+
+std::string Printable(std::string text)
+{
+    constexpr size_t kShown = 64;
+    text.resize(std::min(text.size(), kShown));
+    std::replace_if(text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return text;
+}
+
+}  // namespace
+
+std::string CheckPlace::Text() const
+{
+    std::string text = segment < 0 ? "model" : "segment " + std::to_string(segment);
+    if (layer >= 0) {
+        text += ", layer " + std::to_string(layer);
+        text += operatorName.empty() ? "" : " (" + Printable(operatorName) + ")";
+    }
+    return text;
+}
+
+std::string CheckRefusal::Text() const
+{
+    return place.Text() + ": " + field + " at byte " + std::to_string(byteOffset) + " is " + std::to_string(value) +
+           ", limit " + std::to_string(limit) + ": " + reason;
+}
+
+std::string CheckCondition::Text() const
+{
+    return place.Text() + ": safe if " + condition;
+}
+
+CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const ModelTable> tables,
+                        const CheckRequest& request)
+{
+    CheckReport report;
+    ModelView model = {buffer, request, {}, &report};
+    try {
+        CheckWholeRequest(model);
+        CheckSegments(model, tables);
+    } catch (const Refused&) {
+        return report;
+    }
+    std::vector<StructureRange> ranges;
+    std::vector<LayerWrites> writes;
+    for (const ModelTable& table : tables) {
+        try {
+            CheckTable(model, table, &ranges, &writes);
+        } catch (const Refused&) {
+        }
+    }
+    CheckWrites(model, std::move(ranges), writes);
+    return report;
+}
+
+CheckReport CheckModel(const Model& model, uint32_t batch)
+{
+    CheckRequest request;
+    request.batch = batch != 0 ? batch : model.maxBatch;
+    request.scratchSize = model.scratchSize;
+    request.inputs = TensorsOf(model.inputs, request.batch);
+    request.outputs = TensorsOf(model.outputs, request.batch);
+    return CheckBuffer(model.bytes.Span(), model.tables, request);
+}
+
+}  // namespace opkit::modelkit

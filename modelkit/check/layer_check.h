@@ -1,0 +1,173 @@
+// What the check of one operator works with: the layer's tensors and attributes, resolved as the library resolves them,
+// and the requirements. The first requirement that does not hold ends the layer's check.
+#ifndef OPKIT_MODELKIT_CHECK_LAYER_CHECK_H
+#define OPKIT_MODELKIT_CHECK_LAYER_CHECK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <set>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "modelkit/check.h"
+#include "modelkit/check/tensor.h"
+#include "opkit/records.h"
+
+namespace opkit::modelkit::check {
+
+// Thrown where a check ends, after the refusal was noted.
+struct Refused {};
+
+// What does not change from layer to layer.
+struct ModelView {
+    std::span<const std::byte> bytes;
+    CheckRequest request;
+    std::set<uint32_t> segments;
+    CheckReport* report = nullptr;
+
+    template <class T>
+    T Get(uint64_t at) const
+    {
+        T value;
+        std::memcpy(&value, bytes.data() + at, sizeof(T));
+        return value;
+    }
+    [[noreturn]] void Refuse(const CheckPlace& place, const Field& field, int64_t value, int64_t limit,
+                             std::string reason) const;
+};
+
+// A layer whose records lie inside the buffer.
+struct Layer {
+    CheckPlace place;
+    LayerRecord record = {};
+    uint64_t recordAt = 0;
+    uint64_t attrAt = 0;
+    std::vector<Tensor> inputs;
+    std::vector<Tensor> outputs;
+};
+
+// A range of the model buffer that the layer's operator writes.
+struct ModelWrite {
+    Field field;
+    uint64_t begin = 0;
+    uint64_t end = 0;
+    bool isState = false;  // read again by the same layer
+};
+
+class LayerCheck {
+public:
+    LayerCheck(const ModelView& model, const Layer& layer) : model_(model), layer_(layer) {}
+
+    // Attributes. The block is known to reach as far as the operator's record.
+    template <class T>
+    T Attr() const
+    {
+        return model_.Get<T>(layer_.attrAt);
+    }
+    Field AttrField(std::string name, size_t offset) const { return {std::move(name), layer_.attrAt + offset}; }
+    Field RecordField(std::string name, size_t offset) const { return {std::move(name), layer_.recordAt + offset}; }
+    uint64_t AttrSize() const { return layer_.record.attrSize; }
+    uint32_t InputNum() const { return static_cast<uint32_t>(layer_.inputs.size()); }
+    uint32_t OutputNum() const { return static_cast<uint32_t>(layer_.outputs.size()); }
+    char Flag(uint32_t k) const;
+
+    // Requirements.
+    [[noreturn]] void Refuse(const Field& field, int64_t value, int64_t limit, std::string reason) const;
+    void AtMost(const Field& field, uint64_t value, uint64_t limit, const std::string& reason) const;
+    void AtLeast(const Field& field, uint64_t value, uint64_t limit, const std::string& reason) const;
+    void Axis(const Field& field, int64_t axis, size_t rank) const;  // 0 to rank - 1
+    void Rank(const Tensor& tensor, size_t low, size_t high, const std::string& reason) const;
+    void Elements(const Tensor& tensor, uint64_t count, const std::string& reason) const;  // by its shape
+    void Floats(const Tensor& tensor, uint64_t count, const std::string& reason) const;    // by its size
+    void Segment(const Field& field, uint32_t segmentId) const;
+    void Condition(std::string text) const;
+
+    // Inputs and outputs. Those without "Raw" have a rank of 1 to 10, no dimension of 0, an alignment, and rows that fit
+    // their size.
+    const Tensor& Next();                    // the next logical input
+    const Tensor& NextCompacted();           // the same, compacted in place by the operator
+    const Tensor& NextRaw();
+    void SkipTo(uint32_t logical) { logical_ = logical; }
+    const Tensor& Logical(uint32_t k);       // whatever was resolved before
+    const Tensor& Online(uint32_t index, const std::string& reason);
+    const Tensor& OnlineRaw(uint32_t index, const std::string& reason);
+    const Tensor& Out(uint32_t index = 0);
+    const Tensor& OutExpanded(uint32_t index = 0);  // written compactly and expanded by its own alignment
+    const Tensor& OutRaw(uint32_t index);
+    void Rows(const Tensor& tensor) const;
+    void RowsReachAlign(const Tensor& tensor) const;  // an alignment of at least the width, for unrounded row distances
+
+    // What is written besides the outputs.
+    void Modifies(const Tensor& tensor);
+    void ModifiesAttr(std::string name, size_t offset, size_t size, bool isState = false);
+    void WorkSpace(uint64_t bytes, const std::string& reason);
+
+    // `out` may be the memory of `in`; the second form only if both have one shape and row layout.
+    void MayAlias(const Tensor& out, const Tensor& in) { aliases_.emplace(&out, &in); }
+    void MayRunInPlace(const Tensor& out, const Tensor& in);
+    // Any two tensors of the layer may be one.
+    void MayShareAll() { shareAll_ = true; }
+
+    // After the operator's own check: tensors and work space share no memory but where that was allowed.
+    void CheckSharing() const;
+    const std::vector<ModelWrite>& Writes() const { return writes_; }
+
+private:
+    struct Use {
+        const Tensor* tensor;
+        bool written;
+    };
+
+    const Tensor& Offline(uint32_t j);
+    void CheckDataField(const Tensor& constant, int32_t offset) const;
+    const Tensor& NoteUse(const Tensor& tensor, bool written);
+    bool AliasAllowed(const Tensor& a, const Tensor& b) const;
+    void CheckWorkSpace(const Tensor& tensor) const;
+
+    const ModelView& model_;
+    const Layer& layer_;
+    uint32_t logical_ = 0;
+    uint32_t online_ = 0;
+    uint32_t offline_ = 0;
+    std::map<uint32_t, Tensor> constants_;
+    std::map<const Tensor*, Use> uses_;
+    std::set<std::pair<const Tensor*, const Tensor*>> aliases_;
+    bool shareAll_ = false;
+    bool usesWorkSpace_ = false;
+    std::vector<ModelWrite> writes_;
+};
+
+// The check of one operator: by the name that layers use.
+struct OperatorCheck {
+    const char* name;
+    void (*check)(LayerCheck& layer);
+};
+
+// By subsystem.
+std::span<const OperatorCheck> UnaryChecks();
+std::span<const OperatorCheck> ElementwiseChecks();
+std::span<const OperatorCheck> MatrixChecks();
+std::span<const OperatorCheck> PoolingChecks();
+std::span<const OperatorCheck> SelectionChecks();
+std::span<const OperatorCheck> MovementChecks();
+std::span<const OperatorCheck> IndexChecks();  // gather and scatter
+std::span<const OperatorCheck> PadChecks();
+std::span<const OperatorCheck> ResizeChecks();
+std::span<const OperatorCheck> DetectionChecks();
+std::span<const OperatorCheck> ControlChecks();
+std::span<const OperatorCheck> CustomChecks();
+
+// Null for a name that is not in the library's table.
+const OperatorCheck* FindOperatorCheck(const std::string& name);
+
+}  // namespace opkit::modelkit::check
+
+// A field of an attribute record, for messages.
+#define OPKIT_ATTR_FIELD(layer, Record, field) (layer).AttrField(#field, offsetof(Record, field))
+
+#endif  // OPKIT_MODELKIT_CHECK_LAYER_CHECK_H
