@@ -81,6 +81,9 @@ void CheckWholeRequest(const ModelView& model)
 void CheckSegments(ModelView& model, std::span<const ModelTable> tables)
 {
     constexpr uint32_t kNoJump = 0xFFFFFFFF;
+    if (tables.empty()) {
+        model.Refuse({}, {"layer tables"}, 0, 1, "a model has at least one");
+    }
     for (const ModelTable& table : tables) {
         const CheckPlace place = {table.segmentId};
         const Field field = {"segment id", table.layerTableOffset};
@@ -110,20 +113,24 @@ struct LayerWrites {
 void AddAttributeRanges(const Layer& layer, int owner, const std::vector<ModelWrite>& writes,
                         std::vector<StructureRange>* ranges)
 {
-    uint64_t at = layer.attrAt;
-    const uint64_t end = at + FindAttributeRecord(layer.place.operatorName)->size;
     std::vector<ModelWrite> own;
     std::copy_if(writes.begin(), writes.end(), std::back_inserter(own),
-                 [&](const ModelWrite& write) { return write.begin >= at && write.end <= end && write.field.at == write.begin; });
+                 [](const ModelWrite& write) { return write.what != ModelWrite::What::kConstant; });
     std::sort(own.begin(), own.end(), [](const ModelWrite& a, const ModelWrite& b) { return a.begin < b.begin; });
+    const auto add = [&](uint64_t begin, uint64_t end, bool isState, const char* what) {
+        if (begin < end) {
+            ranges->push_back({begin, end, owner, isState, what});
+        }
+    };
+    uint64_t at = layer.attrAt;
     for (const ModelWrite& write : own) {
-        ranges->push_back({at, write.begin, owner, false, "attribute block"});
-        if (write.isState) {
-            ranges->push_back({write.begin, write.end, owner, true, "state"});
+        add(at, write.begin, false, "attribute block");
+        if (write.what == ModelWrite::What::kState) {
+            add(write.begin, write.end, true, "loop state");
         }
         at = write.end;
     }
-    ranges->push_back({at, end, owner, false, "attribute block"});
+    add(at, layer.attrAt + FindAttributeRecord(layer.place.operatorName)->size, false, "attribute block");
 }
 
 void CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,

@@ -283,7 +283,7 @@ bool CompareWithDump(const fs::path& directory, const std::vector<DumpedTensor>&
     if (different == 0) {
         fmt::print("all {} layer outputs are those in {}, bit for bit\n", tensors.size(), directory.string());
     } else {
-        fmt::print("{} of {} layer outputs differ, in {} elements, by up to {} ulps{}\n", different, tensors.size(),
+        fmt::print("{} of {} layer outputs differ: elements {}, largest distance {} ulps{}\n", different, tensors.size(),
                    elements, largest, nan ? "; some are NaN on one side only" : "");
     }
     return different == 0;

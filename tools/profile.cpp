@@ -68,7 +68,7 @@ void Profile::PrintTable(uint32_t table, double medians) const
         const ReadLayer& layer = layers_[table].layers[i];
         const std::vector<uint64_t> times = TimesOf(table, i);
         const double share = medians == 0 ? 0 : 100 * Median(times) / medians;
-        fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9} {:>6.1f} %\n", i, ShortName(layer.name),
+        fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9.1f} {:>6.1f} %\n", i, ShortName(layer.name),
                    layer.outputs.empty() ? "" : ShapeText(layer.outputs[0].shape), CallsOf(table, i),
                    *std::min_element(times.begin(), times.end()), Median(times), share);
     }
@@ -93,7 +93,7 @@ void Profile::Print() const
         }
         PrintTable(t, medians);
     }
-    fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9} {:>6.1f} %\n", "", "all layers", "", runs_.front().size(),
+    fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9.1f} {:>6.1f} %\n", "", "all layers", "", runs_.front().size(),
                *std::min_element(totals.begin(), totals.end()), Median(totals), 100.0);
     fmt::print("{} runs; times of one run, all its items and passes together, from a clock of 1 us\n", totals.size());
 }

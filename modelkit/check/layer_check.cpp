@@ -227,14 +227,15 @@ void LayerCheck::Modifies(const Tensor& tensor)
 {
     NoteUse(tensor, true);
     if (tensor.offline) {
-        writes_.push_back({tensor.placeField, tensor.memory.begin, tensor.memory.begin + tensor.memory.size, false});
+        const uint64_t begin = tensor.memory.begin;
+        writes_.push_back({ModelWrite::What::kConstant, tensor.placeField, begin, begin + tensor.memory.size});
     }
 }
 
-void LayerCheck::ModifiesAttr(std::string name, size_t offset, size_t size, bool isState)
+void LayerCheck::ModifiesAttr(std::string name, size_t offset, size_t size, ModelWrite::What what)
 {
     const uint64_t begin = layer_.attrAt + offset;
-    writes_.push_back({{std::move(name), begin}, begin, begin + size, isState});
+    writes_.push_back({what, {std::move(name), begin}, begin, begin + size});
 }
 
 void LayerCheck::WorkSpace(uint64_t bytes, const std::string& reason)

@@ -53,10 +53,12 @@ struct Layer {
 
 // A range of the model buffer that the layer's operator writes.
 struct ModelWrite {
+    enum class What { kConstant, kNotes, kState };  // of the attribute block: never read again, or by the same layer
+
+    What what = What::kConstant;
     Field field;
     uint64_t begin = 0;
     uint64_t end = 0;
-    bool isState = false;  // read again by the same layer
 };
 
 class LayerCheck {
@@ -104,7 +106,7 @@ public:
 
     // What is written besides the outputs.
     void Modifies(const Tensor& tensor);
-    void ModifiesAttr(std::string name, size_t offset, size_t size, bool isState = false);
+    void ModifiesAttr(std::string name, size_t offset, size_t size, ModelWrite::What what = ModelWrite::What::kNotes);
     void WorkSpace(uint64_t bytes, const std::string& reason);
 
     // `out` may be the memory of `in`; the second form only if both have one shape and row layout.

@@ -244,7 +244,7 @@ const StructureRange* WriteMap::Hit(const ModelWrite& write, int owner) const
                                          [](const StructureRange& range, uint64_t end) { return range.begin < end; });
     for (size_t i = static_cast<size_t>(behind - ranges_.begin()); i-- > 0 && reach_[i] > write.begin;) {
         const StructureRange& range = ranges_[i];
-        const bool ownState = write.isState && range.isState && range.owner == owner;
+        const bool ownState = write.what == ModelWrite::What::kState && range.isState && range.owner == owner;
         if (range.end > write.begin && !ownState) {
             return &range;
         }

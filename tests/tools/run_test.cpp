@@ -205,7 +205,7 @@ TEST_F(RunTest, ComparesWithADump)
     EXPECT_EQ(result.code, 1);
     EXPECT_THAT(result.out, HasSubstr("first difference: request 0, pass 0, segment 0, layer 0 (Reciprocal), output 0 "
                                       "[2, 3], element [1, 1]\n  0.124999985 here, 0.125 in d: 2 ulps apart\n"));
-    EXPECT_THAT(result.out, HasSubstr("3 of 3 layer outputs differ, in 6 elements, by up to 2 ulps; some are NaN on "
+    EXPECT_THAT(result.out, HasSubstr("3 of 3 layer outputs differ: elements 6, largest distance 2 ulps; some are NaN on "
                                       "one side only\n"));
 
     // A zero of the other sign is one step away, two NaNs are alike.
@@ -215,7 +215,7 @@ TEST_F(RunTest, ComparesWithADump)
     const ToolResult zeros = Tool("run net -i x=zero.npy --compare d");
     EXPECT_EQ(zeros.code, 1);
     EXPECT_THAT(zeros.out, HasSubstr("layer 1 (Neg), output 0 [2, 3], element [0, 0]\n  0 here, -0 in d: 1 ulp apart\n"
-                                     "1 of 3 layer outputs differ, in 1 elements, by up to 1 ulps\n"));
+                                     "1 of 3 layer outputs differ: elements 1, largest distance 1 ulps\n"));
 
     WriteNpy("batch.npy", "(2, 2, 3)", std::vector<float>(12, 1));
     const ToolResult parted = Tool("run net -i x=batch.npy --compare d");

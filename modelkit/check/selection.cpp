@@ -1,0 +1,154 @@
+// Reductions, scans, sorting and searching.
+
+#include "modelkit/check/layer_check.h"
+#include "opkit/attributes/selection.h"
+
+namespace opkit::modelkit::check {
+namespace {
+
+constexpr uint64_t kSortEntry = 8;
+constexpr const char* kLaneWork = "the work space holds one lane of sort entries";
+
+// Largest output index that an input element leads to: entries of `axes` behind `axesNum` count for the distances of the
+// output, but not for the walk.
+uint64_t LastReducedIndex(const ReductionAttr& attr, const Tensor& in)
+{
+    const uint32_t rank = static_cast<uint32_t>(in.Rank());
+    const auto listed = [&attr](uint32_t axis, uint32_t entries) {
+        return std::find(attr.axes, attr.axes + entries, axis) != attr.axes + entries;
+    };
+    uint64_t distance = 1;
+    uint64_t last = 0;
+    for (uint32_t k = rank; k-- > 0;) {
+        if (!listed(k, attr.axesNum)) {
+            last = Add(last, Mul(in.dims[k] - 1, distance));
+        }
+        if (!listed(k, rank)) {
+            distance = Mul(distance, in.dims[k]);
+        }
+    }
+    return last;
+}
+
+void CheckReduction(LayerCheck& layer)
+{
+    const ReductionAttr attr = layer.Attr<ReductionAttr>();
+    const Tensor& in = layer.Next();
+    const Tensor& out = layer.Out();
+    layer.AtMost(OPKIT_ATTR_FIELD(layer, ReductionAttr, axesNum), attr.axesNum, 10, "axes has 10 entries");
+    if (attr.reduceAll == 0) {
+        layer.WorkSpace(8 * in.Rank(), "the work space holds two distances per dimension");
+        layer.Elements(out, Add(LastReducedIndex(attr, in), 1), "the axes leave more elements than the output has");
+    }
+}
+
+void CheckCumSum(LayerCheck& layer)
+{
+    const Tensor& in = layer.NextCompacted();
+    const Tensor& out = layer.OutExpanded();
+    layer.Axis(OPKIT_ATTR_FIELD(layer, CumSumAttr, axis), layer.Attr<CumSumAttr>().axis, in.Rank());
+    layer.Elements(out, in.Count(), "the output has fewer elements than the input");
+    layer.MayRunInPlace(out, in);
+}
+
+void CheckArgmin(LayerCheck& layer)
+{
+    const Tensor& in = layer.Next();
+    const Tensor& out = layer.Out();
+    const int32_t axis = layer.Attr<ArgminAttr>().axis;
+    layer.Axis(OPKIT_ATTR_FIELD(layer, ArgminAttr, axis), axis, in.Rank());
+    const uint64_t length = in.dims[static_cast<size_t>(axis)];
+    layer.WorkSpace(Mul(kSortEntry, length), kLaneWork);
+    layer.Elements(out, in.Count() / length, "the output has no element for each lane");
+}
+
+void CheckHardmax(LayerCheck& layer)
+{
+    const Tensor& in = layer.NextCompacted();
+    const Tensor& out = layer.OutExpanded();
+    const int64_t axis = layer.Attr<HardmaxAttr>().axis;
+    layer.Axis(OPKIT_ATTR_FIELD(layer, HardmaxAttr, axis), axis < 0 ? axis + static_cast<int64_t>(in.Rank()) : axis,
+               in.Rank());
+    layer.Elements(out, in.Count(), "the output has fewer elements than the input");
+}
+
+// How many entries per lane the outputs have room for, at most the lane's length. The rows of both are as wide as those
+// of outputs[0].
+uint64_t RoomForK(const std::vector<const Tensor*>& outputs, uint64_t lanes, uint64_t length)
+{
+    uint64_t k = length;
+    const uint64_t width = outputs[0]->Width();
+    for (const Tensor* out : outputs) {
+        while (k > 0 && Span(Mul(lanes, k), width, PitchOf(width, out->Align())) > out->Room()) {
+            --k;
+        }
+    }
+    return k;
+}
+
+void CheckTopK(LayerCheck& layer)
+{
+    const TopKAttr attr = layer.Attr<TopKAttr>();
+    const Field kField = OPKIT_ATTR_FIELD(layer, TopKAttr, k);
+    const Tensor& in = layer.Next();
+    layer.Axis(OPKIT_ATTR_FIELD(layer, TopKAttr, axis), attr.axis, in.Rank());
+    const uint64_t length = in.dims[static_cast<size_t>(attr.axis)];
+    std::vector<const Tensor*> outputs = {&layer.Out()};
+    if (attr.hasValues != 0 && attr.hasIndices != 0) {
+        outputs.push_back(&layer.Out(1));
+    }
+    layer.WorkSpace(Mul(kSortEntry, length), kLaneWork);
+    const bool writes = attr.hasValues != 0 || attr.hasIndices != 0;
+    const uint64_t most = writes ? RoomForK(outputs, in.Count() / length, length) : length;
+    if (attr.k == OPKIT_TOPK_K_FROM_INPUT) {
+        layer.Online(1, "k comes from the second online input");
+        layer.Condition("the first element of inputs[1], k, lies from 0 to " + std::to_string(most));
+    } else {
+        layer.AtMost(kField, attr.k, most, "k is beyond the lane or the outputs");
+    }
+}
+
+void CheckNonZero(LayerCheck& layer)
+{
+    layer.Next();
+    layer.OutExpanded();
+}
+
+void CheckUnique(LayerCheck& layer)
+{
+    const int32_t axis = layer.Attr<UniqueAttr>().axis;
+    const Tensor& in = layer.NextCompacted();
+    const Tensor& values = layer.OutExpanded(0);
+    const Tensor& firsts = layer.OutExpanded(1);
+    const Tensor& mapping = layer.OutExpanded(2);
+    const Tensor& counts = layer.OutExpanded(3);
+    uint64_t slices = in.Count();
+    uint64_t sliceSize = 1;
+    if (axis != OPKIT_UNIQUE_FLAT) {
+        layer.Axis(OPKIT_ATTR_FIELD(layer, UniqueAttr, axis), axis, in.Rank());
+        slices = in.dims[static_cast<size_t>(axis)];
+        sliceSize = in.Count() / slices;
+    }
+    layer.Floats(mapping, slices, "the mapping has an element for each position");
+    const uint64_t most = std::min({values.Room() / sliceSize, firsts.Room(), counts.Room()});
+    if (most < slices) {
+        layer.Condition("input 0 has at most " + std::to_string(most) + " distinct " +
+                        (sliceSize == 1 ? "elements" : "slices"));
+    }
+}
+
+constexpr OperatorCheck kSelection[] = {
+    {"ArgminOpkitForward", CheckArgmin},   {"CumSumOpkitForward", CheckCumSum},
+    {"HardmaxOpkitForward", CheckHardmax}, {"NonZeroOpkitForward", CheckNonZero},
+    {"ReductionOpkitForward", CheckReduction}, {"TopKOpkitForward", CheckTopK},
+    {"UniqueOpkitForward", CheckUnique},
+};
+
+}  // namespace
+
+std::span<const OperatorCheck> SelectionChecks()
+{
+    return kSelection;
+}
+
+}  // namespace opkit::modelkit::check
