@@ -124,7 +124,9 @@ void Reduce(const PoolWindows& windows, float* accumulators)
 
 void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint32_t position, uint32_t width)
 {
-    const auto place = [&](size_t i) { return position + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step); };
+    const auto place = [&](size_t i) {
+        return position + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step);
+    };
     ForEachBlock(
         windows,
         [&](const float* in, size_t i) { PositionBlock<32>(windows, in, best + i, positions + i, place(i), width); },

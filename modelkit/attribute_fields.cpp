@@ -43,6 +43,9 @@ constexpr AttributeField MakeField(std::string_view name, size_t offset, std::sp
     return {name, TypeOf<T>(), std::is_array_v<T>, static_cast<uint32_t>(offset), sizeof(T), count, codes};
 }
 
+// Laid out as tables.
+// clang-format off
+
 #define CODE(name) {name, #name}
 #define FIELD(Record, member, ...) \
     MakeField<decltype(std::declval<Record&>().member)>(#member, offsetof(Record, member) __VA_OPT__(, ) __VA_ARGS__)
@@ -314,6 +317,8 @@ constexpr AttributeRecord kRecords[] = {
     ROW(GatherND, GatherND),
     PLAIN(ScatterND),
 };
+
+// clang-format on
 
 #undef CODE
 #undef FIELD

@@ -79,8 +79,7 @@ void ReadTables(const JsonFields& manifest, const fs::path& bufferFile, Model* m
         }
         if (constant.offset % 4 != 0 || constant.offset + bytes > model->bytes.size()) {
             manifest.Fail("field " + path + "offset: bytes " + std::to_string(constant.offset) + " to " +
-                                      std::to_string(constant.offset + bytes) +
-                                      " lie outside the buffer or off its words");
+                          std::to_string(constant.offset + bytes) + " lie outside the buffer or off its words");
         }
         model->constants.push_back(std::move(constant));
     }

@@ -577,8 +577,7 @@ private:
 
     void PutHex(const std::string& hex, const std::string& path, uint32_t at, size_t limit)
     {
-        if (hex.size() % 2 != 0 || hex.size() / 2 > limit ||
-            hex.find_first_not_of(kHexDigits) != std::string::npos) {
+        if (hex.size() % 2 != 0 || hex.size() / 2 > limit || hex.find_first_not_of(kHexDigits) != std::string::npos) {
             fields_.Fail("field " + path + " is not made of at most " + std::to_string(limit) +
                          " pairs of the digits 0 to f");
         }
@@ -781,8 +780,7 @@ AssembledModel AssembleModel(const std::filesystem::path& file, const std::strin
     } catch (const BuildError& error) {
         fields.Fail(error.what());
     }
-    const std::string buffer(reinterpret_cast<const char*>(assembled.model.bytes.data()),
-                             assembled.model.bytes.size());
+    const std::string buffer(reinterpret_cast<const char*>(assembled.model.bytes.data()), assembled.model.bytes.size());
     // What cannot be loaded is not written.
     ParseModel({file, file}, ManifestText(assembled.model), buffer);
     assembled.manifest = ManifestFor(fields, assembled.model, buffer);

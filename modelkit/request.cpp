@@ -49,8 +49,8 @@ Request::Request(const Model& model, uint32_t batch)
         throw BuildError("a request needs a layer table, an input and an output");
     }
     if (batch > LargestBatch(model)) {
-        throw BuildError("the model's scratch is planned for " + std::to_string(model.maxBatch) +
-                         " batch items, not " + std::to_string(batch));
+        throw BuildError("the model's scratch is planned for " + std::to_string(model.maxBatch) + " batch items, not " +
+                         std::to_string(batch));
     }
     BindTensors(inputSpecs_, &inputBuffers_, &inputs_);
     BindTensors(outputSpecs_, &outputBuffers_, &outputs_);

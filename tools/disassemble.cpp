@@ -1,7 +1,7 @@
 // opkit disassemble
 
-#include <cstdio>
 #include <fmt/core.h>
+#include <cstdio>
 #include <memory>
 
 #include "modelkit/file_io.h"

@@ -1,7 +1,7 @@
 // opkit inspect
 
-#include <algorithm>
 #include <fmt/core.h>
+#include <algorithm>
 #include <memory>
 
 #include "modelkit/json_fields.h"
@@ -140,9 +140,8 @@ private:
 
     void PrintOffline(size_t k, const ReadOffline& offline) const
     {
-        const auto found = std::find_if(model_.constants.begin(), model_.constants.end(), [&](const auto& constant) {
-            return constant.offset == offline.dataOffset;
-        });
+        const auto found = std::find_if(model_.constants.begin(), model_.constants.end(),
+                                        [&](const auto& constant) { return constant.offset == offline.dataOffset; });
         const std::string name = found == model_.constants.end() ? "" : " " + found->name;
         fmt::print("    {:<6} {:<28} {:<18} at byte {}\n", fmt::format("in {}", k), "constant" + name,
                    ShapeText(offline.shape), offline.dataOffset);

@@ -1,7 +1,7 @@
 #include "tools/inspect_dot.h"
 
-#include <cstring>
 #include <fmt/core.h>
+#include <cstring>
 #include <optional>
 
 #include "modelkit/attribute_fields.h"
@@ -35,8 +35,9 @@ public:
 
     std::string Write()
     {
-        text_ = "digraph model {\n  node [shape=box, fontname=\"sans-serif\"];\n"
-                "  edge [fontname=\"sans-serif\", fontsize=10];\n";
+        text_ =
+            "digraph model {\n  node [shape=box, fontname=\"sans-serif\"];\n"
+            "  edge [fontname=\"sans-serif\", fontsize=10];\n";
         Ends("in", model_.inputs);
         Ends("out", model_.outputs);
         for (size_t t = 0; t < tables_.size(); ++t) {

@@ -1,9 +1,9 @@
 #include "tools/layer_dump.h"
 
+#include <fmt/core.h>
 #include <bit>
 #include <cmath>
 #include <cstring>
-#include <fmt/core.h>
 #include <optional>
 
 #include "modelkit/json_fields.h"
@@ -42,11 +42,15 @@ bool SamePlace(const DumpedTensor& a, const DumpedTensor& b)
 
 ordered_json IndexEntry(const DumpedTensor& tensor)
 {
-    return {{"file", FileNameOf(tensor)}, {"request", tensor.request},
-            {"pass", tensor.pass},        {"segment", tensor.segment},
-            {"layer", tensor.layer},      {"layerId", tensor.layerId},
+    return {{"file", FileNameOf(tensor)},
+            {"request", tensor.request},
+            {"pass", tensor.pass},
+            {"segment", tensor.segment},
+            {"layer", tensor.layer},
+            {"layerId", tensor.layerId},
             {"operator", ShortName(tensor.operatorName)},
-            {"output", tensor.output},    {"items", tensor.items},
+            {"output", tensor.output},
+            {"items", tensor.items},
             {"shape", tensor.shape}};
 }
 
@@ -75,9 +79,15 @@ std::vector<DumpedTensor> LoadDump(const fs::path& directory)
     for (const nlohmann::json& entry : fields.List(fields.Root(), "", "tensors")) {
         const std::string path = fmt::format("tensors[{}].", tensors.size());
         const auto number = [&](const char* name) { return fields.Number(entry, path, name); };
-        DumpedTensor tensor = {number("request"), number("pass"),    number("segment"),
-                               number("layer"),   number("layerId"), fields.Text(entry, path, "operator"),
-                               number("output"),  number("items"),   fields.Dimensions(entry, path),
+        DumpedTensor tensor = {number("request"),
+                               number("pass"),
+                               number("segment"),
+                               number("layer"),
+                               number("layerId"),
+                               fields.Text(entry, path, "operator"),
+                               number("output"),
+                               number("items"),
+                               fields.Dimensions(entry, path),
                                {}};
         const fs::path file = directory / fields.Text(entry, path, "file");
         NpyArray array = LoadNpy(file);
@@ -213,9 +223,16 @@ void DumpCollector::EndPass(const StreamPass& pass)
 void DumpCollector::Append(const StreamPass& pass, uint32_t layerIndex, const ReadLayer& layer, uint32_t output,
                            const Raw& raw)
 {
-    DumpedTensor fresh = {pass.request,        pass.pass.number, pass.pass.table->segmentId, layerIndex,
-                          layer.record.layerId, layer.name,       output,                     0,
-                          layer.outputs[output].shape, {}};
+    DumpedTensor fresh = {pass.request,
+                          pass.pass.number,
+                          pass.pass.table->segmentId,
+                          layerIndex,
+                          layer.record.layerId,
+                          layer.name,
+                          output,
+                          0,
+                          layer.outputs[output].shape,
+                          {}};
     std::vector<float> values;
     try {
         values = CompactRows(raw.rows, fresh.shape, raw.stride);
@@ -283,8 +300,8 @@ bool CompareWithDump(const fs::path& directory, const std::vector<DumpedTensor>&
     if (different == 0) {
         fmt::print("all {} layer outputs are those in {}, bit for bit\n", tensors.size(), directory.string());
     } else {
-        fmt::print("{} of {} layer outputs differ: elements {}, largest distance {} ulps{}\n", different, tensors.size(),
-                   elements, largest, nan ? "; some are NaN on one side only" : "");
+        fmt::print("{} of {} layer outputs differ: elements {}, largest distance {} ulps{}\n", different,
+                   tensors.size(), elements, largest, nan ? "; some are NaN on one side only" : "");
     }
     return different == 0;
 }

@@ -1,5 +1,5 @@
-// The outputs of every layer of a run: collected through the library's dump hook, saved as .npy files with an index, and
-// compared with what another run saved.
+// The outputs of every layer of a run: collected through the library's dump hook, saved as .npy files with an index,
+// and compared with what another run saved.
 #ifndef OPKIT_TOOLS_LAYER_DUMP_H
 #define OPKIT_TOOLS_LAYER_DUMP_H
 

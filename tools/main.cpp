@@ -1,10 +1,10 @@
 // opkit: runs models, looks into them, and turns them into text and back. One line per subcommand.
 
+#include <fmt/core.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <fmt/core.h>
 
 #include "opkit/opkit.h"
 #include "tools/command.h"
@@ -21,6 +21,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"run", "Runs a model on .npy files; times, traces, dumps and compares its layers", SetUpRun},
     {"inspect", "Shows what a model consists of", SetUpInspect},
+    {"check", "Verifies a model before a process trusts it", SetUpCheck},
     {"assemble", "Makes a model of its text form", SetUpAssemble},
     {"disassemble", "Writes a model as text", SetUpDisassemble},
 };
@@ -61,10 +62,11 @@ int Finish(int code)
 
 int Main(int argc, char** argv)
 {
-    CLI::App app{"Works with models of the opkit library. A model is a pair of files, NAME.json and NAME.bin.", "opkit"};
-    app.set_version_flag("--version", fmt::format("opkit {}.{}.{} ({})", OpkitGetVersion() >> 16,
-                                                  OpkitGetVersion() >> 8 & 0xff, OpkitGetVersion() & 0xff,
-                                                  OPKIT_GIT_VERSION));
+    CLI::App app{"Works with models of the opkit library. A model is a pair of files, NAME.json and NAME.bin.",
+                 "opkit"};
+    app.set_version_flag("--version",
+                         fmt::format("opkit {}.{}.{} ({})", OpkitGetVersion() >> 16, OpkitGetVersion() >> 8 & 0xff,
+                                     OpkitGetVersion() & 0xff, OPKIT_GIT_VERSION));
     app.require_subcommand(1);
     Action action;
     for (const Command& command : kCommands) {

@@ -2,9 +2,10 @@
 
 #include "tools/npy.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <regex>
+#include <string_view>
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xnpy.hpp>
 
@@ -48,36 +49,91 @@ size_t HeaderEnd(const fs::path& file, const std::string& content, size_t* begin
     return end;
 }
 
-Shape ShapeOf(const fs::path& file, const std::string& list)
+// Walks over a header's text, from token to token; spaces do not count.
+class HeaderText {
+public:
+    explicit HeaderText(std::string_view text) : rest_(text) {}
+
+    bool Take(std::string_view token)
+    {
+        rest_.remove_prefix(std::min(rest_.find_first_not_of(' '), rest_.size()));
+        if (!rest_.starts_with(token)) {
+            return false;
+        }
+        rest_.remove_prefix(token.size());
+        return true;
+    }
+    std::string_view Until(char end)
+    {
+        const std::string_view text = rest_.substr(0, rest_.find(end));
+        rest_.remove_prefix(text.size());
+        return text;
+    }
+
+private:
+    std::string_view rest_;
+};
+
+struct Header {
+    std::string_view descr;
+    std::string_view fortranOrder;
+    std::string_view shape;  // between the parentheses
+};
+
+// {'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), }
+bool ParseHeader(std::string_view line, Header* header)
+{
+    HeaderText text(line);
+    if (!text.Take("{") || !text.Take("'descr'") || !text.Take(":") || !text.Take("'")) {
+        return false;
+    }
+    header->descr = text.Until('\'');
+    if (!text.Take("'") || !text.Take(",") || !text.Take("'fortran_order'") || !text.Take(":") || !text.Take("")) {
+        return false;
+    }
+    header->fortranOrder = text.Until(',');
+    if (!text.Take(",") || !text.Take("'shape'") || !text.Take(":") || !text.Take("(")) {
+        return false;
+    }
+    header->shape = text.Until(')');
+    const bool closed = text.Take(")");
+    text.Take(",");
+    return closed && text.Take("}") && text.Take("\n");
+}
+
+Shape ShapeOf(const fs::path& file, std::string_view list)
 {
     Shape shape;
-    const std::regex number("[0-9]+");
-    for (std::sregex_iterator dim(list.begin(), list.end(), number), end; dim != end; ++dim) {
-        const std::string digits = dim->str();
+    constexpr std::string_view kDigits = "0123456789";
+    if (list.find_first_not_of("0123456789, ") != std::string_view::npos) {
+        Fail(file, "field shape is (" + std::string(list) + ")");
+    }
+    while ((list = list.substr(std::min(list.find_first_of(kDigits), list.size()))).size() != 0) {
+        const std::string_view digits = list.substr(0, list.find_first_not_of(kDigits));
         uint32_t value = 0;
         if (std::from_chars(digits.data(), digits.data() + digits.size(), value).ec != std::errc()) {
-            Fail(file, "field shape: a dimension of " + digits + " is too large");
+            Fail(file, "field shape: a dimension of " + std::string(digits) + " is too large");
         }
         shape.push_back(value);
+        list.remove_prefix(digits.size());
     }
     return shape;
 }
 
 // The shape that the header states, once everything else in it is as wanted.
-Shape CheckHeader(const fs::path& file, const std::string& header)
+Shape CheckHeader(const fs::path& file, std::string_view line)
 {
-    static const std::regex form(R"(\{'descr': *'([^']*)', *'fortran_order': *(True|False), *'shape': *\(([0-9, ]*)\),? *\}\s*)");
-    std::smatch match;
-    if (!std::regex_match(header, match, form)) {
+    Header header;
+    if (!ParseHeader(line, &header)) {
         Fail(file, "its header is not that of a plain array");
     }
-    if (match[1] != "<f4") {
-        Fail(file, "field descr is '" + match[1].str() + "', the elements must be '<f4' (numpy.float32)");
+    if (header.descr != "<f4") {
+        Fail(file, "field descr is '" + std::string(header.descr) + "', the elements must be '<f4' (numpy.float32)");
     }
-    if (match[2] != "False") {
-        Fail(file, "field fortran_order is True, the elements must be in C order");
+    if (header.fortranOrder != "False") {
+        Fail(file, "field fortran_order is " + std::string(header.fortranOrder) + ", the elements must be in C order");
     }
-    return ShapeOf(file, match[3]);
+    return ShapeOf(file, header.shape);
 }
 
 }  // namespace
@@ -88,7 +144,7 @@ NpyArray LoadNpy(const fs::path& file)
     size_t begin = 0;
     const size_t end = HeaderEnd(file, content, &begin);
     NpyArray array;
-    array.shape = CheckHeader(file, content.substr(begin, end - begin));
+    array.shape = CheckHeader(file, std::string_view(content).substr(begin, end - begin));
     uint64_t count = 0;
     try {
         count = modelkit::ElementCount(array.shape);

@@ -1,7 +1,7 @@
 #include "tools/profile.h"
 
-#include <algorithm>
 #include <fmt/core.h>
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "modelkit/file_io.h"

@@ -1,8 +1,8 @@
 #include "tools/progress.h"
 
-#include <cstdio>
 #include <fmt/core.h>
 #include <unistd.h>
+#include <cstdio>
 
 namespace opkit::tools {
 namespace {
@@ -12,7 +12,8 @@ constexpr uint32_t kWidth = 40;
 
 }  // namespace
 
-Progress::Progress(uint32_t total) : total_(total), terminal_(isatty(STDERR_FILENO) == 1), next_(Clock::now() + kInterval)
+Progress::Progress(uint32_t total)
+    : total_(total), terminal_(isatty(STDERR_FILENO) == 1), next_(Clock::now() + kInterval)
 {
 }
 

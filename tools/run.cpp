@@ -1,7 +1,7 @@
 // opkit run
 
-#include <algorithm>
 #include <fmt/core.h>
+#include <algorithm>
 #include <memory>
 
 #include "modelkit/model_file.h"
@@ -95,9 +95,8 @@ Profile TimedRuns(const Model& model, Stream& stream, const Options& options)
     }
     Profile profile(model);
     stream.Request().EnableProfiling();
-    stream.OnPass([&](const StreamPass& pass) {
-        profile.Add(pass, stream.Request().Profile(), stream.Request().Batch());
-    });
+    stream.OnPass(
+        [&](const StreamPass& pass) { profile.Add(pass, stream.Request().Profile(), stream.Request().Batch()); });
     for (uint32_t i = 0; i < repeat; ++i) {
         stream.RunFresh();
         profile.EndRun();
@@ -165,16 +164,22 @@ Action SetUpRun(CLI::App& app)
     const CLI::Validator namedFile(CheckNamedFile, "");
     app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
     app.add_option("-i,--input", options->inputs, "an input's data, f32; one item or a batch of them; repeat per input")
-        ->check(namedFile)->type_name("NAME=FILE.npy");
-    app.add_option("-o,--output", options->outputs, "where an output goes")->check(namedFile)->type_name("NAME=FILE.npy");
+        ->check(namedFile)
+        ->type_name("NAME=FILE.npy");
+    app.add_option("-o,--output", options->outputs, "where an output goes")
+        ->check(namedFile)
+        ->type_name("NAME=FILE.npy");
     app.add_option("--batch", options->batch, "items per request; must divide the items (default: as many as it takes)")
-        ->check(Between(1, OPKIT_MAX_BATCH))->type_name("N");
+        ->check(Between(1, OPKIT_MAX_BATCH))
+        ->type_name("N");
     app.add_option("--segment", options->segment, "segment that runs first (default: the model's first)")
         ->type_name("ID");
     app.add_option("--max-passes", options->maxPasses, "passes over layer tables before a request is given up")
-        ->capture_default_str()->type_name("N");
+        ->capture_default_str()
+        ->type_name("N");
     app.add_option("--repeat", options->repeat, "time so many runs; print a table of layers")
-        ->check(Between(1, 1000000))->type_name("N");
+        ->check(Between(1, 1000000))
+        ->type_name("N");
     app.add_option("--warmup", options->warmup, "runs before the timed ones")->capture_default_str()->type_name("N");
     app.add_option("--trace", options->trace, "write the timed runs as a trace for a browser's trace viewer")
         ->type_name("FILE.json");
@@ -183,7 +188,8 @@ Action SetUpRun(CLI::App& app)
         ->type_name("DIR");
     auto* const threads =
         app.add_option("--threads", options->threads, "throughput of so many independent streams against one")
-            ->check(Between(1, 1024))->type_name("N");
+            ->check(Between(1, 1024))
+            ->type_name("N");
     threads->excludes("--trace");
     app.footer("Example:\n  opkit run digits --input pixels=pixels.npy --output logits=logits.npy --repeat 20");
     return [options] { return Run(*options); };

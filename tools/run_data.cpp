@@ -1,7 +1,7 @@
 #include "tools/run_data.h"
 
-#include <algorithm>
 #include <fmt/core.h>
+#include <algorithm>
 
 #include "tools/command.h"
 #include "tools/npy.h"

@@ -48,8 +48,7 @@ public:
 private:
     uint64_t EndOf(const TensorRecord& record) const
     {
-        return record.memIndex +
-               uint64_t{record.size} * (record.memKind == OPKIT_MEM_SCRATCH_BATCHED ? maxBatch_ : 1);
+        return record.memIndex + uint64_t{record.size} * (record.memKind == OPKIT_MEM_SCRATCH_BATCHED ? maxBatch_ : 1);
     }
 
     // The latest tensor that has these bytes goes on to this layer.
@@ -72,7 +71,8 @@ private:
     void Write(uint32_t layer, const TensorRecord& record, const std::string& side)
     {
         if (record.memKind > OPKIT_MEM_REQUEST_1) {
-            uses_.push_back({record.memIndex, EndOf(record), layer, layer, side + " of layer " + std::to_string(layer)});
+            uses_.push_back(
+                {record.memIndex, EndOf(record), layer, layer, side + " of layer " + std::to_string(layer)});
         }
     }
 

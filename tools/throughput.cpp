@@ -1,10 +1,10 @@
 #include "tools/throughput.h"
 
+#include <fmt/core.h>
 #include <barrier>
 #include <chrono>
 #include <cstring>
 #include <exception>
-#include <fmt/core.h>
 #include <mutex>
 #include <thread>
 
@@ -24,9 +24,10 @@ void RefuseUnique(const Model& model)
         const std::vector<ReadLayer> layers = ReadLayerTable(model, t).layers;
         for (size_t i = 0; i < layers.size(); ++i) {
             if (layers[i].name == "UniqueOpkitForward") {
-                throw ToolError(fmt::format("--threads: layer {} of segment {} is UniqueOpkitForward, which must not "
-                                            "run on two threads at once",
-                                            i, model.tables[t].segmentId));
+                throw ToolError(
+                    fmt::format("--threads: layer {} of segment {} is UniqueOpkitForward, which must not "
+                                "run on two threads at once",
+                                i, model.tables[t].segmentId));
             }
         }
     }
@@ -104,9 +105,10 @@ void MeasureThroughput(const Model& model, const RunData& inputs, const RunData&
         single = threads == 1 && single == 0 ? rate : single;
         fmt::print("{:>7}  {:>14.1f}  {:>7.2f}\n", threads, rate, rate / single);
     }
-    fmt::print("{} runs per stream, each stream on its own copy of the model buffer, on {} processors; every stream's "
-               "first outputs are those above, bit for bit\n",
-               options.repeat, std::thread::hardware_concurrency());
+    fmt::print(
+        "{} runs per stream, each stream on its own copy of the model buffer, on {} processors; every stream's "
+        "first outputs are those above, bit for bit\n",
+        options.repeat, std::thread::hardware_concurrency());
 }
 
 }  // namespace opkit::tools

@@ -13,7 +13,8 @@ struct ThroughputOptions {
     uint32_t warmup = 3;
 };
 
-// Prints the throughput of one thread and of all, and checks that every stream gives `expected` first. Throws ToolError.
+// Prints the throughput of one thread and of all, and checks that every stream gives `expected` first. Throws
+// ToolError.
 void MeasureThroughput(const modelkit::Model& model, const RunData& inputs, const RunData& expected,
                        const StreamOptions& streamOptions, const ThroughputOptions& options);
 

@@ -108,7 +108,7 @@ const Tensor& LayerCheck::NoteUse(const Tensor& tensor, bool written)
 }
 
 // A constant, with its offset and shape inside the buffer.
-const Tensor& LayerCheck::Offline(uint32_t j)
+const Tensor& LayerCheck::Constant(uint32_t j)
 {
     const auto found = constants_.find(j);
     if (found != constants_.end()) {
@@ -139,12 +139,17 @@ const Tensor& LayerCheck::Offline(uint32_t j)
     return constants_.emplace(j, std::move(tensor)).first->second;
 }
 
-const Tensor& LayerCheck::OnlineRaw(uint32_t index, const std::string& reason)
+const Tensor& LayerCheck::OnlineUnread(uint32_t index, const std::string& reason) const
 {
     if (index >= InputNum()) {
         Refuse(RecordField("inputNum", offsetof(LayerRecord, inputNum)), InputNum(), int64_t{index} + 1, reason);
     }
-    return NoteUse(layer_.inputs[index], false);
+    return layer_.inputs[index];
+}
+
+const Tensor& LayerCheck::OnlineRaw(uint32_t index, const std::string& reason)
+{
+    return NoteUse(OnlineUnread(index, reason), false);
 }
 
 const Tensor& LayerCheck::Online(uint32_t index, const std::string& reason)
@@ -162,7 +167,7 @@ const Tensor& LayerCheck::NextRaw()
                "a logical input without a flag");
     }
     if (Flag(k) == '1') {
-        return NoteUse(Offline(offline_++), false);
+        return NoteUse(Constant(offline_++), false);
     }
     return OnlineRaw(online_++, "logical input " + std::to_string(k) + " is missing");
 }
@@ -185,19 +190,13 @@ const Tensor& LayerCheck::NextCompacted()
 
 const Tensor& LayerCheck::Logical(uint32_t k)
 {
-    uint32_t offline = 0;
+    offline_ = 0;
     for (uint32_t i = 0; i < std::min<uint32_t>(k, OPKIT_MAX_LAYER_INPUTS); ++i) {
-        offline += Flag(i) == '1' ? 1 : 0;
+        offline_ += Flag(i) == '1' ? 1 : 0;
     }
-    std::swap(logical_, k);
-    std::swap(offline_, offline);
-    uint32_t online = logical_ - offline_;
-    std::swap(online_, online);
-    const Tensor& tensor = NextRaw();
     logical_ = k;
-    offline_ = offline;
-    online_ = online;
-    return tensor;
+    online_ = k - offline_;
+    return NextRaw();
 }
 
 const Tensor& LayerCheck::OutRaw(uint32_t index)

@@ -76,6 +76,7 @@ public:
     uint64_t AttrSize() const { return layer_.record.attrSize; }
     uint32_t InputNum() const { return static_cast<uint32_t>(layer_.inputs.size()); }
     uint32_t OutputNum() const { return static_cast<uint32_t>(layer_.outputs.size()); }
+    uint64_t ModelSize() const { return model_.bytes.size(); }
     char Flag(uint32_t k) const;
 
     // Requirements.
@@ -98,6 +99,8 @@ public:
     const Tensor& Logical(uint32_t k);       // whatever was resolved before
     const Tensor& Online(uint32_t index, const std::string& reason);
     const Tensor& OnlineRaw(uint32_t index, const std::string& reason);
+    const Tensor& OnlineUnread(uint32_t index, const std::string& reason) const;  // whose data does not count
+    const Tensor& Constant(uint32_t j);      // the j-th constant
     const Tensor& Out(uint32_t index = 0);
     const Tensor& OutExpanded(uint32_t index = 0);  // written compactly and expanded by its own alignment
     const Tensor& OutRaw(uint32_t index);
@@ -125,8 +128,6 @@ private:
         bool written;
     };
 
-    const Tensor& Offline(uint32_t j);
-    void CheckDataField(const Tensor& constant, int32_t offset) const;
     const Tensor& NoteUse(const Tensor& tensor, bool written);
     bool AliasAllowed(const Tensor& a, const Tensor& b) const;
     void CheckWorkSpace(const Tensor& tensor) const;

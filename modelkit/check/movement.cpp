@@ -48,11 +48,12 @@ void CheckExpand(LayerCheck& layer)
 // of a constant then have to fit the model buffer.
 uint64_t CheckFirstAlign(LayerCheck& layer, const Tensor& in, uint64_t rows)
 {
-    const Tensor& first = layer.OnlineRaw(0, "the stride comes from the first online input, also for a constant");
+    const Tensor& first = layer.OnlineUnread(0, "the stride comes from the first online input, also for a constant");
     layer.AtLeast(first.strideField, first.stride, 4, "an alignment of 0 is a zero divisor");
     if (in.offline) {
         const uint64_t floats = Add(Mul(rows - 1, PitchOf(in.Width(), first.Align())), in.Width());
-        layer.AtLeast(in.shapeField, in.Count(), floats, "the stride of inputs[0] leads behind the constant");
+        layer.AtMost(in.placeField, Add(in.memory.begin, Mul(floats, 4)), layer.ModelSize(),
+                     "with the stride of inputs[0] the data ends behind the model buffer");
     }
     return first.Align();
 }

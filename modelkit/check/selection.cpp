@@ -76,14 +76,22 @@ void CheckHardmax(LayerCheck& layer)
 // of outputs[0].
 uint64_t RoomForK(const std::vector<const Tensor*>& outputs, uint64_t lanes, uint64_t length)
 {
-    uint64_t k = length;
     const uint64_t width = outputs[0]->Width();
-    for (const Tensor* out : outputs) {
-        while (k > 0 && Span(Mul(lanes, k), width, PitchOf(width, out->Align())) > out->Room()) {
-            --k;
+    const auto fits = [&](uint64_t k) {
+        return std::all_of(outputs.begin(), outputs.end(), [&](const Tensor* out) {
+            return Span(Mul(lanes, k), width, PitchOf(width, out->Align())) <= out->Room();
+        });
+    };
+    uint64_t low = 0;
+    for (uint64_t high = length; low < high;) {
+        const uint64_t middle = low + (high - low + 1) / 2;
+        if (fits(middle)) {
+            low = middle;
+        } else {
+            high = middle - 1;
         }
     }
-    return k;
+    return low;
 }
 
 void CheckTopK(LayerCheck& layer)

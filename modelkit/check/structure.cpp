@@ -10,8 +10,8 @@ namespace {
 // Offsets that count from a layer table.
 class TableReader {
 public:
-    TableReader(const ModelView& model, uint64_t base, int owner, std::vector<StructureRange>* ranges)
-        : model(model), base_(base), owner_(owner), ranges_(ranges)
+    TableReader(const ModelView& view, uint64_t base, int owner, std::vector<StructureRange>* ranges)
+        : model(view), base_(base), owner_(owner), ranges_(ranges)
     {
     }
 

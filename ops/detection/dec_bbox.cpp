@@ -49,7 +49,8 @@ float Clip(float value, float limit)
     return low > 0.0f ? low : 0.0f;
 }
 
-// One pass: the boxes of class `pass` for every proposal. The count is read again for each, as the output might hold it.
+// One pass: the boxes of class `pass` for every proposal. The count is read again for each, as the output might hold
+// it.
 void DecodeClass(const Input* inputs, const DecBboxAttr& attr, uint32_t pass, uint32_t proposalNum, uint32_t rowLength,
                  float* block)
 {

@@ -276,8 +276,7 @@ void ProcessNMS(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_
     }
 }
 
-void ProcessFilterBox(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity,
-                      uint32_t maxKeep)
+void ProcessFilterBox(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity, uint32_t maxKeep)
 {
     for (uint32_t c = 0; c < classNum; ++c) {
         DoFilterBox(boxes + size_t{c} * classCapacity, &g_curBoxNum[c], maxKeep, g_lowScoreThresh, g_maxWidth,
@@ -285,8 +284,7 @@ void ProcessFilterBox(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, u
     }
 }
 
-void ProcessSort(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity,
-                 uint32_t /*maxKeep*/)
+void ProcessSort(DetBox* boxes, uint32_t classNum, uint32_t /*fieldNum*/, uint32_t classCapacity, uint32_t /*maxKeep*/)
 {
     for (uint32_t c = 0; c < classNum; ++c) {
         if (g_curBoxNum[c] > 1) {

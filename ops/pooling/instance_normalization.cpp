@@ -78,7 +78,8 @@ uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
     const uint64_t planeBytes = uint64_t{planes.size} * sizeof(float);
     float* const copy = static_cast<float*>(param->opkitBuf);
 
-    for (uint32_t i = 0, channel = 0; i < planes.count; ++i, channel = channel + 1 == planes.channels ? 0 : channel + 1) {
+    for (uint32_t i = 0, channel = 0; i < planes.count;
+         ++i, channel = channel + 1 == planes.channels ? 0 : channel + 1) {
         const size_t offset = size_t{i} * planes.size;
         int32_t error = memcpy_s(copy, param->opkitBufSize, x.data + offset, planeBytes);
         if (error != 0) {

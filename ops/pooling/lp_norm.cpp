@@ -52,7 +52,7 @@ void NormaliseVectors(const float* x, float* y, uint32_t count, uint32_t axisLen
     for (uint32_t j = 0; j < axisLen; ++j) {
         for (uint32_t v = 0; v < count; ++v) {
             const double term = power(WholeMagnitude(x[j * distance + v]));
-            norms[v] = static_cast<float>(static_cast<double>(norms[v]) + term);
+            norms[v] = RoundToF32(static_cast<double>(norms[v]) + term);
         }
     }
     for (uint32_t v = 0; v < count; ++v) {

@@ -74,8 +74,7 @@ int32_t PoolingAveOpkitForwardCore(LayerParam* param)
                     // Signed when they become f32: huge extents wrap.
                     const int32_t area = static_cast<int32_t>(height * Extent(columns.axis, paddedW, ow));
                     const int32_t padded = static_cast<int32_t>(static_cast<uint32_t>(area) - elements);
-                    outRow[ow] =
-                        (static_cast<float>(padded) * attr.padValue + outRow[ow]) / static_cast<float>(area);
+                    outRow[ow] = (static_cast<float>(padded) * attr.padValue + outRow[ow]) / static_cast<float>(area);
                 } else {
                     outRow[ow] = outRow[ow] / static_cast<float>(elements);
                 }

@@ -7,6 +7,7 @@
 
 #include <cmath>
 
+#include "common/convert.h"
 #include "kernels/reduction.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
@@ -22,7 +23,7 @@ void ExpColumns(float* acc, const float* x, size_t count, size_t rows, size_t ro
     for (size_t r = 0; r < rows; ++r) {
         for (size_t j = 0; j < count; ++j) {
             const double element = x[r * rowStride + j];
-            acc[j] = static_cast<float>(std::exp(element) + static_cast<double>(acc[j]));
+            acc[j] = RoundToF32(std::exp(element) + static_cast<double>(acc[j]));
         }
     }
 }

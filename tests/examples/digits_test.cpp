@@ -3,75 +3,33 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "modelkit/model_file.h"
+#include "tests/examples/example_program.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace opkit::modelkit;
+using namespace opkit::test;
 using testing::HasSubstr;
 
-const fs::path kRoot = OPKIT_SOURCE_DIR;
 const fs::path kData = kRoot / "examples/digits/data";
-
-struct Outcome {
-    int status = -1;
-    std::string text;  // standard output and standard error
-};
-
-Outcome RunProgram(const std::string& command)
-{
-    Outcome outcome;
-    FILE* pipe = popen(("cd '" + kRoot.string() + "' && " + command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return outcome;
-    }
-    char part[4096];
-    for (size_t length; (length = fread(part, 1, sizeof part, pipe)) > 0;) {
-        outcome.text.append(part, length);
-    }
-    const int status = pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
-
-std::string ReadText(const fs::path& file)
-{
-    std::ifstream stream(file, std::ios::binary);
-    EXPECT_TRUE(stream) << file;
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-void WriteText(const fs::path& file, const std::string& text)
-{
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
-}
 
 // A copy of the demo's data that a test may spoil.
 class DigitsDemo : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string name = (fs::temp_directory_path() / "opkit-digits-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        folder_ = name;
-        fs::copy(kData, folder_, fs::copy_options::recursive);
-    }
-    void TearDown() override { fs::remove_all(folder_); }
+    void SetUp() override { fs::copy(kData, folder_, fs::copy_options::recursive); }
 
     Outcome Demo(const std::string& options = "") const
     {
         return RunProgram(std::string(OPKIT_DIGITS) + " --data '" + folder_.string() + "' " + options);
     }
 
-    fs::path folder_;
+    const TemporaryFolder temporary_;
+    const fs::path folder_ = temporary_.Path();
 };
 
 TEST_F(DigitsDemo, RecognisesTheHeldOutImages)
@@ -168,15 +126,9 @@ TEST(HelloExample, ReadsItsDigit)
     EXPECT_EQ(RunProgram(std::string(OPKIT_HELLO) + " README.md").status, 1);
 }
 
-// The fenced block of README.md that follows the line `marker`.
 std::string ReadmeBlock(const std::string& marker)
 {
-    const std::string readme = ReadText(kRoot / "README.md");
-    const size_t line = readme.find(marker);
-    EXPECT_NE(line, std::string::npos) << marker;
-    const size_t fence = readme.find("\n```", line);
-    const size_t begin = readme.find('\n', fence + 1) + 1;
-    return readme.substr(begin, readme.find("\n```", begin) + 1 - begin);
+    return FencedBlock(kRoot / "README.md", marker);
 }
 
 TEST(Readme, ShowsTheCExampleAsItIs)

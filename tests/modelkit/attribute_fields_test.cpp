@@ -108,8 +108,7 @@ TEST(AttributeFields, HasEveryCodeOfTheHeaders)
     }
     ForEachInHeaders(std::regex(R"(\n    (OPKIT_\w+) = -?\d+)"),
                      [&](const std::smatch& match) { EXPECT_EQ(known.count(match[1]), 1u) << match[1]; });
-    EXPECT_EQ(FindField(*FindAttributeRecord("BinaryMathOpkitForward"), "mathType")->codes[1].name,
-              "OPKIT_BINARY_SUB");
+    EXPECT_EQ(FindField(*FindAttributeRecord("BinaryMathOpkitForward"), "mathType")->codes[1].name, "OPKIT_BINARY_SUB");
     EXPECT_EQ(FindField(*FindAttributeRecord("UniqueOpkitForward"), "axis")->codes[0].value, -4);
 }
 

@@ -71,7 +71,8 @@ void AddRandomLayer(ModelBuilder& builder, Random& random, const AttributeRecord
     for (int i = random.Int(0, 4); i > 0; --i) {
         if (random.Chance(0.4)) {
             const Shape shape = random.Shape(0, 4, 100);
-            layer.Offline(shape, random.Floats(ElementCount(shape), random.Chance(0.5) ? Values::kBits : Values::kPlain));
+            layer.Offline(shape,
+                          random.Floats(ElementCount(shape), random.Chance(0.5) ? Values::kBits : Values::kPlain));
         } else if (random.Chance(0.3)) {
             layer.Offline(shared);
         } else {
@@ -375,7 +376,8 @@ TEST_F(ModelTextErrors, NameTheField)
     Expect("\"bufSize\": 12,", "\"bufSize\": 12, \"nameSize\": 5,", "nameSize leaves no room");
     Expect("\"bufSize\": 12,", "\"bufSize\": 12, \"nameOffset\": 2000000000,", "the model ends beyond 1 GiB");
     Expect("\"scratchSize\"", "\"bufferSize\": 100, \"scratchSize\"", "field bufferSize is 100");
-    Expect("\"scratchSize\"", "\"raw\": [{\"offset\": 1, \"hex\": \"zz\"}], \"scratchSize\"", "field raw[0].hex is not");
+    Expect("\"scratchSize\"", "\"raw\": [{\"offset\": 1, \"hex\": \"zz\"}], \"scratchSize\"",
+           "field raw[0].hex is not");
     Expect("\"scratchSize\"", "\"raw\": [{\"hex\": \"00\"}], \"scratchSize\"", "field raw[0].offset is missing");
 }
 

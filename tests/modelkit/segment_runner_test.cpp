@@ -131,9 +131,9 @@ TEST_F(SegmentRunnerTest, ReturnsTheNumberOfPasses)
 
 TEST_F(SegmentRunnerTest, NamesAnIdWithoutATable)
 {
-    EXPECT_THAT(ErrorOf(SegmentRunner(model_), {kNoSegment, 9}),
-                AllOf(HasSubstr("pass 1"), HasSubstr("segment 2 (body)"),
-                      HasSubstr("asks for segment 9, which has no table")));
+    EXPECT_THAT(
+        ErrorOf(SegmentRunner(model_), {kNoSegment, 9}),
+        AllOf(HasSubstr("pass 1"), HasSubstr("segment 2 (body)"), HasSubstr("asks for segment 9, which has no table")));
     EXPECT_EQ(pass_, 1u);
     EXPECT_EQ(segment_, 2u);
     EXPECT_THAT(Segments(), ElementsAre(1, 2));

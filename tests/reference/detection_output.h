@@ -60,8 +60,8 @@ inline void RefFilter(DetBox* boxes, uint32_t& count, uint32_t maxKeep, float sc
     }
     uint32_t kept = 0;
     for (uint32_t i = 0; i < count && kept < maxKeep; ++i) {
-        const bool passes = boxes[i].score >= score && boxes[i].x2 - boxes[i].x1 > width &&
-                            boxes[i].y2 - boxes[i].y1 > height;
+        const bool passes =
+            boxes[i].score >= score && boxes[i].x2 - boxes[i].x1 > width && boxes[i].y2 - boxes[i].y1 > height;
         if (passes) {
             boxes[kept] = boxes[i];
             ++kept;
@@ -136,9 +136,7 @@ inline uint32_t RefDetectionOutput(LayerParam* param)
     const uint32_t capacity = attr.classCapacity;
     const uint32_t fields = attr.hasClassId != 0 ? 6 : 5;
     std::vector<DetBox> boxes(size_t{capacity} * attr.classNum + 1);
-    const auto field = [](DetBox& box, uint32_t k) {
-        return reinterpret_cast<float*>(&box) + k;
-    };
+    const auto field = [](DetBox& box, uint32_t k) { return reinterpret_cast<float*>(&box) + k; };
     for (uint32_t c = 0; c < attr.classNum; ++c) {
         for (uint32_t i = 0; i < g_curBoxNum[c]; ++i) {
             DetBox& box = boxes[c * capacity + i];

@@ -3,8 +3,8 @@
 #define OPKIT_TESTS_REFERENCE_LP_NORM_H
 
 #include "opkit/attributes/pooling.h"
-#include "tests/reference/reference_index.h"
 #include "tests/reference/reference_frame.h"
+#include "tests/reference/reference_index.h"
 
 namespace opkit::reference {
 

@@ -17,9 +17,9 @@ inline uint32_t RefDimFromEnd(const RefTensor& tensor, int32_t place)
 }
 
 struct RefWindow {
-    int32_t hstart, wstart;      // raw
-    uint32_t hrawEnd, wrawEnd;   // compared unsigned
-    int32_t hfirst, wfirst;      // clipped starts
+    int32_t hstart, wstart;     // raw
+    uint32_t hrawEnd, wrawEnd;  // compared unsigned
+    int32_t hfirst, wfirst;     // clipped starts
 
     template <class Attr>
     RefWindow(const Attr& attr, uint32_t oh, uint32_t ow)
@@ -63,8 +63,8 @@ inline int32_t RefPoolingAveCore(LayerParam* param)
                     uint32_t count = 0;
                     for (int32_t h = w.hfirst; h < hlast; ++h) {
                         for (int32_t x = w.wfirst; x < wlast; ++x) {
-                            element += RefAt(in, plane * (inH * inW) + static_cast<uint32_t>(h) * inW +
-                                                     static_cast<uint32_t>(x));
+                            element += RefAt(
+                                in, plane * (inH * inW) + static_cast<uint32_t>(h) * inW + static_cast<uint32_t>(x));
                             ++count;
                         }
                     }
@@ -176,8 +176,8 @@ inline int32_t RefPoolingLpCore(LayerParam* param)
                 for (int32_t h = w.hfirst; h < hend; ++h) {
                     for (int32_t c = w.wfirst; c < wend; ++c) {
                         const double acc = element;
-                        const double x = in.data[plane * (inH * inW) + static_cast<uint32_t>(h) * inW +
-                                                 static_cast<uint32_t>(c)];
+                        const double x =
+                            in.data[plane * (inH * inW) + static_cast<uint32_t>(h) * inW + static_cast<uint32_t>(c)];
                         element = static_cast<float>(attr.normP == 1 ? acc + std::fabs(x) : x * x + acc);
                     }
                 }

@@ -96,11 +96,11 @@ TEST_F(InspectTest, DrawsAGraph)
 
     SaveModel(NegateInALoop(3), At("loop"));
     const std::string loop = Good("inspect loop --dot");
-    EXPECT_THAT(loop, AllOf(HasSubstr("label=\"segment 20 (body)\""),
-                            HasSubstr("t0l0 -> t1l0 [style=dashed, label=\"next\"]"),
-                            HasSubstr("t0l0 -> t2l0 [style=dashed, label=\"exitSegId\"]"),
-                            HasSubstr("t1l1 -> t0l0 [style=dashed, label=\"nextSegId\"]"),
-                            HasSubstr("t1l1 -> t0l0 [label=\"[2, 3]\"]")));
+    EXPECT_THAT(
+        loop, AllOf(HasSubstr("label=\"segment 20 (body)\""), HasSubstr("t0l0 -> t1l0 [style=dashed, label=\"next\"]"),
+                    HasSubstr("t0l0 -> t2l0 [style=dashed, label=\"exitSegId\"]"),
+                    HasSubstr("t1l1 -> t0l0 [style=dashed, label=\"nextSegId\"]"),
+                    HasSubstr("t1l1 -> t0l0 [label=\"[2, 3]\"]")));
 }
 
 TEST_F(InspectTest, ShowsAnUnknownOperatorAndScratchBeyondTheEnd)

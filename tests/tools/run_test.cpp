@@ -77,9 +77,9 @@ TEST_F(RunTest, TakesBatches)
             const std::string out = Good(std::string("run net.json -i x=batch.npy -o y=y.npy ") + batch);
             EXPECT_THAT(ReadNpy("y.npy").values, ElementsAreArray(expected));
             EXPECT_THAT(ReadNpy("y.npy").header, HasSubstr("'shape': (6, 2, 3)"));
-            EXPECT_THAT(out, HasSubstr(*batch == '\0'                 ? "items   6 in 1 request\n"
+            EXPECT_THAT(out, HasSubstr(*batch == '\0'                      ? "items   6 in 1 request\n"
                                        : batch == std::string("--batch 1") ? "items   6 in 6 requests\n"
-                                                                          : "items   6 in 2 requests\n"));
+                                                                           : "items   6 in 2 requests\n"));
         }
     }
     Bad("run net -i x=batch.npy --batch 4", {"--batch 4 does not divide the 6 items"});
@@ -205,8 +205,9 @@ TEST_F(RunTest, ComparesWithADump)
     EXPECT_EQ(result.code, 1);
     EXPECT_THAT(result.out, HasSubstr("first difference: request 0, pass 0, segment 0, layer 0 (Reciprocal), output 0 "
                                       "[2, 3], element [1, 1]\n  0.124999985 here, 0.125 in d: 2 ulps apart\n"));
-    EXPECT_THAT(result.out, HasSubstr("3 of 3 layer outputs differ: elements 6, largest distance 2 ulps; some are NaN on "
-                                      "one side only\n"));
+    EXPECT_THAT(result.out,
+                HasSubstr("3 of 3 layer outputs differ: elements 6, largest distance 2 ulps; some are NaN on "
+                          "one side only\n"));
 
     // A zero of the other sign is one step away, two NaNs are alike.
     WriteNpy("zero.npy", "(2, 3)", {0.0f, std::nanf(""), 1, 1, 1, 1});
@@ -290,8 +291,10 @@ TEST_F(RunTest, NamesWhatIsWrongWithNamesAndModels)
     Bad("run absent -i x=x.npy", {"absent.json: cannot be opened"});
     const std::string bytes = Read("net.bin");
     Write("net.bin", bytes.substr(0, bytes.size() - 100));
-    Bad("run net -i x=x.npy", {"net.bin: has " + std::to_string(bytes.size() - 100) + " bytes, field bufferSize of "
-                               "net.json says " + std::to_string(bytes.size())});
+    Bad("run net -i x=x.npy", {"net.bin: has " + std::to_string(bytes.size() - 100) +
+                               " bytes, field bufferSize of "
+                               "net.json says " +
+                               std::to_string(bytes.size())});
     Write("net.bin", bytes);
     Write("net.json", Read("net.json").substr(0, 100));
     Bad("run net -i x=x.npy", {"net.json: no JSON at byte"});

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -57,8 +56,8 @@ protected:
     ToolResult Shell(const std::string& line) const
     {
         const std::string command = "cd '" + directory_.string() + "' && PATH=\"" +
-                                    std::filesystem::path(OPKIT_TOOL).parent_path().string() + ":$PATH\" && { " +
-                                    line + "; } >.out 2>.err </dev/null";
+                                    std::filesystem::path(OPKIT_TOOL).parent_path().string() + ":$PATH\" && { " + line +
+                                    "; } >.out 2>.err </dev/null";
         const int status = std::system(command.c_str());
         ToolResult result = {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(".out"), Read(".err")};
         std::filesystem::remove(At(".out"));

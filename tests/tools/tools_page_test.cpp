@@ -2,6 +2,7 @@
 // what the page shows.
 
 #include <cctype>
+#include <regex>
 #include <sstream>
 
 #include "tests/tools/tool_fixture.h"
@@ -74,8 +75,8 @@ protected:
     void Check(const std::string& command, const std::vector<std::string>& shown, bool times)
     {
         const ToolResult result = Shell(command);
-        EXPECT_TRUE(Matches(shown, 0, LinesOf(result.out + result.err), 0, times))
-            << "$ " << command << "\n" << result.out << result.err;
+        EXPECT_TRUE(Matches(shown, 0, LinesOf(result.out + result.err), 0, times)) << "$ " << command << "\n"
+                                                                                   << result.out << result.err;
         ++commands_;
     }
 

@@ -198,10 +198,9 @@ TEST(DetectionOutput, SortsEachClass)
     SetCounts({2, 2});
     World world(TwoClasses(OPKIT_STAGE_SORT).Layer(kTwoClasses));
     ASSERT_EQ(world.RunRequest(), 0u);
-    EXPECT_THAT(world.Output(),
-                ElementsAre(20, 0, -9, -9, 20, 0, -9, -9, 29, 9, -9, -9, 29, 9, -9, -9, 0.75f, 0.5f, -9, -9, 4, 3, -9,
-                            -9, 60, 40, -9, -9, 60, 40, -9, -9, 69, 49, -9, -9, 69, 49, -9, -9, 0.2f, 0.1f, -9, -9, 6,
-                            5, -9, -9));
+    EXPECT_THAT(world.Output(), ElementsAre(20, 0, -9, -9, 20, 0, -9, -9, 29, 9, -9, -9, 29, 9, -9, -9, 0.75f, 0.5f, -9,
+                                            -9, 4, 3, -9, -9, 60, 40, -9, -9, 60, 40, -9, -9, 69, 49, -9, -9, 69, 49,
+                                            -9, -9, 0.2f, 0.1f, -9, -9, 6, 5, -9, -9));
     EXPECT_THAT(Counts(3), ElementsAre(2, 2, 7));
 }
 
@@ -245,9 +244,9 @@ TEST(DetectionOutput, PacksAndCounts)
         EXPECT_EQ(world.RunRequest(), 0u);
         const std::vector<float> out = world.Output();
         EXPECT_THAT(std::vector<float>(out.begin() + 24, out.end()), Each(-9));
-        EXPECT_THAT(std::vector<float>(out.begin(), out.begin() + 24),
-                    ElementsAre(0, 40, 60, -9, 0, 40, 60, -9, 9, 49, 69, -9, 9, 49, 69, -9, 0.5f, 0.1f, 0.2f, -9, 3, 5,
-                                6, -9));
+        EXPECT_THAT(
+            std::vector<float>(out.begin(), out.begin() + 24),
+            ElementsAre(0, 40, 60, -9, 0, 40, 60, -9, 9, 49, 69, -9, 9, 49, 69, -9, 0.5f, 0.1f, 0.2f, -9, 3, 5, 6, -9));
         return writeCount != 0 ? world.Output(1) : std::vector<float>();
     };
     EXPECT_THAT(run(0, 1), ElementsAre(1, 2));
@@ -352,8 +351,8 @@ TEST(DetectionOutput, Failures)
             if (output == 1) {  // one float of memory for the count, but a width of 0
                 empty.Tamper([](World& w) {
                     const uint32_t base = w.ModelInfo().tables[0].layerTableOffset;
-                    auto* records = reinterpret_cast<TensorRecord*>(w.ModelBytes().data() + base +
-                                                                    w.Layer().outputTableOffset);
+                    auto* records =
+                        reinterpret_cast<TensorRecord*>(w.ModelBytes().data() + base + w.Layer().outputTableOffset);
                     uint32_t zeros[2] = {0, 0};
                     std::memcpy(w.ModelBytes().data() + base + records[1].shapeOffset, zeros, sizeof(zeros));
                 });
@@ -364,8 +363,9 @@ TEST(DetectionOutput, Failures)
         nullOutput.Online(stage.InShape(), {1, 2, 3, 4, 5}).Output(stage.OutShape());
         stage.Finish(nullOutput);
         nullOutput.Tamper([](World& w) { w.Param().outputs[0].data = nullptr; });
-        expect(nullOutput,
-               "[InsertAlignSpace:#]Input data is NULL.\n\n[DetectionOutputOpkitForward:#]InsertAlignSpace failed.\n\n");
+        expect(
+            nullOutput,
+            "[InsertAlignSpace:#]Input data is NULL.\n\n[DetectionOutputOpkitForward:#]InsertAlignSpace failed.\n\n");
 
         SetCounts({1});
         World good(stage.Layer({1, 2, 3, 4, 5}));
@@ -420,7 +420,8 @@ TEST(DetectionOutput, OutOfMemory)
     std::vector<float> out(48, -9.0f);
     Shape inShape = stage.InShape();
     Shape outShape = stage.OutShape();
-    TensorInfo tensors[] = {{0, 12, 1, 4, inShape.data(), in.data(), 144}, {0, 16, 1, 4, outShape.data(), out.data(), 192}};
+    TensorInfo tensors[] = {{0, 12, 1, 4, inShape.data(), in.data(), 144},
+                            {0, 16, 1, 4, outShape.data(), out.data(), 192}};
     DetectionOutputAttr attr = stage.Attr();
     param.inputs = &tensors[0];
     param.inputNum = 1;
@@ -662,8 +663,8 @@ TEST(DetectionSteps, BoxesInAndOut)
     EXPECT_EQ(boxes[4].classId, 6);
     std::vector<float> out(24, -9.0f);
     Bbox2Output(boxes.data(), out.data(), 2, 1, 3, 2, 0);
-    EXPECT_THAT(out, ElementsAre(0, -9, 0, -9, 9, -9, 9, -9, 0.5f, -9, 3, -9, 40, 60, 40, 60, 49, 69, 49, 69, 0.1f, 0.2f,
-                                 5, 6));
+    EXPECT_THAT(out, ElementsAre(0, -9, 0, -9, 9, -9, 9, -9, 0.5f, -9, 3, -9, 40, 60, 40, 60, 49, 69, 49, 69, 0.1f,
+                                 0.2f, 5, 6));
     std::vector<float> packed(18, -9.0f);
     Bbox2Output(boxes.data(), packed.data(), 2, 1, 3, 3, 1);
     EXPECT_THAT(packed, ElementsAre(0, 40, 60, 0, 40, 60, 9, 49, 69, 9, 49, 69, 0.5f, 0.1f, 0.2f, 3, 5, 6));
@@ -851,8 +852,8 @@ TEST(DetectionChain, SeveralThreads)
 // Three proposals, two classes; by hand. Class 0: scores 0.3, 0.9, 0.8, the last two boxes nearly the same.
 TEST(DetectionChain, ByHand)
 {
-    const Chain chain = {.n = 3, .classNum = 2, .hasClassId = 1, .merge = 0, .pack = 1, .writeCount = 1,
-                         .maxBoxNum = 5, .dump = true};
+    const Chain chain = {
+        .n = 3, .classNum = 2, .hasClassId = 1, .merge = 0, .pack = 1, .writeCount = 1, .maxBoxNum = 5, .dump = true};
     World world(chain.Build());
     world.SetInput(0, std::vector<float>(24, 0.0f));
     world.SetInput(1, std::vector<float>{0.3f, 0.1f, 0.9f, 0.1f, 0.8f, 0.6f});

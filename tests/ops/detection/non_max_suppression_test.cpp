@@ -172,8 +172,8 @@ TEST(NonMaxSuppression, BatchesAndClasses)
     layer.Online({2, 2, 4}, {0, 0, 1, 1, 0, 0, 1, 1, 0, 0, 1, 1, 5, 5, 6, 6});
     layer.Online({2, 2, 2}, {0.5f, 0.6f, 0.9f, 0.8f, -1, -1, 0.3f, 0.2f}).Output({6, 3}, 16).Workspace(24);
     layer.Attr<NonMaxSuppressionAttr>().inputCount = 2;
-    EXPECT_THAT(Rows(layer), ElementsAre(ElementsAre(0, 0, 1), ElementsAre(0, 1, 0), ElementsAre(1, 1, 0),
-                                         ElementsAre(1, 1, 1)));
+    EXPECT_THAT(Rows(layer),
+                ElementsAre(ElementsAre(0, 0, 1), ElementsAre(0, 1, 0), ElementsAre(1, 1, 0), ElementsAre(1, 1, 1)));
 }
 
 TEST(NonMaxSuppression, NothingSelected)
@@ -202,7 +202,8 @@ TEST(NonMaxSuppression, CompactsAllInputs)
     ASSERT_EQ(world.RunRequest(), 0u);
     EXPECT_THAT(std::vector<float>(world.InputRows(0).begin(), world.InputRows(0).begin() + 8),
                 ElementsAre(0, 0, 1, 1, 5, 5, 6, 6));
-    EXPECT_THAT(std::vector<float>(world.InputRows(1).begin(), world.InputRows(1).begin() + 2), ElementsAre(0.5f, 0.6f));
+    EXPECT_THAT(std::vector<float>(world.InputRows(1).begin(), world.InputRows(1).begin() + 2),
+                ElementsAre(0.5f, 0.6f));
 }
 
 TEST(NonMaxSuppression, Failures)
@@ -219,7 +220,8 @@ TEST(NonMaxSuppression, Failures)
     one.Attr<NonMaxSuppressionAttr>().inputCount = -3;  // boxes and scores are read all the same
     EXPECT_EQ(messages(one), unresolved);
     for (const int32_t inputCount : {3, 4, 5, 6}) {
-        LayerCase few = Suppress(Disjoint(1), {1}, std::vector<float>(static_cast<size_t>(std::min(inputCount, 5) - 3)));
+        LayerCase few =
+            Suppress(Disjoint(1), {1}, std::vector<float>(static_cast<size_t>(std::min(inputCount, 5) - 3)));
         few.Attr<NonMaxSuppressionAttr>().inputCount = inputCount;
         EXPECT_EQ(messages(few), unresolved);
     }
@@ -383,7 +385,7 @@ TEST(BoxHeap, SameAsReference)
 
 TEST(SuppressByIou, Corners)
 {
-    float boxes[] = {0, 0, 2, 2,  2, 3, 0, 1,  0, 2, 2, 4,  0, 0, 0, 2,  0, 0, kInf, kInf};
+    float boxes[] = {0, 0, 2, 2, 2, 3, 0, 1, 0, 2, 2, 4, 0, 0, 0, 2, 0, 0, kInf, kInf};
     EXPECT_TRUE(SuppressByIOU(boxes, 0, 1, 0, 0.33f));
     EXPECT_FALSE(SuppressByIOU(boxes, 0, 1, 0, 0.34f));
     EXPECT_FALSE(SuppressByIOU(boxes, 0, 2, 0, 0.0f));

@@ -22,7 +22,9 @@ constexpr const char* kName = "InstanceNormalizationOpkitForward";
 // Floats of one plane.
 uint32_t PlaneSize(const Shape& x)
 {
-    return x.size() >= 4 ? x[x.size() - 2] * x.back() : x.size() == 3 ? x.back() : static_cast<uint32_t>(ElementCount(x));
+    return x.size() >= 4   ? x[x.size() - 2] * x.back()
+           : x.size() == 3 ? x.back()
+                           : static_cast<uint32_t>(ElementCount(x));
 }
 
 uint32_t Channels(const Shape& x)

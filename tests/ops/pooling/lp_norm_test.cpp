@@ -40,8 +40,8 @@ TEST(LpNorm, SameAsReference)
 {
     ForRandomCases(300, [](Random& random) {
         const Shape shape = random.Shape(1, 5, 1500);
-        std::vector<float> data = random.Floats(ElementCount(shape), random.OneOf({Values::kMixed, Values::kPlain,
-                                                                                   Values::kIntegers}));
+        std::vector<float> data =
+            random.Floats(ElementCount(shape), random.OneOf({Values::kMixed, Values::kPlain, Values::kIntegers}));
         if (random.Chance(0.5)) {
             for (float& x : data) {
                 x = std::ldexp(x, random.Int(0, 34));

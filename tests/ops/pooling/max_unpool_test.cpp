@@ -117,9 +117,7 @@ TEST(MaxUnpool, Failures)
     EXPECT_EQ(messages(one), "[MaxUnpoolOpkitForward:#]ParseInputInfo failed.\n\n");
 
     LayerCase nullOutput = Unpool({0, 2}, {}, {}, {0, 2});
-    nullOutput.Tamper([](World& w) {
-        w.Param().outputs[0].data = nullptr;
-    });
+    nullOutput.Tamper([](World& w) { w.Param().outputs[0].data = nullptr; });
     EXPECT_EQ(messages(nullOutput),
               "[InsertAlignSpace:#]Input data is NULL.\n\n[MaxUnpoolOpkitForward:#]InsertAlignSpace failed.\n\n");
 }

@@ -132,8 +132,8 @@ RandomLayer RandomPooling(Random& random)
 
 void AddInput(LayerCase& layer, Random& random, const Shape& shape)
 {
-    const std::vector<float> data = random.Floats(ElementCount(shape), random.OneOf({Values::kMixed, Values::kPlain,
-                                                                                     Values::kIntegers}));
+    const std::vector<float> data =
+        random.Floats(ElementCount(shape), random.OneOf({Values::kMixed, Values::kPlain, Values::kIntegers}));
     if (random.Chance(0.2)) {
         layer.Offline(shape, data);
     } else {
@@ -162,9 +162,9 @@ TEST(PoolingAve, SameAsReference)
 
 TEST(PoolingAve, CoreSameAsReference)
 {
-    ExpectPoolingSame<PoolingAveAttr>(
-        "PoolingAveOpkitForward", AveCore, [](LayerParam* p) { return static_cast<uint32_t>(RefPoolingAveCore(p)); },
-        {.nan = NanPolicy::kAnyNan, .throughRequest = false});
+    ExpectPoolingSame<PoolingAveAttr>("PoolingAveOpkitForward", AveCore,
+                                      [](LayerParam* p) { return static_cast<uint32_t>(RefPoolingAveCore(p)); },
+                                      {.nan = NanPolicy::kAnyNan, .throughRequest = false});
 }
 
 TEST(PoolingMax, SameAsReference)
@@ -264,7 +264,8 @@ TEST(PoolingAve, IncludesPadding)
     w.padBottom = 1;
     EXPECT_EQ(RunOk(Pooling<PoolingAveAttr>({3, 3}, kSquare, {2, 2}, w), PoolingAveOpkitForward)[3], 6);
     w.padRight = 5;
-    EXPECT_EQ(RunOk(Pooling<PoolingAveAttr>({3, 3}, kSquare, {2, 2}, w), PoolingAveOpkitForward)[3], (3 * 3 + 9) / 4.0f);
+    EXPECT_EQ(RunOk(Pooling<PoolingAveAttr>({3, 3}, kSquare, {2, 2}, w), PoolingAveOpkitForward)[3],
+              (3 * 3 + 9) / 4.0f);
 }
 
 TEST(PoolingAve, WindowInPaddingAlone)
@@ -279,8 +280,8 @@ TEST(PoolingAve, WindowInPaddingAlone)
                 ElementsAre(2.5f, 7));
     // An area of 0 is divided by all the same.
     const Window empty = {.strideH = 2, .padValue = 7, .includePad = 1};
-    EXPECT_TRUE(std::isnan(
-        RunOk(Pooling<PoolingAveAttr>({2, 2}, {1, 2, 3, 4}, {2, 1}, empty), PoolingAveOpkitForward)[1]));
+    EXPECT_TRUE(
+        std::isnan(RunOk(Pooling<PoolingAveAttr>({2, 2}, {1, 2, 3, 4}, {2, 1}, empty), PoolingAveOpkitForward)[1]));
 }
 
 // Elements before the failing one are finished, it is 0, later ones are untouched; the operator succeeds.

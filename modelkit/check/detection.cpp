@@ -1,0 +1,127 @@
+// The detection chain, whose counts of boxes are data, and suppression by score.
+
+#include "modelkit/check/layer_check.h"
+#include "opkit/attributes/detection.h"
+
+namespace opkit::modelkit::check {
+namespace {
+
+constexpr uint32_t kMostClasses = 256;  // lists that a thread keeps counts of
+
+uint64_t Fields(uint32_t hasClassId)
+{
+    return hasClassId != 0 ? 6 : 5;
+}
+
+// Deltas and scores: the shape is one proposal's share, and rows are compacted for all proposals.
+void CheckShare(LayerCheck& layer, const Tensor& share, uint64_t proposals, uint64_t floats, const char* reason)
+{
+    const uint64_t count = Mul(share.Count(), proposals);
+    layer.AtMost(share.shapeField, count, INT32_MAX, "elements of all proposals beyond 31 bits");
+    if (share.Align() != share.Width()) {
+        layer.Floats(share, Span(count, share.Width(), share.Pitch()), "rows for all proposals do not fit");
+        layer.Modifies(share);
+    }
+    layer.Floats(share, floats, reason);
+}
+
+void CheckDecBbox(LayerCheck& layer)
+{
+    const DecBboxAttr attr = layer.Attr<DecBboxAttr>();
+    const Tensor& deltas = layer.Next();
+    const Tensor& scores = layer.Next();
+    const Tensor& thresholds = layer.NextCompacted();
+    layer.NextCompacted();  // the count
+    const Tensor& proposals = layer.NextCompacted();
+    const Tensor& out = layer.OutExpanded();
+    layer.Elements(thresholds, 4, "overlap, score, height and width");
+    layer.Rank(proposals, 4, OPKIT_MAX_DIMS, "the fourth dimension is the number of proposals");
+    const uint64_t n = proposals.dims[3];
+    layer.Elements(proposals, Mul(4, n), "four edges per proposal");
+
+    const bool merge = attr.mergeClasses != 0;
+    const uint64_t classNum = attr.classNum;
+    const Field classField = OPKIT_ATTR_FIELD(layer, DecBboxAttr, classNum);
+    layer.AtLeast(classField, classNum, 1, "no class");
+    if (!merge) {
+        layer.AtMost(classField, classNum, kMostClasses, "the operator fails");
+    }
+    CheckShare(layer, deltas, n, Mul(8, n), "eight deltas per proposal");
+    // The second pass reads the second class's score also where there is none.
+    const uint64_t pastLast = classNum == 1 ? 1 : 0;
+    CheckShare(layer, scores, n, Add(Mul(classNum, n), pastLast), "a score per proposal and class");
+    const uint64_t fields = Fields(attr.hasClassId);
+    const uint64_t written = merge ? Add(Mul(fields, classNum, n), classNum == 1 ? n : 0)
+                                   : Mul(std::max<uint64_t>(classNum, 2), fields, n);
+    layer.Floats(out, written, "the boxes of all classes, of two at least, do not fit the output");
+    layer.Condition("the first element of input 3, the number of proposals, lies from 0 to " + std::to_string(n));
+}
+
+void CheckDetectionOutput(LayerCheck& layer)
+{
+    const DetectionOutputAttr attr = layer.Attr<DetectionOutputAttr>();
+    const Tensor& in = layer.NextCompacted();
+    const Tensor& out = layer.OutExpanded();
+    const Field classField = OPKIT_ATTR_FIELD(layer, DetectionOutputAttr, classNum);
+    layer.AtLeast(classField, attr.classNum, 1, "no class");
+    layer.AtMost(classField, attr.classNum, kMostClasses, "a thread keeps the counts of 256 lists");
+    const uint64_t fields = Fields(attr.hasClassId);
+    layer.Elements(in, Mul(attr.classNum, fields, attr.classCapacity), "the lists do not fit the input");
+    layer.Rank(out, 4, OPKIT_MAX_DIMS, "the fourth dimension is the row length");
+    const uint64_t rowLength = out.dims[3];
+    const bool packed = attr.packOutput != 0 || attr.writeCount != 0;
+    layer.Floats(out, Mul(packed ? 1 : attr.classNum, fields, rowLength), "the lists' rows do not fit the output");
+    if (attr.writeCount != 0) {
+        const Tensor& counts = layer.OutExpanded(1);
+        layer.Floats(counts, attr.packOutput != 0 ? 1 : attr.classNum, "a count per class");
+    }
+    std::string condition = "the layers before leave at most " +
+                            std::to_string(packed ? attr.classCapacity
+                                                  : std::min<uint64_t>(attr.classCapacity, rowLength)) +
+                            " boxes in each list";
+    if (packed && Mul(attr.classNum, attr.classCapacity) > rowLength) {
+        condition += ", and this layer keeps at most " + std::to_string(rowLength) + " in all";
+    }
+    layer.Condition(condition);
+}
+
+void CheckNonMaxSuppression(LayerCheck& layer)
+{
+    const int32_t inputCount = std::clamp(layer.Attr<NonMaxSuppressionAttr>().inputCount, 2, 5);
+    const Tensor& boxes = layer.NextCompacted();
+    const Tensor& scores = layer.NextCompacted();
+    for (int32_t k = 2; k < inputCount; ++k) {
+        layer.NextCompacted();
+    }
+    const Tensor& out = layer.OutExpanded();
+    layer.Rank(boxes, 2, OPKIT_MAX_DIMS, "batches, boxes");
+    layer.Rank(scores, 2, OPKIT_MAX_DIMS, "batches, classes");
+    const uint64_t batches = boxes.dims[0];
+    const uint64_t boxNum = boxes.dims[1];
+    const uint64_t lists = Mul(batches, scores.dims[1]);
+    layer.AtMost(boxes.Dim(1), boxNum, 1 << 24, "indices beyond 24 bits do not come back from a float");
+    layer.Elements(boxes, Mul(batches, boxNum, 4), "four values per box");
+    layer.Elements(scores, Mul(lists, boxNum), "a score per box and class");
+    layer.WorkSpace(Mul(Add(boxNum, 1), 8), "the work space holds the heap");
+    const uint64_t rows = out.Room() / 3;
+    if (rows < Mul(lists, boxNum)) {
+        layer.Condition("at most " + std::to_string(rows) + " boxes are selected in all");
+    }
+}
+
+constexpr OperatorCheck kDetection[] = {
+    {"DecBboxOpkitForward", CheckDecBbox},
+    {"FilterBoxOpkitForward", CheckDetectionOutput},
+    {"NMSOpkitForward", CheckDetectionOutput},
+    {"NonMaxSuppressionOpkitForward", CheckNonMaxSuppression},
+    {"SortOpkitForward", CheckDetectionOutput},
+};
+
+}  // namespace
+
+std::span<const OperatorCheck> DetectionChecks()
+{
+    return kDetection;
+}
+
+}  // namespace opkit::modelkit::check

@@ -1,0 +1,66 @@
+// opkit check
+
+#include <fmt/core.h>
+#include <memory>
+
+#include "modelkit/check.h"
+#include "modelkit/model_file.h"
+#include "opkit/records.h"
+#include "tools/command.h"
+
+namespace opkit::tools {
+namespace {
+
+using namespace opkit::modelkit;
+
+struct Options {
+    std::string model;
+    uint32_t batch = 0;
+    bool strict = false;
+};
+
+std::string Counted(size_t count, const char* word)
+{
+    return fmt::format("{} {}{}", count, word, count == 1 ? "" : "s");
+}
+
+int Check(const Options& options)
+{
+    const Model model = LoadModel(options.model);
+    const CheckReport report = CheckModel(model, options.batch);
+    for (const CheckRefusal& refusal : report.refusals) {
+        fmt::print("refused    {}\n", refusal.Text());
+    }
+    for (const CheckCondition& condition : report.conditions) {
+        fmt::print("{}  {}\n", options.strict ? "refused  " : "condition", condition.Text());
+    }
+    const uint32_t batch = options.batch != 0 ? options.batch : model.maxBatch;
+    const std::string scope = fmt::format("{} for {}", ModelPathsOf(options.model).manifest.string(),
+                                          batch == 1 ? "1 batch item" : fmt::format("1 to {} batch items", batch));
+    const size_t refusals = report.refusals.size() + (options.strict ? report.conditions.size() : 0);
+    if (refusals != 0) {
+        fmt::print("{}: refused, {}\n", scope, Counted(refusals, "finding"));
+        return kFailure;
+    }
+    if (report.conditions.empty()) {
+        fmt::print("{}: accepted, safe for any data\n", scope);
+    } else {
+        fmt::print("{}: accepted with {}\n", scope, Counted(report.conditions.size(), "condition"));
+    }
+    return kSuccess;
+}
+
+}  // namespace
+
+Action SetUpCheck(CLI::App& app)
+{
+    const auto options = std::make_shared<Options>();
+    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
+    app.add_option("--batch", options->batch, "batch items of the largest request; by default what the model is planned for")
+        ->check(CLI::Range(1, static_cast<int>(OPKIT_MAX_BATCH)));
+    app.add_flag("--strict", options->strict, "conditions that depend on data count as refusals");
+    app.footer("Example:\n  opkit check digits --strict");
+    return [options] { return Check(*options); };
+}
+
+}  // namespace opkit::tools
