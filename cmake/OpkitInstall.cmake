@@ -11,10 +11,10 @@ install(TARGETS opkit EXPORT opkit-targets
 install(TARGETS opkit_headers EXPORT opkit-targets)
 install(DIRECTORY include/opkit DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
-# modelkit's headers for its users: without those of its parts, and without the file format where it was left out.
-set(opkit_private_headers "/(check/|json_fields\\.h)")
+# modelkit's headers, without those that show a JSON library, and without the file format where that library is missing.
+set(opkit_private_headers "/(json_fields|model_text)\\.h$")
 if(NOT nlohmann_json_FOUND)
-  set(opkit_private_headers "/(check/|json_fields\\.h|model_file\\.h|model_text\\.h)")
+  set(opkit_private_headers "/(json_fields|model_text|model_file)\\.h$")
 endif()
 install(TARGETS opkit_modelkit EXPORT opkit-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 file(GLOB opkit_modelkit_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/modelkit/*.h)
@@ -57,6 +57,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_CONTACT "the opkit authors")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The shared library.")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, modelkit, and files for CMake and pkg-config.")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "The program that runs and inspects models.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libopkit3)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/deb/triggers")

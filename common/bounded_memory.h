@@ -8,7 +8,8 @@
 namespace opkit {
 
 // Copies `count` bytes. Returns 0; 34 for a size of 0 or below; 22 for a null destination. A null source (150), a count
-// above the size (162) and overlapping ranges (182) clear the whole destination. Equal pointers and a count of 0 are fine.
+// above the size (162) and overlapping ranges (182) clear the whole destination. Equal pointers and a count of 0 are
+// fine.
 int32_t memcpy_s(void* destination, int64_t destinationSize, const void* source, uint64_t count);
 
 // Fills `count` bytes. Returns 0; 34 for a negative size, a null destination of size 0 or a count above a size of 0;

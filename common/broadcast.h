@@ -60,8 +60,8 @@ private:
     size_t offset_ = 0;
     uint32_t step_ = 0;
     uint32_t wrapWidth_ = 0;
-    size_t stride_[OPKIT_MAX_DIMS] = {};   // floats, by output dimension
-    uint32_t dim_[OPKIT_MAX_DIMS] = {};    // coordinates in use, by output dimension; 1 where the operand has none
+    size_t stride_[OPKIT_MAX_DIMS] = {};  // floats, by output dimension
+    uint32_t dim_[OPKIT_MAX_DIMS] = {};   // coordinates in use, by output dimension; 1 where the operand has none
     uint32_t position_[OPKIT_MAX_DIMS] = {};
 };
 

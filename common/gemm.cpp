@@ -1,7 +1,8 @@
 // The one matrix product of the library.
 //
 // The order of additions is contract, and the two walks differ on purpose: the untransposed one adds term by term onto
-// the scaled C, the transposed one sums the products apart and adds C once at the end. Both multiply alpha into A first.
+// the scaled C, the transposed one sums the products apart and adds C once at the end. Both multiply alpha into A
+// first.
 
 #include <cstring>
 

@@ -44,7 +44,8 @@ void CompactRows(float* data, uint32_t count, uint32_t width, uint32_t alignNum)
 void SpreadRows(float* data, uint32_t count, int32_t width, uint32_t rowDistance, uint32_t lastIndex)
 {
     const uint32_t w = static_cast<uint32_t>(width);
-    const bool wholeRows = width > 0 && count % w == 0 && rowDistance >= w && lastIndex == LastIndex(count, w, rowDistance);
+    const bool wholeRows =
+        width > 0 && count % w == 0 && rowDistance >= w && lastIndex == LastIndex(count, w, rowDistance);
     if (!wholeRows) {
         SpreadElementByElement(data, count, width, rowDistance, lastIndex);
         return;

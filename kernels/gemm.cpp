@@ -81,26 +81,31 @@ constexpr TileFunction kTiles[kTileRows + 1] = {
 TileFunction TileFor(size_t rows, size_t vectors)
 {
     switch (vectors) {
-        case 1: return kTiles<1>[rows];
-        case 2: return kTiles<2>[rows];
+        case 1:
+            return kTiles<1>[rows];
+        case 2:
+            return kTiles<2>[rows];
 #if defined(OPKIT_LEVEL_avx512)
-        case 3: return kTiles<3>[rows];
-        default: return kTiles<4>[rows];
+        case 3:
+            return kTiles<3>[rows];
+        default:
+            return kTiles<4>[rows];
 #else
-        default: return kTiles<2>[rows];
+        default:
+            return kTiles<2>[rows];
 #endif
     }
 }
 
 // The product seen from the tiles: `rows` broadcast, `columns` across the lanes.
 struct Product {
-    MatrixView rows;      // element (i, k)
-    MatrixView columns;   // element (k, j)
+    MatrixView rows;     // element (i, k)
+    MatrixView columns;  // element (k, j)
     size_t rowCount;
     size_t columnCount;
     size_t depth;
-    float rowFactor;      // multiplies the elements of `rows` first
-    float columnFactor;   // or those of `columns`: alpha belongs to A, wherever A stands
+    float rowFactor;     // multiplies the elements of `rows` first
+    float columnFactor;  // or those of `columns`: alpha belongs to A, wherever A stands
     float* c;
     size_t cRow;
     size_t cColumn;

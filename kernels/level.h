@@ -38,14 +38,20 @@ void OverrideLevel(Level level);
 const char* LevelName(Level level);
 
 // Declares the tables `name` of the three levels and the function `Active()` that gives the table in use.
-#define OPKIT_KERNEL_TABLE(Record, name, Active)                            \
-    namespace baseline { extern const Record name; }                        \
-    namespace avx2 { extern const Record name; }                            \
-    namespace avx512 { extern const Record name; }                          \
-    inline const Record& Active()                                           \
-    {                                                                       \
+#define OPKIT_KERNEL_TABLE(Record, name, Active)                                             \
+    namespace baseline {                                                                     \
+    extern const Record name;                                                                \
+    }                                                                                        \
+    namespace avx2 {                                                                         \
+    extern const Record name;                                                                \
+    }                                                                                        \
+    namespace avx512 {                                                                       \
+    extern const Record name;                                                                \
+    }                                                                                        \
+    inline const Record& Active()                                                            \
+    {                                                                                        \
         static const Record* const tables[] = {&baseline::name, &avx2::name, &avx512::name}; \
-        return *tables[static_cast<int>(ActiveLevel())];                    \
+        return *tables[static_cast<int>(ActiveLevel())];                                     \
     }
 
 }  // namespace opkit

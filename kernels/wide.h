@@ -1,8 +1,8 @@
 // Vectors of doubles, half as many as a level has float lanes, with an exponential and a logarithm of known error.
 //
 // They serve formulas that are defined in f64 and narrowed to f32: a result with a bound on its error is narrowed at
-// both ends of the bound. Where the ends agree, every f64 value between them narrows to the same float, the formula's own
-// among them; where they differ, the caller computes that lane by the formula itself.
+// both ends of the bound. Where the ends agree, every f64 value between them narrows to the same float, the formula's
+// own among them; where they differ, the caller computes that lane by the formula itself.
 #ifndef OPKIT_KERNELS_WIDE_H
 #define OPKIT_KERNELS_WIDE_H
 
@@ -62,8 +62,13 @@ inline Wide Reciprocal(Wide x)
 // 2^(i / kWide), rounded to f64.
 inline Wide PowersOfTwo()
 {
-    constexpr double kEighths[] = {1.0, 0x1.172b83c7d517bp+0, 0x1.306fe0a31b715p+0, 0x1.4bfdad5362a27p+0,
-                                   0x1.6a09e667f3bcdp+0, 0x1.8ace5422aa0dbp+0, 0x1.ae89f995ad3adp+0,
+    constexpr double kEighths[] = {1.0,
+                                   0x1.172b83c7d517bp+0,
+                                   0x1.306fe0a31b715p+0,
+                                   0x1.4bfdad5362a27p+0,
+                                   0x1.6a09e667f3bcdp+0,
+                                   0x1.8ace5422aa0dbp+0,
+                                   0x1.ae89f995ad3adp+0,
                                    0x1.d5818dcfba487p+0};
     Wide powers = {};
     for (size_t i = 0; i < kWide; ++i) {

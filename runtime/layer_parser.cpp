@@ -66,6 +66,55 @@ TensorRecord* TensorTable(const ForwardParam& param, uint32_t offset)
     return reinterpret_cast<TensorRecord*>(Address(LayerTableBase(param), offset));
 }
 
+// The request's tensors that a table's entries name by index, and what messages call them.
+struct RequestSide {
+    const TensorInfo* tensors;
+    uint32_t count;
+    const char* index;
+    const char* tensor;
+};
+
+// Fills one tensor array of a layer, in the caller's name.
+uint32_t ParseTensors(const ForwardParam& param, const RequestSide& side, const TensorRecord* table,
+                      TensorInfo* tensors, uint32_t count, uint32_t batchIndex, Caller caller = Here())
+{
+    const uint32_t batchCount = param.inputs[0].batch;  // the inputs' count divides the outputs as well
+    for (uint32_t i = 0; i < count; ++i) {
+        const TensorRecord& entry = table[i];
+        if (!SetShape(param, entry, &tensors[i])) {
+            return ReportBufferSize(caller);
+        }
+        if (entry.memKind > OPKIT_MEM_REQUEST_1) {
+            PlaceInScratch(param, entry, batchIndex, &tensors[i]);
+            continue;
+        }
+        if (entry.strideIndex >= side.count || entry.memIndex >= side.count) {
+            // The limit shown is the request's output count, for inputs too.
+            Report(caller, "%s stride idx[%u] or mem idx[%u] larger than %u!\n\n", side.index, entry.strideIndex,
+                   entry.memIndex, param.outputNum);
+            return kFailure;
+        }
+        const TensorInfo& source = side.tensors[entry.memIndex];
+        if (source.size % batchCount != 0) {
+            Report(caller, "Invalid %s[%u] size[%u], batch[%u]!\n\n", side.tensor, i, source.size, batchCount);
+            return kFailure;
+        }
+        PlaceInRequest(source, side.tensors[entry.strideIndex].stride, batchCount, batchIndex, &tensors[i]);
+    }
+    return kSuccess;
+}
+
+// One array of a LayerParam. A layer without tensors asks for zero bytes all the same.
+TensorInfo* AllocateTensors(uint32_t count, Caller caller = Here())
+{
+    const size_t bytes = count * sizeof(TensorInfo);
+    void* tensors = std::malloc(bytes);
+    if (tensors == nullptr) {
+        Report(caller, "Malloc %lu failed!\n\n", bytes);
+    }
+    return static_cast<TensorInfo*>(tensors);
+}
+
 }  // namespace
 
 uint32_t CheckLayerParam(ForwardParam* param, uint32_t layerOffset)
@@ -99,77 +148,17 @@ uint32_t CheckLayerParam(ForwardParam* param, uint32_t layerOffset)
 
 uint32_t ParseLayerInputInfo(ForwardParam* param, LayerRecord* record, LayerParam* layerParam, uint32_t batchIndex)
 {
-    const TensorRecord* table = TensorTable(*param, record->inputTableOffset);
-    const uint32_t batchCount = param->inputs[0].batch;
-    for (uint32_t i = 0; i < layerParam->inputNum; ++i) {
-        const TensorRecord& entry = table[i];
-        TensorInfo* tensor = &layerParam->inputs[i];
-        if (!SetShape(*param, entry, tensor)) {
-            return ReportBufferSize();
-        }
-        if (entry.memKind > OPKIT_MEM_REQUEST_1) {
-            PlaceInScratch(*param, entry, batchIndex, tensor);
-            continue;
-        }
-        if (entry.strideIndex >= param->inputNum || entry.memIndex >= param->inputNum) {
-            // The limit shown is the request's output count, here too.
-            Report(Here(), "In stride idx[%u] or mem idx[%u] larger than %u!\n\n", entry.strideIndex, entry.memIndex,
-                   param->outputNum);
-            return kFailure;
-        }
-        const TensorInfo& source = param->inputs[entry.memIndex];
-        if (source.size % batchCount != 0) {
-            Report(Here(), "Invalid input[%u] size[%u], batch[%u]!\n\n", i, source.size, batchCount);
-            return kFailure;
-        }
-        PlaceInRequest(source, param->inputs[entry.strideIndex].stride, batchCount, batchIndex, tensor);
-    }
-    return kSuccess;
+    const RequestSide side = {param->inputs, param->inputNum, "In", "input"};
+    return ParseTensors(*param, side, TensorTable(*param, record->inputTableOffset), layerParam->inputs,
+                        layerParam->inputNum, batchIndex);
 }
 
 uint32_t ParseLayerOutputInfo(ForwardParam* param, LayerRecord* record, LayerParam* layerParam, uint32_t batchIndex)
 {
-    const TensorRecord* table = TensorTable(*param, record->outputTableOffset);
-    const uint32_t batchCount = param->inputs[0].batch;  // the inputs' count divides the outputs as well
-    for (uint32_t i = 0; i < layerParam->outputNum; ++i) {
-        const TensorRecord& entry = table[i];
-        TensorInfo* tensor = &layerParam->outputs[i];
-        if (!SetShape(*param, entry, tensor)) {
-            return ReportBufferSize();
-        }
-        if (entry.memKind > OPKIT_MEM_REQUEST_1) {
-            PlaceInScratch(*param, entry, batchIndex, tensor);
-            continue;
-        }
-        if (entry.strideIndex >= param->outputNum || entry.memIndex >= param->outputNum) {
-            Report(Here(), "Out stride idx[%u] or mem idx[%u] larger than %u!\n\n", entry.strideIndex, entry.memIndex,
-                   param->outputNum);
-            return kFailure;
-        }
-        const TensorInfo& source = param->outputs[entry.memIndex];
-        if (source.size % batchCount != 0) {
-            Report(Here(), "Invalid output[%u] size[%u], batch[%u]!\n\n", i, source.size, batchCount);
-            return kFailure;
-        }
-        PlaceInRequest(source, param->outputs[entry.strideIndex].stride, batchCount, batchIndex, tensor);
-    }
-    return kSuccess;
+    const RequestSide side = {param->outputs, param->outputNum, "Out", "output"};
+    return ParseTensors(*param, side, TensorTable(*param, record->outputTableOffset), layerParam->outputs,
+                        layerParam->outputNum, batchIndex);
 }
-
-namespace {
-
-// One array of a LayerParam. A layer without tensors asks for zero bytes all the same.
-TensorInfo* AllocateTensors(uint32_t count, Caller caller = Here())
-{
-    const size_t bytes = count * sizeof(TensorInfo);
-    void* tensors = std::malloc(bytes);
-    if (tensors == nullptr) {
-        Report(caller, "Malloc %lu failed!\n\n", bytes);
-    }
-    return static_cast<TensorInfo*>(tensors);
-}
-
-}  // namespace
 
 uint32_t ParseLayerParam(ForwardParam* param, uint32_t layerOffset, LayerParam* layerParam, uint32_t batchIndex)
 {

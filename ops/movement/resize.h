@@ -71,8 +71,7 @@ inline float SourceCoordinate(const ResizeAxis& axis, uint32_t i)
             if (several) {
                 return ((position * (axis.end - axis.start)) * axis.Last()) / lastOut + axis.Last() * axis.start;
             }
-            return RoundToF32(0.5 * static_cast<double>(axis.start + axis.end) *
-                              static_cast<double>(axis.Last()));
+            return RoundToF32(0.5 * static_cast<double>(axis.start + axis.end) * static_cast<double>(axis.Last()));
         case OPKIT_RESIZE_HALF_PIXEL_UNSHIFTED:
             return (position + 0.5f) / axis.scale;
         default:

@@ -87,7 +87,8 @@ TEST(BinaryInterface, ObjectsHaveTheirSizes)
     for (const Row& row : {Row{"OPKIT_GIT_VERSION", "8 OBJECT"}, Row{"g_size", "4 OBJECT"},
                            Row{"g_curBoxNum", "1024 TLS"}, Row{"g_maxWidth", "4 TLS"}, Row{"g_maxHeight", "4 TLS"},
                            Row{"g_lowScoreThresh", "4 TLS"}, Row{"g_nmsThresh", "4 TLS"}}) {
-        const std::regex entry(std::string(row.size).replace(std::string(row.size).find(' '), 1, " +") + " .* " + row.name);
+        const std::regex entry(std::string(row.size).replace(std::string(row.size).find(' '), 1, " +") + " .* " +
+                               row.name);
         EXPECT_TRUE(std::regex_search(symbols, entry)) << row.name;
     }
 }

@@ -101,8 +101,8 @@ TEST(RowRoutines, SameAsReference)
         const uint32_t rows = static_cast<uint32_t>(random.Int(1, 9));
         const uint32_t align = random.Chance(0.2) ? static_cast<uint32_t>(random.Int(1, 12)) : random.Stride(width) / 4;
         // A count that ends within a row, too.
-        const uint32_t count = random.Chance(0.2) ? static_cast<uint32_t>(random.Int(1, static_cast<int>(width * rows)))
-                                                  : width * rows;
+        const uint32_t count =
+            random.Chance(0.2) ? static_cast<uint32_t>(random.Int(1, static_cast<int>(width * rows))) : width * rows;
         const size_t room = size_t{rows + 1} * (RefPitch(width, align) + width) + 16;
         const std::vector<float> start = random.Floats(room, Values::kPlain);
 
@@ -152,7 +152,10 @@ struct Resolved {
 TEST(ParseInputInfo, WalksOnlineAndOfflineInputs)
 {
     LayerCase layer("NegOpkitForward");
-    layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Offline({5}, {1, 2, 3, 4, 5}).Online({7}, std::vector<float>(7)).Output({1});
+    layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16)
+        .Offline({5}, {1, 2, 3, 4, 5})
+        .Online({7}, std::vector<float>(7))
+        .Output({1});
     World world(layer);
     world.RunDirect([](LayerParam* param) {
         uint32_t online = 0;

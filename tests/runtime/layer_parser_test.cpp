@@ -44,7 +44,10 @@ LayerCase ThreeItems()
 }
 
 struct Parsed {
-    explicit Parsed(World& world, uint32_t batch = 0) : result(ParseLayerParam(&world.Param(), FirstLayer(world), &layer, batch)) {}
+    explicit Parsed(World& world, uint32_t batch = 0)
+        : result(ParseLayerParam(&world.Param(), FirstLayer(world), &layer, batch))
+    {
+    }
     ~Parsed() { ReleaseLayerParam(&layer); }
     LayerParam layer = {};
     uint32_t result;

@@ -35,7 +35,12 @@ const RequestRow kRequestRows[] = {
     {"no outputs", [](ForwardParam& p) { p.outputNum = 0; }, "Output error!\n\n"},
     {"null outputs", [](ForwardParam& p) { p.outputs = nullptr; }, "Output error!\n\n"},
     {"null scratch", [](ForwardParam& p) { p.opkitBuf = nullptr; }, "Null ptr!\n\n"},
-    {"null scratch of size 0", [](ForwardParam& p) { p.opkitBuf = nullptr; p.opkitBufSize = 0; }, nullptr},
+    {"null scratch of size 0",
+     [](ForwardParam& p) {
+         p.opkitBuf = nullptr;
+         p.opkitBufSize = 0;
+     },
+     nullptr},
     {"offsets of 16 bytes", [](ForwardParam& p) { p.attrSize = 16; }, "Null ptr!\n\n"},
     {"null offsets", [](ForwardParam& p) { p.attr = nullptr; }, "Null ptr!\n\n"},
     {"no model", [](ForwardParam& p) { p.modelSize = 0; }, "Null ptr!\n\n"},
@@ -44,16 +49,36 @@ const RequestRow kRequestRows[] = {
     {"batch 257", [](ForwardParam& p) { p.inputs[0].batch = 257; }, "Batch num should less than 256!\n\n"},
     {"largest model", [](ForwardParam& p) { p.modelSize = 0x40000000; }, nullptr},
     {"model too large", [](ForwardParam& p) { p.modelSize = 0x40000001; }, "Check buffer size failed.\n\n"},
-    {"table behind the model", [](ForwardParam& p) { OffsetsOf(p) = {p.modelSize + 1, 0}; },
+    {"table behind the model",
+     [](ForwardParam& p) {
+         OffsetsOf(p) = {p.modelSize + 1, 0};
+     },
      "Check buffer size failed.\n\n"},
-    {"no room for the count", [](ForwardParam& p) { OffsetsOf(p) = {p.modelSize - 3, 0}; },
+    {"no room for the count",
+     [](ForwardParam& p) {
+         OffsetsOf(p) = {p.modelSize - 3, 0};
+     },
      "Check buffer size failed.\n\n"},
-    {"just room for the count", [](ForwardParam& p) { OffsetsOf(p) = {p.modelSize - 4, 0}; }, nullptr},
-    {"table longer than the model", [](ForwardParam& p) { OffsetsOf(p) = {0, p.modelSize + 1}; },
+    {"just room for the count",
+     [](ForwardParam& p) {
+         OffsetsOf(p) = {p.modelSize - 4, 0};
+     },
+     nullptr},
+    {"table longer than the model",
+     [](ForwardParam& p) {
+         OffsetsOf(p) = {0, p.modelSize + 1};
+     },
      "Check buffer size failed.\n\n"},
-    {"table past the model's end", [](ForwardParam& p) { OffsetsOf(p) = {8, p.modelSize - 7}; },
+    {"table past the model's end",
+     [](ForwardParam& p) {
+         OffsetsOf(p) = {8, p.modelSize - 7};
+     },
      "Check buffer size failed.\n\n"},
-    {"table to the model's end", [](ForwardParam& p) { OffsetsOf(p) = {8, p.modelSize - 8}; }, nullptr},
+    {"table to the model's end",
+     [](ForwardParam& p) {
+         OffsetsOf(p) = {8, p.modelSize - 8};
+     },
+     nullptr},
 };
 
 TEST(RequestCheck, EveryRefusalInItsOrder)
@@ -98,7 +123,12 @@ constexpr const char* kSizeMessage = "Check buffer size failed.\n\n";
 
 const LayerRow kLayerRows[] = {
     {"unchanged", [](LayerRecord&, uint32_t) {}, nullptr},
-    {"name behind the table", [](LayerRecord& r, uint32_t n) { r.nameOffset = n + 1; r.nameSize = 0; }, kSizeMessage},
+    {"name behind the table",
+     [](LayerRecord& r, uint32_t n) {
+         r.nameOffset = n + 1;
+         r.nameSize = 0;
+     },
+     kSizeMessage},
     {"name too long", [](LayerRecord& r, uint32_t n) { r.nameSize = n + 1; }, kSizeMessage},
     {"name past the end", [](LayerRecord& r, uint32_t n) { r.nameSize = n - r.nameOffset + 1; }, kSizeMessage},
     {"name to the end", [](LayerRecord& r, uint32_t n) { r.nameSize = n - r.nameOffset; }, nullptr},
@@ -108,10 +138,29 @@ const LayerRow kLayerRows[] = {
     {"31 outputs", [](LayerRecord& r, uint32_t) { r.outputNum = 31; }, "Output num 31 larger than 30!\n"},
     {"outputs behind the table", [](LayerRecord& r, uint32_t n) { r.outputTableOffset = n + 1; }, kSizeMessage},
     {"outputs past the end", [](LayerRecord& r, uint32_t n) { r.outputTableOffset = n - 23; }, kSizeMessage},
-    {"work space behind the scratch", [](LayerRecord& r, uint32_t) { r.bufOffset = 65; r.bufSize = 0; }, kSizeMessage},
-    {"work space too large", [](LayerRecord& r, uint32_t) { r.bufOffset = 0; r.bufSize = 65; }, kSizeMessage},
-    {"work space past the end", [](LayerRecord& r, uint32_t) { r.bufOffset = 1; r.bufSize = 64; }, kSizeMessage},
-    {"attributes behind the table", [](LayerRecord& r, uint32_t n) { r.attrOffset = n + 1; r.attrSize = 0; },
+    {"work space behind the scratch",
+     [](LayerRecord& r, uint32_t) {
+         r.bufOffset = 65;
+         r.bufSize = 0;
+     },
+     kSizeMessage},
+    {"work space too large",
+     [](LayerRecord& r, uint32_t) {
+         r.bufOffset = 0;
+         r.bufSize = 65;
+     },
+     kSizeMessage},
+    {"work space past the end",
+     [](LayerRecord& r, uint32_t) {
+         r.bufOffset = 1;
+         r.bufSize = 64;
+     },
+     kSizeMessage},
+    {"attributes behind the table",
+     [](LayerRecord& r, uint32_t n) {
+         r.attrOffset = n + 1;
+         r.attrSize = 0;
+     },
      kSizeMessage},
     {"attributes too long", [](LayerRecord& r, uint32_t n) { r.attrSize = n + 1; }, kSizeMessage},
     {"attributes past the end", [](LayerRecord& r, uint32_t n) { r.attrSize = n - r.attrOffset + 1; }, kSizeMessage},

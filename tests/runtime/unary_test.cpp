@@ -206,11 +206,13 @@ TEST(Unary, LoopWrapperTakesAnyResolverAndElement)
     World world(layer);
     EXPECT_EQ(world.RunDirect([](LayerParam* param) {
         return SingleInOutCalcfuncWithLoopWrapper([](float x) { return x * 10; }, ParseInputInfo, param);
-    }), 0u);
+    }),
+              0u);
     EXPECT_THAT(world.Output(), ElementsAre(10, 20, 30, 40, 50, 60));
     EXPECT_EQ(world.RunDirect([](LayerParam* param) {
         return SingleInOutCalcfuncWithLoopWrapper(SignCalcFunc, RefusingResolver, param);
-    }), OPKIT_FAILURE);
+    }),
+              OPKIT_FAILURE);
     EXPECT_EQ(g_resolverCalls, 1u);
 }
 
