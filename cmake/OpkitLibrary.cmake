@@ -56,8 +56,8 @@ foreach(level IN ITEMS baseline avx2 avx512)
   opkit_object_library(opkit_kernels_${level} ${opkit_kernels})
   target_compile_definitions(opkit_kernels_${level} PRIVATE OPKIT_LEVEL=${level} OPKIT_LEVEL_${level}=1)
   # The compiler's own intrinsics header trips -Wmaybe-uninitialized.
-  target_compile_options(opkit_kernels_${level} PRIVATE ${opkit_level_${level}} -Wno-maybe-uninitialized
-                                                        -Wno-uninitialized)
+  target_compile_options(opkit_kernels_${level} PRIVATE ${opkit_level_${level}}
+                         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized> -Wno-uninitialized)
 endforeach()
 
 set(opkit_object_files $<TARGET_OBJECTS:opkit_core> $<TARGET_OBJECTS:opkit_kernels_baseline>

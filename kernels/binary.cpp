@@ -69,12 +69,12 @@ float LessEqual(float a, float b)
 // Truth values are combined without short circuits, which would be branches.
 float And(float a, float b)
 {
-    return Choose(NearZero(a) | NearZero(b), 0.0f, 1.0f);
+    return Choose((int{NearZero(a)} | int{NearZero(b)}) != 0, 0.0f, 1.0f);
 }
 
 float Or(float a, float b)
 {
-    return Choose(NearZero(a) & NearZero(b), 0.0f, 1.0f);
+    return Choose((int{NearZero(a)} & int{NearZero(b)}) != 0, 0.0f, 1.0f);
 }
 
 float Xor(float a, float b)

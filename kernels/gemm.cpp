@@ -78,23 +78,16 @@ constexpr TileFunction kTiles[kTileRows + 1] = {
     Tile<4, kVectors>, Tile<5, kVectors>, Tile<6, kVectors>,
 };
 
+// The kernel of so many rows and vectors, both at least 1.
+template <size_t kVectors = kTileVectors>
 TileFunction TileFor(size_t rows, size_t vectors)
 {
-    switch (vectors) {
-        case 1:
-            return kTiles<1>[rows];
-        case 2:
-            return kTiles<2>[rows];
-#if defined(OPKIT_LEVEL_avx512)
-        case 3:
-            return kTiles<3>[rows];
-        default:
-            return kTiles<4>[rows];
-#else
-        default:
-            return kTiles<2>[rows];
-#endif
+    if constexpr (kVectors > 1) {
+        if (vectors < kVectors) {
+            return TileFor<kVectors - 1>(rows, vectors);
+        }
     }
+    return kTiles<kVectors>[rows];
 }
 
 // The product seen from the tiles: `rows` broadcast, `columns` across the lanes.

@@ -18,6 +18,7 @@ constexpr size_t kLanes = 4;
 #endif
 
 typedef float Vec __attribute__((vector_size(kLanes * sizeof(float)), aligned(sizeof(float)), may_alias));
+
 typedef int32_t VecIndex __attribute__((vector_size(kLanes * sizeof(int32_t))));
 
 inline Vec Load(const float* from)
@@ -47,24 +48,41 @@ inline Vec Broadcast(const float* from)
 #endif
 }
 
+// 0 to kLanes - 1, as a pack of constants.
+template <int... kIndex>
+struct LaneNumbers {
+};
+
+template <int kCount, int... kIndex>
+struct CountLanes : CountLanes<kCount - 1, kCount - 1, kIndex...> {
+};
+
+template <int... kIndex>
+struct CountLanes<0, kIndex...> {
+    using Numbers = LaneNumbers<kIndex...>;
+};
+
+// Exchanges the upper right block of two groups of rows with the lower left one; blocks are kBlock wide.
+template <int kBlock, int... kLane>
+inline void ExchangeBlocks(Vec& upper, Vec& lower, LaneNumbers<kLane...>)
+{
+    constexpr int kSecond = static_cast<int>(kLanes);
+    const Vec first =
+        __builtin_shufflevector(upper, lower, ((kLane & kBlock) == 0 ? kLane : kSecond + kLane - kBlock)...);
+    const Vec second =
+        __builtin_shufflevector(upper, lower, ((kLane & kBlock) == 0 ? kLane + kBlock : kSecond + kLane)...);
+    upper = first;
+    lower = second;
+}
+
 // Transposes the square held in rows: each step exchanges the off-diagonal blocks of half the size.
-template <size_t kBlock = kLanes / 2>
+template <int kBlock = static_cast<int>(kLanes) / 2>
 inline void TransposeSquare(Vec (&rows)[kLanes])
 {
-    VecIndex first;
-    VecIndex second;
-    for (size_t lane = 0; lane < kLanes; ++lane) {
-        const bool low = (lane & kBlock) == 0;
-        first[lane] = static_cast<int32_t>(low ? lane : kLanes + lane - kBlock);
-        second[lane] = static_cast<int32_t>(low ? lane + kBlock : kLanes + lane);
-    }
 #pragma GCC unroll 16
     for (size_t i = 0; i < kLanes; ++i) {
         if ((i & kBlock) == 0) {
-            const Vec upper = rows[i];
-            const Vec lower = rows[i + kBlock];
-            rows[i] = __builtin_shuffle(upper, lower, first);
-            rows[i + kBlock] = __builtin_shuffle(upper, lower, second);
+            ExchangeBlocks<kBlock>(rows[i], rows[i + kBlock], CountLanes<kLanes>::Numbers());
         }
     }
     if constexpr (kBlock > 1) {

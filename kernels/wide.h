@@ -59,22 +59,28 @@ inline Wide Reciprocal(Wide x)
 #endif
 }
 
-// 2^(i / kWide), rounded to f64.
-inline Wide PowersOfTwo()
+// 2^(i / kWide) for every lane's i, rounded to f64.
+inline Wide FractionalPower(WideBits i)
 {
-    constexpr double kEighths[] = {1.0,
-                                   0x1.172b83c7d517bp+0,
-                                   0x1.306fe0a31b715p+0,
-                                   0x1.4bfdad5362a27p+0,
-                                   0x1.6a09e667f3bcdp+0,
-                                   0x1.8ace5422aa0dbp+0,
-                                   0x1.ae89f995ad3adp+0,
-                                   0x1.d5818dcfba487p+0};
-    Wide powers = {};
-    for (size_t i = 0; i < kWide; ++i) {
-        powers[i] = kEighths[i * (8 / kWide)];
+    alignas(64) static constexpr double kEighths[] = {
+        1.0,
+        0x1.172b83c7d517bp+0,
+        0x1.306fe0a31b715p+0,
+        0x1.4bfdad5362a27p+0,
+        0x1.6a09e667f3bcdp+0,
+        0x1.8ace5422aa0dbp+0,
+        0x1.ae89f995ad3adp+0,
+        0x1.d5818dcfba487p+0,
+    };
+#if defined(OPKIT_LEVEL_avx512)
+    return (Wide)_mm512_permutexvar_pd((__m512i)i, _mm512_load_pd(kEighths));
+#else
+    Wide powers;
+    for (size_t lane = 0; lane < kWide; ++lane) {
+        powers[lane] = kEighths[static_cast<size_t>(i[lane]) * (8 / kWide)];
     }
     return powers;
+#endif
 }
 
 // Relative error of Exp (for |x| <= 128) and Log, with room.
@@ -98,7 +104,7 @@ inline Wide Exp(Wide x)
     }
     const WideBits steps = (WideBits)shifted - (WideBits)Splat(kRounder);
     const WideBits fraction = steps & static_cast<int64_t>(kWide - 1);
-    const Wide base = __builtin_shuffle(PowersOfTwo(), fraction);
+    const Wide base = FractionalPower(fraction);
     const Wide scaled = base + base * (series * r);
     constexpr int kFractionBits = kWide == 8 ? 3 : kWide == 4 ? 2 : 1;
     return (Wide)((WideBits)scaled + ((steps - fraction) << (52 - kFractionBits)));

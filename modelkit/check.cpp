@@ -208,6 +208,7 @@ CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const Model
                         const CheckRequest& request)
 {
     CheckReport report;
+    report.batch = request.batch;
     ModelView model = {buffer, request, {}, &report};
     try {
         CheckWholeRequest(model);
@@ -229,12 +230,21 @@ CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const Model
 
 CheckReport CheckModel(const Model& model, uint32_t batch)
 {
-    CheckRequest request;
-    request.batch = batch != 0 ? batch : model.maxBatch;
-    request.scratchSize = model.scratchSize;
-    request.inputs = TensorsOf(model.inputs, request.batch);
-    request.outputs = TensorsOf(model.outputs, request.batch);
-    return CheckBuffer(model.bytes.Span(), model.tables, request);
+    if (batch != 0) {
+        const CheckRequest request = {TensorsOf(model.inputs, batch), TensorsOf(model.outputs, batch),
+                                      model.scratchSize, batch};
+        return CheckBuffer(model.bytes.Span(), model.tables, request);
+    }
+    uint64_t largest = 1;
+    for (const std::vector<TensorSpec>* specs : {&model.inputs, &model.outputs}) {
+        for (const TensorSpec& spec : *specs) {
+            largest = std::max(largest, BytesOf(spec));
+        }
+    }
+    const uint64_t most = std::clamp<uint64_t>(UINT32_MAX / largest, 1, OPKIT_MAX_BATCH);
+    const uint32_t planned = std::max(model.maxBatch, 1U);
+    CheckReport report = CheckModel(model, std::max(static_cast<uint32_t>(most), planned));
+    return report.Accepted() ? report : CheckModel(model, planned);
 }
 
 }  // namespace opkit::modelkit

@@ -66,6 +66,7 @@ struct CheckCondition {
 };
 
 struct CheckReport {
+    uint32_t batch = 0;                  // the batch items of the request
     std::vector<CheckRefusal> refusals;  // at most one per layer
     std::vector<CheckCondition> conditions;
 
@@ -73,11 +74,11 @@ struct CheckReport {
     bool Unconditional() const { return refusals.empty() && conditions.empty(); }
 };
 
-// A request as the model describes it, for `batch` items; 0 stands for the most that its scratch is planned for.
+// A request as the model describes it, for `batch` items; 0 stands for 256, as far as tensors stay below 4 GiB, or, where
+// that is refused, for what the model's scratch is planned for.
 CheckReport CheckModel(const Model& model, uint32_t batch = 0);
 
-// Any bytes. Safe whatever they hold; of a table, id, offset, size and successor count. Where no layer jumps, tables may
-// bear any ids.
+// Any bytes, safe whatever they hold. Of a table its name does not count.
 CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const ModelTable> tables,
                         const CheckRequest& request);
 

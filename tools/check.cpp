@@ -34,9 +34,9 @@ int Check(const Options& options)
     for (const CheckCondition& condition : report.conditions) {
         fmt::print("{}  {}\n", options.strict ? "refused  " : "condition", condition.Text());
     }
-    const uint32_t batch = options.batch != 0 ? options.batch : model.maxBatch;
-    const std::string scope = fmt::format("{} for {}", ModelPathsOf(options.model).manifest.string(),
-                                          batch == 1 ? "1 batch item" : fmt::format("1 to {} batch items", batch));
+    const std::string items =
+        report.batch == 1 ? "1 batch item" : fmt::format("1 to {} batch items", report.batch);
+    const std::string scope = fmt::format("{} for {}", ModelPathsOf(options.model).manifest.string(), items);
     const size_t refusals = report.refusals.size() + (options.strict ? report.conditions.size() : 0);
     if (refusals != 0) {
         fmt::print("{}: refused, {}\n", scope, Counted(refusals, "finding"));
@@ -56,7 +56,7 @@ Action SetUpCheck(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
     app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
-    app.add_option("--batch", options->batch, "batch items of the largest request; by default what the model is planned for")
+    app.add_option("--batch", options->batch, "batch items of the largest request; by default what the model takes")
         ->check(CLI::Range(1, static_cast<int>(OPKIT_MAX_BATCH)));
     app.add_flag("--strict", options->strict, "conditions that depend on data count as refusals");
     app.footer("Example:\n  opkit check digits --strict");

@@ -156,7 +156,9 @@ NpyArray LoadNpy(const fs::path& file)
                        modelkit::ShapeText(array.shape) + " takes " + std::to_string(count * sizeof(float)));
     }
     array.values.resize(count);
-    std::memcpy(array.values.data(), content.data() + end, count * sizeof(float));
+    if (count != 0) {
+        std::memcpy(array.values.data(), content.data() + end, count * sizeof(float));
+    }
     return array;
 }
 

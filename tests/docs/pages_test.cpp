@@ -55,6 +55,11 @@ TEST(Pages, LinksLeadSomewhere)
             pages.push_back(entry.path());
         }
     }
+    for (const fs::directory_entry& entry : fs::directory_iterator(kRoot / "examples")) {
+        if (fs::exists(entry.path() / "README.md")) {
+            pages.push_back(entry.path() / "README.md");
+        }
+    }
     size_t count = 0;
     for (const fs::path& page : pages) {
         const std::string text = ReadText(page);

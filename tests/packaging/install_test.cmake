@@ -1,5 +1,5 @@
 # Installs into a scratch prefix, moves it away, and builds and runs consumers against it: by find_package and by
-# pkg-config. Arguments: BUILD_DIR, SOURCE_DIR, GENERATOR, C_COMPILER, CXX_COMPILER.
+# pkg-config. Arguments: BUILD_DIR, SOURCE_DIR, GENERATOR, C_COMPILER, CXX_COMPILER, WITH_TOOL.
 
 include(${CMAKE_CURRENT_LIST_DIR}/packaging.cmake)
 set(scratch ${BUILD_DIR}/tests/packaging/install)
@@ -8,7 +8,7 @@ run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${scratch}/first)
 file(RENAME ${scratch}/first ${scratch}/prefix)
 set(prefix ${scratch}/prefix)
 
-file(GLOB lib_dir ${prefix}/lib*/opkit.pc ${prefix}/lib*/pkgconfig ${prefix}/lib/*/pkgconfig)
+file(GLOB lib_dir ${prefix}/lib*/pkgconfig ${prefix}/lib/*/pkgconfig)
 get_filename_component(lib_dir "${lib_dir}" DIRECTORY)
 foreach(file IN ITEMS include/opkit/opkit.h include/opkit/attributes/matrix.h include/modelkit/request.h)
   expect_file(${prefix}/${file})

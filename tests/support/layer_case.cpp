@@ -603,4 +603,24 @@ std::string World::Difference(const World& actual, const World& expected, NanPol
     return {};
 }
 
+uint64_t World::Hash(NanPolicy policy) const
+{
+    uint64_t hash = param_.segId;
+    const uint32_t tables = model_->tables[0].layerTableOffset;
+    for (size_t r = 0; r < regions_.size(); ++r) {
+        const auto words = regions_[r].block.Words();
+        for (size_t i = 0; i < words.size(); ++i) {
+            const size_t byte = i * 4;
+            if (r == kScratchRegion && byte >= workspaceBegin_ && byte < workspaceEnd_) {
+                continue;
+            }
+            const bool isFloat = r != kModelRegion || byte < tables;
+            const bool anyNan = policy == NanPolicy::kAnyNan && isFloat && IsNan(words[i]) && (words[i] & kQuietBit) != 0;
+            hash = (hash ^ (anyNan ? 0x7fc00000 : words[i])) * 0x9e3779b97f4a7c15ULL;
+            hash ^= hash >> 29;
+        }
+    }
+    return hash;
+}
+
 }  // namespace opkit::test

@@ -140,6 +140,8 @@ public:
     // Empty when all memory is the same, words compared bit by bit under the policy; otherwise a text that names the
     // first difference. Work spaces do not count.
     static std::string Difference(const World& actual, const World& expected, NanPolicy policy);
+    // A number that all worlds without a Difference share.
+    uint64_t Hash(NanPolicy policy) const;
 
 private:
     struct Region {

@@ -55,6 +55,11 @@ struct TwinOptions {
 void ExpectSameAsReference(const LayerCase& layer, ForwardFunc actual, ForwardFunc reference,
                            const TwinOptions& options = {});
 
+// For programs that put the tests' cases to another use: instead of a comparison with the reference, `visitor` gets every
+// case from now on. Null ends it.
+using CaseVisitor = void (*)(const LayerCase& layer, ForwardFunc function, const TwinOptions& options);
+void VisitCases(CaseVisitor visitor);
+
 // What one direct run did, for tests of single messages and results.
 struct RunResult {
     uint32_t result = 0;
