@@ -31,7 +31,7 @@ modelkit::Model BuildModel(const std::string& name, const std::vector<Spec>& inp
 }  // namespace
 
 OneLayer::OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs,
-                   uint32_t workspace, std::span<const std::byte> attr)
+                   AttrBytes attr, uint32_t workspace)
     : name_(name), request_(BuildModel(name, inputs, outputs, workspace, attr))
 {
 }

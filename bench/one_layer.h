@@ -26,13 +26,14 @@ public:
     template <class Attr>
     OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs,
              const Attr& attr, uint32_t workspace = 0)
-        : OneLayer(name, inputs, outputs, workspace,
-                   {reinterpret_cast<const std::byte*>(&attr) + sizeof(LayerAttrHead),
-                    sizeof(Attr) - sizeof(LayerAttrHead)})
+        : OneLayer(name, inputs, outputs,
+                   AttrBytes(reinterpret_cast<const std::byte*>(&attr) + sizeof(LayerAttrHead),
+                             sizeof(Attr) - sizeof(LayerAttrHead)),
+                   workspace)
     {
     }
     OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs)
-        : OneLayer(name, inputs, outputs, 0, {})
+        : OneLayer(name, inputs, outputs, AttrBytes(), 0)
     {
     }
 
@@ -42,8 +43,10 @@ public:
     void Run();
 
 private:
-    OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs,
-             uint32_t workspace, std::span<const std::byte> attr);
+    using AttrBytes = std::span<const std::byte>;
+
+    OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs, AttrBytes attr,
+             uint32_t workspace);
 
     std::string name_;
     modelkit::Request request_;

@@ -181,15 +181,18 @@ void DetectionChain(const Chain& chain, float* out, uint32_t* counts)
     const uint32_t n = chain.n;
     const float limit = static_cast<float>(chain.imageSize - 1);
     std::vector<Box> boxes(n);
+    std::vector<Box> decoded(n);  // of the latest class that has deltas
     std::memset(out, 0, size_t{5} * n * chain.classes * sizeof(float));
     for (uint32_t c = 0; c < chain.classes; ++c) {
-        const uint32_t decoded = c < 2 ? c : 1;
-        for (uint32_t i = 0; i < n; ++i) {
-            const float* const delta = chain.deltas + size_t{8} * i + size_t{4} * decoded;
-            Box& box = boxes[i];
+        for (uint32_t i = 0; i < n && c < 2; ++i) {
+            const float* const delta = chain.deltas + size_t{8} * i + size_t{4} * c;
+            Box& box = decoded[i];
             Decode(chain.proposals[i], chain.proposals[2 * n + i], delta[0], delta[2], limit, &box.x1, &box.x2);
             Decode(chain.proposals[n + i], chain.proposals[3 * n + i], delta[1], delta[3], limit, &box.y1, &box.y2);
-            box.score = chain.scores[size_t{i} * chain.classes + c];
+        }
+        for (uint32_t i = 0; i < n; ++i) {
+            boxes[i] = decoded[i];
+            boxes[i].score = chain.scores[size_t{i} * chain.classes + c];
         }
         uint32_t count = 0;
         for (uint32_t i = 0; i < n; ++i) {

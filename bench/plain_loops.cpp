@@ -363,11 +363,13 @@ void ScatterNd(const float* data, const float* indices, const float* updates, fl
     std::memcpy(y, data, rows * columns * sizeof(float));
     for (size_t t = 0; t < tuples; ++t) {
         const float r = indices[2 * t] < 0.0f ? indices[2 * t] + static_cast<float>(rows) : indices[2 * t];
-        const float c = indices[2 * t + 1] < 0.0f ? indices[2 * t + 1] + static_cast<float>(columns) : indices[2 * t + 1];
+        const float c =
+            indices[2 * t + 1] < 0.0f ? indices[2 * t + 1] + static_cast<float>(columns) : indices[2 * t + 1];
         if (r < 0.0f || c < 0.0f || r >= static_cast<float>(rows) || c >= static_cast<float>(columns)) {
             return;
         }
-        y[static_cast<size_t>(static_cast<int32_t>(r)) * columns + static_cast<size_t>(static_cast<int32_t>(c))] = updates[t];
+        y[static_cast<size_t>(static_cast<int32_t>(r)) * columns + static_cast<size_t>(static_cast<int32_t>(c))] =
+            updates[t];
     }
 }
 

@@ -48,7 +48,7 @@ void NonZero(const float* x, float* y, size_t rows, size_t columns, size_t outCo
 void ScatterNd(const float* data, const float* indices, const float* updates, float* y, size_t rows, size_t columns,
                size_t tuples);
 
-void TransposeBlocks(const float* in, float* out, size_t rows, size_t columns);  // in 16 x 16 blocks
+void TransposeBlocks(const float* in, float* out, size_t rows, size_t columns);                // in 16 x 16 blocks
 void DepthToSpace(const float* in, float* out, size_t channels, size_t height, size_t width);  // blocks of 2
 
 // Lanes sorted by the C library, then the first k entries.

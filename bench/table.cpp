@@ -104,7 +104,8 @@ RowResult Measure(const RowMaker& maker, const Effort& effort)
 std::vector<RowMaker> AllRows()
 {
     std::vector<RowMaker> rows;
-    for (auto* group : {MatrixRows, ElementwiseRows, PoolingRows, SelectionRows, MovementRows, DetectionRows, DriverRows}) {
+    for (auto* group :
+         {MatrixRows, ElementwiseRows, PoolingRows, SelectionRows, MovementRows, DetectionRows, DriverRows}) {
         std::vector<RowMaker> more = group();
         std::move(more.begin(), more.end(), std::back_inserter(rows));
     }

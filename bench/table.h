@@ -21,13 +21,13 @@ struct Peer {
     std::string name;
     Work run;  // empty: not installed, the row says so
     Ratio ratio = Ratio::kSpeed;
-    double target = 0;    // 0: shown without a verdict
-    bool once = false;    // too slow for more than one call
+    double target = 0;  // 0: shown without a verdict
+    bool once = false;  // too slow for more than one call
 };
 
 struct Row {
     std::string name;
-    double work = 0;   // per call: floating-point operations or bytes moved
+    double work = 0;        // per call: floating-point operations or bytes moved
     const char* unit = "";  // what work / time is shown in: "GFLOP/s", "GB/s", or ""
     Work ours;
     std::vector<Peer> peers;

@@ -73,8 +73,9 @@ file(WRITE ${PROJECT_BINARY_DIR}/deb/triggers "activate-noawait ldconfig\n")
 
 # What the binaries need is read from the binaries, where the machine can do that.
 find_program(OPKIT_SHLIBDEPS dpkg-shlibdeps)
-mark_as_advanced(OPKIT_SHLIBDEPS)
-if(OPKIT_SHLIBDEPS)
+find_program(OPKIT_FILE file)
+mark_as_advanced(OPKIT_SHLIBDEPS OPKIT_FILE)
+if(OPKIT_SHLIBDEPS AND OPKIT_FILE)
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})

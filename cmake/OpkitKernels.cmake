@@ -7,4 +7,5 @@ list(APPEND opkit_kernels
     kernels/quantized.cpp
     kernels/resize.cpp
     kernels/reduction.cpp
+    kernels/selection.cpp
 )

@@ -45,6 +45,9 @@ function(opkit_object_library name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${opkit_library_flags}>
                                          $<$<CONFIG:Release>:-O3>)
+  if(OPKIT_COVERAGE)
+    target_compile_options(${name} PRIVATE --coverage -fprofile-update=atomic -O0 -g1)
+  endif()
 endfunction()
 
 opkit_object_library(opkit_core ${opkit_sources})

@@ -2,6 +2,7 @@
 
 set(OPKIT_SANITIZE "" CACHE STRING "Sanitizers to build with, such as address,undefined or thread")
 option(OPKIT_COVERAGE "Instrument for gcov" OFF)
+option(OPKIT_BUILD_FUZZ "Build the fuzz targets, with clang" OFF)
 option(OPKIT_WERROR "Treat warnings as errors" OFF)
 
 # A part is on when opkit is the top-level project and its dependencies are found.
@@ -48,6 +49,5 @@ if(OPKIT_SANITIZE)
   add_link_options(-fsanitize=${OPKIT_SANITIZE})
 endif()
 if(OPKIT_COVERAGE)
-  add_compile_options(--coverage -fprofile-update=atomic -O0 -g1)
-  add_link_options(--coverage)
+  add_link_options(--coverage)  # the library's objects are instrumented, see OpkitLibrary
 endif()

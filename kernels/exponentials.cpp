@@ -1,7 +1,10 @@
-// Sigmoid and Softplus over vectors of doubles.
+// Formulas over exp and log on vectors of doubles. How each stays exact stands with it; kernels/wide.h has the method.
 
 #include "kernels/exponentials.h"
 
+#include <float.h>
+
+#include "kernels/exponential_elements.h"
 #include "kernels/wide.h"
 #include "opkit/helpers/frame.h"
 
@@ -40,8 +43,262 @@ void Softplus(const float* in, float* out, size_t count)
         SoftplusCalcFunc);
 }
 
+// Both ends of an exponential, and the lanes for which they do not hold: beyond `kLimit` and NaN.
+struct ExpEnds {
+    static constexpr float kLimit = 120.0f;
+
+    Wide low;
+    Wide high;
+    WideBits outside;
+
+    explicit ExpEnds(Narrow x)
+    {
+        const Wide exponential = Exp(Widen(Clamp(x, kLimit)));
+        const Wide margin = exponential * kWideError;
+        low = exponential - margin;
+        high = exponential + margin;
+        outside = Lanes((x > kLimit) | (x < -kLimit) | (x != x));
+    }
+};
+
+// x + 0 from 0 on; below, both ends of the exponential go through the formula. Each of its steps is monotonic, so the
+// formula's own value lies between the results, and clipping at 0 keeps that. Below -kLimit the growth is -1 at both
+// ends, as it is for every exponential below 2^-54.
+void Celu(const float* in, float* out, size_t count, float alpha)
+{
+    MapCertain(
+        in, out, count,
+        [alpha](Narrow x) {
+            const Narrow quotient = x / alpha;
+            const ExpEnds ends(quotient);
+            const Result term = RoundBetween((ends.low - 1.0) * static_cast<double>(alpha),
+                                             (ends.high - 1.0) * static_cast<double>(alpha));
+            const Narrow below = term.value < 0.0f ? term.value : Narrow{};
+            const NarrowBits upper = x >= 0.0f;
+            const WideBits outside = ends.outside & Lanes((NarrowBits)(quotient > 0.0f) | (quotient != quotient));
+            return Result{upper ? x + 0.0f : below, (term.doubtful | outside) & ~Lanes(upper)};
+        },
+        [alpha](float x) { return CeluElement(x, alpha); });
+}
+
+// The lower side is monotonic in the exponential, too.
+void Selu(const float* in, float* out, size_t count, float alpha, float gamma)
+{
+    MapCertain(
+        in, out, count,
+        [alpha, gamma](Narrow x) {
+            const ExpEnds ends(x - alpha);
+            const Result below = RoundBetween(ends.low * static_cast<double>(alpha) * static_cast<double>(gamma),
+                                              ends.high * static_cast<double>(alpha) * static_cast<double>(gamma));
+            const NarrowBits lower = x <= 0.0f;
+            return Result{lower ? below.value : x * gamma, (below.doubtful | ends.outside) & Lanes(lower)};
+        },
+        [alpha, gamma](float x) { return SeluElement(x, alpha, gamma); });
+}
+
+// (e^a - e^-a) / 2 for a = |x| from 1 on, where the difference costs less than one bit; below, the series, cut below
+// 2^-48. What is below the normal floats comes out as it went in, and exactly so. From kLimit on all are infinite.
+void Sinh(const float* in, float* out, size_t count)
+{
+    MapCertain(
+        in, out, count,
+        [](Narrow x) {
+            const Wide a = Widen(Clamp(x, ExpEnds::kLimit));
+            const WideBits sign = (WideBits)a & INT64_MIN;
+            const Wide magnitude = (Wide)((WideBits)a ^ sign);
+            const Wide exponential = Exp(magnitude);
+            const Wide difference = 0.5 * exponential - 0.5 * Reciprocal(exponential);
+            const Wide square = magnitude * magnitude;
+            constexpr double kOdd[] = {6.0, 120.0, 5040.0, 362880.0, 39916800.0, 6227020800.0};
+            Wide series = Splat(1.0 / 1307674368000.0);
+#pragma GCC unroll 6
+            for (int i = 5; i >= 0; --i) {
+                series = series * square + 1.0 / kOdd[i];
+            }
+            series = magnitude + magnitude * (square * series);
+            const Wide value = magnitude < 1.0 ? series : difference;
+            Result result = RoundCertain((Wide)((WideBits)value | sign));
+            result.doubtful |= Lanes(x != x);
+            return result;
+        },
+        SinhElement);
+}
+
+inline Wide SquareRoot(Wide x)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return (Wide)_mm512_sqrt_pd((__m512d)x);
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Wide)_mm256_sqrt_pd((__m256d)x);
+#else
+    return (Wide)_mm_sqrt_pd((__m128d)x);
+#endif
+}
+
+// ln(x + sqrt(x^2 - 1)). The square of a float is exact; what the other steps round moves the argument of the logarithm
+// by less than 2^-51 of it, and the logarithm by as much.
+void Acosh(const float* in, float* out, size_t count)
+{
+    MapCertain(
+        in, out, count,
+        [](Narrow x) {
+            const Wide wide = Widen(x);
+            const Wide log = Log(wide + SquareRoot(wide * wide - 1.0));
+            const Wide margin = log * (2 * kWideError) + 0x1p-50;
+            Result result = RoundBetween(log - margin, log + margin);
+            result.doubtful |= Lanes(~(x > 1.0f) | (x > FLT_MAX));
+            return result;
+        },
+        AcoshElement);
+}
+
+void SumColumnsExactly(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
+{
+    for (size_t r = 0; r < rows; ++r) {
+        for (size_t j = 0; j < count; ++j) {
+            acc[j] = AddExpElement(acc[j], x[r * rowStride + j]);
+        }
+    }
+}
+
+#if defined(OPKIT_LEVEL_baseline)
+
+void SumRowsExactly(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
+{
+    for (size_t r = 0; r < count; ++r) {
+        SumColumnsExactly(acc + r, x + r * rowStride, 1, length, 1);
+    }
+}
+
+constexpr FoldKernels kSum = {SumColumnsExactly, SumRowsExactly};
+
+#else
+
+// The ends of an exponential in a sum. Far below 0 it is less than 2^-150: nothing, or next to nothing.
+struct TermEnds : ExpEnds {
+    explicit TermEnds(Narrow x) : ExpEnds(x)
+    {
+        const WideBits tiny = Lanes(x < -kLimit);
+        low = tiny ? Wide{} : low;
+        outside &= ~tiny;
+    }
+};
+
+// Adds e^x to a lane's accumulator, rounded as the definition has it: the sum is monotonic in the exponential.
+inline void AddExp(Narrow& acc, Narrow x)
+{
+    const TermEnds ends(x);
+    const Wide wide = Widen(acc);
+    Result sum = RoundBetween(ends.low + wide, ends.high + wide);
+    sum.doubtful |= ends.outside;
+    if (__builtin_expect(AnyLane(sum.doubtful), 0)) {
+        for (size_t lane = 0; lane < kWide; ++lane) {
+            sum.value[lane] = sum.doubtful[lane] != 0 ? AddExpElement(acc[lane], x[lane]) : sum.value[lane];
+        }
+    }
+    acc = sum.value;
+    // Keeps the compiler from dropping the rounding to f32 between two steps.
+#if defined(OPKIT_LEVEL_avx512)
+    __asm__("" : "+v"(acc));
+#else
+    __asm__("" : "+x"(acc));
+#endif
+}
+
+void SumColumns(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
+{
+    size_t j = 0;
+    for (; j + kWide <= count; j += kWide) {
+        Narrow sums = *reinterpret_cast<const Narrow*>(acc + j);
+        for (size_t r = 0; r < rows; ++r) {
+            AddExp(sums, *reinterpret_cast<const Narrow*>(x + r * rowStride + j));
+        }
+        *reinterpret_cast<Narrow*>(acc + j) = sums;
+    }
+    SumColumnsExactly(acc + j, x + j, count - j, rows, rowStride);
+}
+
+// One accumulator: exponentials side by side, then sums one by one.
+void SumRow(float* acc, const float* x, size_t length)
+{
+    constexpr size_t kBlock = 8 * kWide;
+    float sum = *acc;
+    size_t j = 0;
+    for (; j + kBlock <= length; j += kBlock) {
+        alignas(64) double low[kBlock];
+        alignas(64) double high[kBlock];
+        WideBits outside = {};
+        for (size_t i = 0; i < kBlock; i += kWide) {
+            const TermEnds ends(*reinterpret_cast<const Narrow*>(x + j + i));
+            *reinterpret_cast<Wide*>(low + i) = ends.low;
+            *reinterpret_cast<Wide*>(high + i) = ends.high;
+            outside |= ends.outside;
+        }
+        const bool certain = !AnyLane(outside);
+        for (size_t i = 0; i < kBlock; ++i) {
+            const float below = RoundToF32(low[i] + static_cast<double>(sum));
+            const float above = RoundToF32(high[i] + static_cast<double>(sum));
+            sum = __builtin_expect(certain && below == above, 1) ? below : AddExpElement(sum, x[j + i]);
+        }
+    }
+    *acc = sum;
+    SumColumnsExactly(acc, x + j, 1, length - j, 1);
+}
+
+// One row per lane; squares of elements are transposed. Lanes without a row of their own repeat the last one.
+void SumRows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
+{
+    for (size_t begin = 0; begin < count; begin += kLanes) {
+        const size_t rows = count - begin < kLanes ? count - begin : kLanes;
+        if (rows == 1) {
+            SumRow(acc + begin, x + begin * rowStride, length);
+            continue;
+        }
+        const float* row[kLanes];
+        float sums[kLanes];
+        for (size_t lane = 0; lane < kLanes; ++lane) {
+            const size_t r = begin + (lane < rows ? lane : rows - 1);
+            row[lane] = x + r * rowStride;
+            sums[lane] = acc[r];
+        }
+        Narrow first = *reinterpret_cast<const Narrow*>(sums);
+        Narrow second = *reinterpret_cast<const Narrow*>(sums + kWide);
+        for (size_t j = 0; j < length; j += kLanes) {
+            const size_t columns = length - j < kLanes ? length - j : kLanes;
+            Vec square[kLanes];
+            if (columns == kLanes) {
+                for (size_t lane = 0; lane < kLanes; ++lane) {
+                    square[lane] = Load(row[lane] + j);
+                }
+                TransposeSquare(square);
+            } else {
+                for (size_t c = 0; c < columns; ++c) {
+                    for (size_t lane = 0; lane < kLanes; ++lane) {
+                        square[c][lane] = row[lane][j + c];
+                    }
+                }
+            }
+            for (size_t c = 0; c < columns; ++c) {
+                float column[kLanes];
+                Store(column, square[c]);
+                AddExp(first, *reinterpret_cast<const Narrow*>(column));
+                AddExp(second, *reinterpret_cast<const Narrow*>(column + kWide));
+            }
+        }
+        *reinterpret_cast<Narrow*>(sums) = first;
+        *reinterpret_cast<Narrow*>(sums + kWide) = second;
+        for (size_t lane = 0; lane < rows; ++lane) {
+            acc[begin + lane] = sums[lane];
+        }
+    }
+}
+
+constexpr FoldKernels kSum = {SumColumns, SumRows};
+
+#endif
+
 }  // namespace
 
-extern const ExponentialKernels exponentialKernels = {Sigmoid, Softplus};
+extern const ExponentialKernels exponentialKernels = {Sigmoid, Softplus, Celu, Selu, Sinh, Acosh, kSum};
 
 }  // namespace opkit::OPKIT_LEVEL

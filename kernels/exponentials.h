@@ -4,12 +4,18 @@
 #define OPKIT_KERNELS_EXPONENTIALS_H
 
 #include "kernels/level.h"
+#include "kernels/reduction.h"
 
 namespace opkit {
 
 struct ExponentialKernels {
     void (*sigmoid)(const float* in, float* out, size_t count);
     void (*softplus)(const float* in, float* out, size_t count);
+    void (*celu)(const float* in, float* out, size_t count, float alpha);
+    void (*selu)(const float* in, float* out, size_t count, float alpha, float gamma);
+    void (*sinh)(const float* in, float* out, size_t count);
+    void (*acosh)(const float* in, float* out, size_t count);
+    FoldKernels sum;  // of exponentials: each is added in f64 and the sum rounds to f32
 };
 OPKIT_KERNEL_TABLE(ExponentialKernels, exponentialKernels, Exponentials)
 

@@ -95,31 +95,52 @@ void PositionBlock(const PoolWindows& windows, const float* in, float* best, flo
     memcpy(positions, places, sizeof(places));
 }
 
-// Calls block32, block8 or block1 (in, done) until all windows are done.
-template <class Block32, class Block8, class Block1>
-inline __attribute__((always_inline)) void ForEachBlock(const PoolWindows& windows, Block32 block32, Block8 block8,
-                                                        Block1 block1)
+// Calls block(in, accumulators, done) with kCount windows until all are done, at least kCount of them. The last call may
+// overlap the one before: it then runs first, on a copy of what its accumulators hold at the beginning.
+template <int kCount, int kArrays, class Block>
+inline __attribute__((always_inline)) void ForEachFullBlock(const PoolWindows& windows, float* const (&arrays)[kArrays],
+                                                            Block block)
 {
-    size_t done = 0;
     const auto in = [&windows](size_t i) { return windows.in + static_cast<ptrdiff_t>(i) * windows.step; };
-    for (; windows.count - done >= 32; done += 32) {
-        block32(in(done), done);
+    const size_t last = windows.count - kCount;
+    float copies[kArrays][kCount];
+    float* at[kArrays];
+    const bool overlaps = windows.count % kCount != 0;
+    if (overlaps) {
+        for (int k = 0; k < kArrays; ++k) {
+            memcpy(copies[k], arrays[k] + last, sizeof(copies[k]));
+            at[k] = copies[k];
+        }
+        block(in(last), at, last);
     }
-    for (; windows.count - done >= 8; done += 8) {
-        block8(in(done), done);
+    for (size_t done = 0; windows.count - done >= kCount; done += kCount) {
+        for (int k = 0; k < kArrays; ++k) {
+            at[k] = arrays[k] + done;
+        }
+        block(in(done), at, done);
     }
-    for (; done < windows.count; ++done) {
-        block1(in(done), done);
+    for (int k = 0; overlaps && k < kArrays; ++k) {
+        memcpy(arrays[k] + last, copies[k], sizeof(copies[k]));
     }
 }
 
 template <class Step>
 void Reduce(const PoolWindows& windows, float* accumulators)
 {
-    ForEachBlock(
-        windows, [&](const float* in, size_t i) { BlockOfAnyStep<Step, 32>(windows, in, accumulators + i); },
-        [&](const float* in, size_t i) { BlockOfAnyStep<Step, 8>(windows, in, accumulators + i); },
-        [&](const float* in, size_t i) { Block<Step, 1>(windows, in, 0, accumulators + i); });
+    float* const arrays[] = {accumulators};
+    if (windows.count >= 32) {
+        ForEachFullBlock<32>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
+            BlockOfAnyStep<Step, 32>(windows, in, at[0]);
+        });
+    } else if (windows.count >= 8) {
+        ForEachFullBlock<8>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
+            BlockOfAnyStep<Step, 8>(windows, in, at[0]);
+        });
+    } else {
+        for (size_t i = 0; i < windows.count; ++i) {
+            Block<Step, 1>(windows, windows.in + static_cast<ptrdiff_t>(i) * windows.step, 0, accumulators + i);
+        }
+    }
 }
 
 void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint32_t position, uint32_t width)
@@ -127,11 +148,21 @@ void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint
     const auto place = [&](size_t i) {
         return position + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step);
     };
-    ForEachBlock(
-        windows,
-        [&](const float* in, size_t i) { PositionBlock<32>(windows, in, best + i, positions + i, place(i), width); },
-        [&](const float* in, size_t i) { PositionBlock<8>(windows, in, best + i, positions + i, place(i), width); },
-        [&](const float* in, size_t i) { PositionBlock<1>(windows, in, best + i, positions + i, place(i), width); });
+    float* const arrays[] = {best, positions};
+    if (windows.count >= 32) {
+        ForEachFullBlock<32>(windows, arrays, [&](const float* in, float* const(&at)[2], size_t i) {
+            PositionBlock<32>(windows, in, at[0], at[1], place(i), width);
+        });
+    } else if (windows.count >= 8) {
+        ForEachFullBlock<8>(windows, arrays, [&](const float* in, float* const(&at)[2], size_t i) {
+            PositionBlock<8>(windows, in, at[0], at[1], place(i), width);
+        });
+    } else {
+        for (size_t i = 0; i < windows.count; ++i) {
+            PositionBlock<1>(windows, windows.in + static_cast<ptrdiff_t>(i) * windows.step, best + i, positions + i,
+                             place(i), width);
+        }
+    }
 }
 
 }  // namespace

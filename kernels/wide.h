@@ -159,9 +159,26 @@ inline Result RoundBetween(Wide low, Wide high)
     return {value, __builtin_convertvector((NarrowBits)value != (NarrowBits)Narrowed(high), WideBits)};
 }
 
+inline bool AnyLane(WideBits flags)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return _mm512_test_epi64_mask((__m512i)flags, (__m512i)flags) != 0;
+#elif defined(OPKIT_LEVEL_avx2)
+    return _mm256_testz_si256((__m256i)flags, (__m256i)flags) == 0;
+#else
+    return (flags[0] | flags[1]) != 0;
+#endif
+}
+
+// Lanes in which a float condition holds, as flags of a Result.
+inline WideBits Lanes(NarrowBits condition)
+{
+    return __builtin_convertvector(condition, WideBits);
+}
+
 // Computes `kVectors` vectors from in to out, those lanes that are not certain by exact. in may equal out.
-template <size_t kVectors, class Formula>
-inline void MapBlock(const float* in, float* out, Formula formula, float (*exact)(float))
+template <size_t kVectors, class Formula, class Exact>
+inline void MapBlock(const float* in, float* out, Formula formula, Exact exact)
 {
     Narrow x[kVectors];
     WideBits doubtful[kVectors];
@@ -173,11 +190,7 @@ inline void MapBlock(const float* in, float* out, Formula formula, float (*exact
         any |= result.doubtful;
         *reinterpret_cast<Narrow*>(out + v * kWide) = result.value;
     }
-    int64_t anyLane = 0;
-    for (size_t lane = 0; lane < kWide; ++lane) {
-        anyLane |= any[lane];
-    }
-    if (__builtin_expect(anyLane == 0, 1)) {
+    if (__builtin_expect(!AnyLane(any), 1)) {
         return;
     }
     for (size_t v = 0; v < kVectors; ++v) {
@@ -191,8 +204,8 @@ inline void MapBlock(const float* in, float* out, Formula formula, float (*exact
 
 // out[i] = exact(in[i]): by the vector formula where its float is certain, by exact itself elsewhere. The formula calls
 // NaN doubtful. in may equal out.
-template <class Formula>
-inline void MapCertain(const float* in, float* out, size_t count, Formula formula, float (*exact)(float))
+template <class Formula, class Exact>
+inline void MapCertain(const float* in, float* out, size_t count, Formula formula, Exact exact)
 {
     constexpr size_t kVectors = 8;
     constexpr size_t kBlock = kVectors * kWide;
@@ -214,12 +227,6 @@ inline void MapCertain(const float* in, float* out, size_t count, Formula formul
         MapBlock<1>(rest, rest, formula, exact);
         __builtin_memcpy(out + i, rest, (count - i) * sizeof(float));
     }
-}
-
-// Lanes in which a float condition holds, as flags of a Result.
-inline WideBits Lanes(NarrowBits condition)
-{
-    return __builtin_convertvector(condition, WideBits);
 }
 
 }  // namespace

@@ -74,9 +74,7 @@ uint32_t SingleInOutCalcfuncWithLoopWrapper(ElementFunc element, InputResolver r
 
 void AcoshCalcFunc(float* src, float* dst, void* /*opkitBuf*/, uint32_t count)
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        dst[i] = static_cast<float>(std::acosh(static_cast<double>(src[i])));
-    }
+    Exponentials().acosh(src, dst, count);
 }
 
 float NegCalcFunc(float x)

@@ -2,26 +2,10 @@
 // nothing from the exponential, so the two sides do not meet at 0. The lower side runs in f64; NaN takes the upper.
 // Rows are read where they lie; the output is written compactly and expanded.
 
-#include <cmath>
-
+#include "kernels/exponentials.h"
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"
 #include "ops/elementwise/activation_frame.h"
-
-namespace opkit {
-namespace {
-
-float SeluElement(float x, float alpha, float gamma)
-{
-    if (!(x <= 0.0f)) {
-        return x * gamma;
-    }
-    const double exponential = std::exp(static_cast<double>(x - alpha));
-    return static_cast<float>(exponential * static_cast<double>(alpha) * static_cast<double>(gamma));
-}
-
-}  // namespace
-}  // namespace opkit
 
 using namespace opkit;
 
@@ -36,9 +20,7 @@ uint32_t SeluOpkitForward(LayerParam* param)
     const float alpha = AttrOf<SeluAttr>(param).alpha;
     const float gamma = AttrOf<SeluAttr>(param).gamma;
     ForEachPaddedToCompact(in, out, [=](const float* from, float* to, uint32_t length) {
-        for (uint32_t i = 0; i < length; ++i) {
-            to[i] = SeluElement(from[i], alpha, gamma);
-        }
+        Exponentials().selu(from, to, length, alpha, gamma);
     });
     return ExpandOutputChecked(out);
 }

@@ -1,8 +1,7 @@
 // Sinh: computed in f64. The input is compacted in place, the output written compactly and expanded, all without a
 // check or a message: there must be an input and a last dimension.
 
-#include <cmath>
-
+#include "kernels/exponentials.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
@@ -16,9 +15,7 @@ uint32_t SinhOpkitForward(LayerParam* param)
         CompactRows(in.data, in.count, in.width, in.alignNum);
     }
     const Output out = OutputOf(param, 0);
-    for (uint32_t i = 0; i < in.count; ++i) {
-        out.data[i] = static_cast<float>(std::sinh(static_cast<double>(in.data[i])));
-    }
+    Exponentials().sinh(in.data, out.data, in.count);
     if (out.count != 0) {
         SpreadRows(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum,
                    LastIndex(out.count, out.width, out.alignNum));

@@ -57,6 +57,12 @@ void MaxWithPositions(const PoolWindows& windows, float* best, const Positions& 
 void BringInPadding(float* outRow, bool startsAbove, const PoolColumns& columns, float padValue)
 {
     for (uint32_t ow = 0; ow < columns.count; ++ow) {
+        if (!startsAbove && ow == columns.firstWhole) {
+            ow = columns.endWhole;  // those between start inside
+            if (ow == columns.count) {
+                return;
+            }
+        }
         if ((startsAbove || columns.axis.Start(ow) < 0) && padValue > outRow[ow]) {
             outRow[ow] = padValue;
         }

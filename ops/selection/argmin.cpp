@@ -1,10 +1,13 @@
 // Argmin: the place of the smallest element of every lane along one axis, as a float. Rows are read and written where
 // they lie.
 //
-// The answer is the first entry of the lane's sorted entries. Elements within 1e-6 of each other are equal, but only
-// where the strict test failed; a NaN is equal to nothing and above nothing.
+// The answer is the first entry of the lane's sorted entries, for which the merge need not go beyond one. Elements
+// within 1e-6 of each other are equal, but only where the strict test failed; a NaN is equal to nothing and above
+// nothing. The merge compares an entry with one of a later place, so where the first of equals counts the tolerance
+// never decides: without NaN the answer is the first smallest element.
 
 #include "common/float_compare.h"
+#include "kernels/selection.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
 #include "ops/selection/lanes.h"
@@ -27,13 +30,14 @@ struct SelectLast {
     }
 };
 
-template <class Compare>
-void FirstOfLanes(const Input& in, int32_t axis, const Lanes& lanes, const Output& out, SortEntry* entries,
-                  SortEntry* buffer, Compare compare)
+// firstOf(lane, step, entries) leaves the answer in entries[0].
+template <class FirstOf>
+void WritePlaces(const Input& in, int32_t axis, const Lanes& lanes, const Output& out, SortEntry* entries,
+                 FirstOf firstOf)
 {
     RowCursor place(out.width, out.Pitch());
     ForEachPaddedLane(in, axis, lanes, [&](uint32_t, size_t start, size_t step) {
-        SortLane(in.data + start, step, entries, lanes.length, buffer, compare);
+        firstOf(in.data + start, step, entries);
         out.data[place.Offset()] = static_cast<float>(entries[0].index);
         place.Advance(1);
     });
@@ -70,9 +74,15 @@ uint32_t ArgminOpkitForward(LayerParam* param)
     }
     SortEntry* const entries = static_cast<SortEntry*>(param->opkitBuf);
     if (attr.selectLastIndex != 0) {
-        FirstOfLanes(in, attr.axis, lanes, out, entries, buffer.Data(), SelectLast());
+        WritePlaces(in, attr.axis, lanes, out, entries, [&](const float* lane, size_t step, SortEntry* first) {
+            SortLane(lane, step, first, lanes.length, 1, buffer.Data(), SelectLast());
+        });
     } else {
-        FirstOfLanes(in, attr.axis, lanes, out, entries, buffer.Data(), SelectFirst());
+        WritePlaces(in, attr.axis, lanes, out, entries, [&](const float* lane, size_t step, SortEntry* first) {
+            if (!Selection().smallest(lane, step, lanes.length, first, 1)) {
+                SortLane(lane, step, first, lanes.length, 1, buffer.Data(), SelectFirst());
+            }
+        });
     }
     return kSuccess;
 }

@@ -42,14 +42,15 @@ void ForEachPaddedLane(const Input& in, int32_t axis, const Lanes& lanes, Visit 
     }
 }
 
-// The lane's elements with their places along the axis, sorted in place.
+// The first `keep` entries, at most `length`, of the lane's elements with their places along the axis, sorted.
 template <class Compare>
-void SortLane(const float* lane, size_t step, SortEntry* entries, uint32_t length, SortEntry* buffer, Compare compare)
+void SortLane(const float* lane, size_t step, SortEntry* entries, uint32_t length, uint32_t keep, SortEntry* buffer,
+              Compare compare)
 {
     for (uint32_t c = 0; c < length; ++c) {
         entries[c] = {lane[c * step], static_cast<int32_t>(c)};
     }
-    MergeSort(entries, length, buffer, compare);
+    MergeSortFirst(entries, length, keep, buffer, compare);
 }
 
 }  // namespace opkit

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "common/convert.h"
+#include "kernels/exponentials.h"
 #include "kernels/reduction.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
@@ -16,26 +17,6 @@
 using namespace opkit;
 
 namespace {
-
-// Exponential and sum in f64, rounded to f32 after every element.
-void ExpColumns(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
-{
-    for (size_t r = 0; r < rows; ++r) {
-        for (size_t j = 0; j < count; ++j) {
-            const double element = x[r * rowStride + j];
-            acc[j] = RoundToF32(std::exp(element) + static_cast<double>(acc[j]));
-        }
-    }
-}
-
-void ExpRows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
-{
-    for (size_t r = 0; r < count; ++r) {
-        ExpColumns(acc + r, x + r * rowStride, 1, length, 1);
-    }
-}
-
-constexpr FoldKernels kExpFold = {ExpColumns, ExpRows};
 
 // Null for an unknown kind.
 const FoldKernels* FoldOf(uint32_t type)
@@ -51,7 +32,7 @@ const FoldKernels* FoldOf(uint32_t type)
         case OPKIT_REDUCE_L2:
             return &Reduction().square;
         case OPKIT_REDUCE_LOG_SUM_EXP:
-            return &kExpFold;
+            return &Exponentials().sum;
         case OPKIT_REDUCE_MAX:
             return &Reduction().largest;
         case OPKIT_REDUCE_MIN:

@@ -2,11 +2,15 @@
 // or both. Rows are read and written where they lie.
 //
 // Equal values keep the order of their places. Values within 1e-6 of each other count as equal only where the strict
-// test failed, so that for two such values both orders may answer 1: which pairs the merge compares decides. A k beyond
-// the lane writes what the work space holds behind the sorted entries.
+// test failed, so that for two such values both orders may answer 1: which pairs the merge compares decides. It always
+// compares an entry on the left with one of a later place on the right, so the tolerance, which asks for a later place
+// on the left, never decides there: without NaN the order is the plain stable one, whose first entries can be selected.
+// With NaN the merge runs, as far as the first k entries need it. A k beyond the lane writes what the work space holds
+// behind the sorted entries.
 
 #include "common/convert.h"
 #include "common/float_compare.h"
+#include "kernels/selection.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
 #include "ops/selection/lanes.h"
@@ -28,6 +32,36 @@ struct Ascending {
         return a.value > b.value || (NearlyEqual(a.value, b.value) && a.index > b.index) ? 1 : -1;
     }
 };
+
+// The same for the merge, where a is the one with the earlier place.
+struct MergesDescending {
+    int32_t operator()(const SortEntry& a, const SortEntry& b) const { return b.value > a.value ? 1 : -1; }
+    bool Select(const float* lane, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
+    {
+        return Selection().largest(lane, step, length, entries, k);
+    }
+};
+
+struct MergesAscending {
+    int32_t operator()(const SortEntry& a, const SortEntry& b) const { return a.value > b.value ? 1 : -1; }
+    bool Select(const float* lane, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
+    {
+        return Selection().smallest(lane, step, length, entries, k);
+    }
+};
+
+constexpr uint32_t kMostSelected = 32;  // above, merging costs less than moving entries up one by one
+
+// Sorts the first k entries of a lane, or all when k is beyond it.
+template <class Order>
+void FirstEntries(const float* lane, size_t step, uint32_t length, uint32_t k, SortEntry* entries, SortEntry* buffer,
+                  Order order)
+{
+    const uint32_t keep = k < length ? k : length;
+    if (keep > kMostSelected || !order.Select(lane, step, length, entries, keep)) {
+        SortLane(lane, step, entries, length, keep, buffer, order);
+    }
+}
 
 // One of the two outputs. Its row width is that of outputs[0], its alignment its own.
 struct Sink {
@@ -83,12 +117,12 @@ Sinks SinksOf(const LayerParam* param, const TopKAttr& attr)
     return sinks;
 }
 
-template <class Compare>
+template <class Order>
 void WriteTopK(const Input& in, int32_t axis, const Lanes& lanes, uint32_t k, const Sinks& sinks, SortEntry* entries,
-               SortEntry* buffer, Compare compare)
+               SortEntry* buffer, Order order)
 {
     ForEachPaddedLane(in, axis, lanes, [&](uint32_t g, size_t start, size_t step) {
-        SortLane(in.data + start, step, entries, lanes.length, buffer, compare);
+        FirstEntries(in.data + start, step, lanes.length, k, entries, buffer, order);
         const uint32_t first = g / lanes.inner * (k * lanes.inner) + g % lanes.inner;
         if (sinks.values) {
             sinks.values.WriteLane(first, lanes.inner, k, [entries](uint32_t j) { return entries[j].value; });
@@ -135,9 +169,9 @@ uint32_t TopKOpkitForward(LayerParam* param)
     SortEntry* const entries = static_cast<SortEntry*>(param->opkitBuf);
     const Sinks sinks = SinksOf(param, attr);
     if (attr.largest != 0) {
-        WriteTopK(in, attr.axis, lanes, k, sinks, entries, buffer.Data(), Descending());
+        WriteTopK(in, attr.axis, lanes, k, sinks, entries, buffer.Data(), MergesDescending());
     } else {
-        WriteTopK(in, attr.axis, lanes, k, sinks, entries, buffer.Data(), Ascending());
+        WriteTopK(in, attr.axis, lanes, k, sinks, entries, buffer.Data(), MergesAscending());
     }
     return kSuccess;
 }

@@ -49,7 +49,7 @@ TEST(Pages, ExcerptsStandInTheirFiles)
 
 TEST(Pages, LinksLeadSomewhere)
 {
-    std::vector<fs::path> pages = {kRoot / "README.md", kRoot / "CONTRIBUTING.md"};
+    std::vector<fs::path> pages = {kRoot / "README.md", kRoot / "CONTRIBUTING.md", kRoot / "python/README.md"};
     for (const fs::directory_entry& entry : fs::directory_iterator(kRoot / "docs")) {
         if (entry.path().extension() == ".md") {
             pages.push_back(entry.path());

@@ -29,6 +29,7 @@ protected:
         const ConstantRef c = builder.AddConstant("c", {3}, {1.5f, -2, 3});
         builder.BeginTable(7, "body");
         builder.AddLayer("A").Online(x).Offline(c).Output(t);
+        builder.NextSegment(9);
         builder.BeginTable(9);
         builder.AddLayer("B").Online(t).Output(y).Workspace(12);
         model_ = builder.Build();
@@ -81,6 +82,8 @@ TEST_F(ModelFile, RoundTrip)
         EXPECT_EQ(loaded.inputs, model_.inputs);
         EXPECT_EQ(loaded.outputs, model_.outputs);
         EXPECT_EQ(loaded.tables, model_.tables);
+        EXPECT_EQ(loaded.tables[0].next, 9u);
+        EXPECT_EQ(loaded.tables[1].next, std::nullopt);
         EXPECT_EQ(loaded.constants, model_.constants);
         EXPECT_EQ(loaded.scratchSize, model_.scratchSize);
         EXPECT_EQ(loaded.maxBatch, 3u);
@@ -110,6 +113,8 @@ TEST_F(ModelFile, NamesTheDamagedField)
     ExpectRefusal("\"name\": \"y\"", "\"name\": 5", "field outputs[0].name is not a string");
     ExpectRefusal("{", "[{", "no JSON at byte");
     ExpectRefusal("\"offset\": 0", "\"offset\": 16777216", "field constants[0].offset: bytes 16777216 to 16777228");
+    ExpectRefusal("\"next\": 9", "\"next\": 8", "field tables[0].next is 8, which no table has as its segmentId");
+    ExpectRefusal("\"next\": 9", "\"next\": \"9\"", "field tables[0].next is not a 32-bit unsigned number");
     const std::string table = "\"layerTableOffset\": " + std::to_string(model_.tables[1].layerTableOffset);
     const std::string end = "\"layerTableOffset\": " + std::to_string(model_.bytes.size());
     ExpectRefusal(table, end, "tables[1].layerTableOffset leads: layer table: ", "net.bin");

@@ -8,6 +8,7 @@
 namespace {
 
 using namespace opkit::modelkit;
+using testing::Each;
 using testing::ElementsAre;
 using testing::SizeIs;
 
@@ -88,6 +89,34 @@ TEST(Request, CarriesSegIdAndStopFlag)
     ASSERT_EQ(request.Run(OpkitForward), 0u);
     EXPECT_EQ(request.SegId(), 42u);
     EXPECT_EQ(request.Param().stopFlag, &stop);
+}
+
+TEST(Request, ResetsWhatARunLeft)
+{
+    const Model model = TwoLayers(2, true);
+    Request request(model, 2);
+    request.SetInput("x", std::vector<float>(12, 3.0f));
+    request.SelectSegment(1);
+    ASSERT_EQ(request.Run(OpkitForward), 0u);
+    request.ModelBytes()[0] = std::byte{0x55};
+    request.SetSegId(42);
+    request.Reset(model);
+    EXPECT_EQ(request.ModelBytes()[0], model.bytes.data()[0]);
+    EXPECT_THAT(request.GetOutput("y"), Each(0.0f));
+    EXPECT_THAT(request.InputRows(0), Each(0.0f));
+    const auto* const scratch = static_cast<const char*>(request.Param().opkitBuf);
+    EXPECT_THAT(std::string(scratch, request.Param().opkitBufSize), Each('\0'));
+    EXPECT_EQ(request.SegId(), 0u);
+    request.SetInput("x", std::vector<float>(12, 3.0f));
+    ASSERT_EQ(request.Run(OpkitForward), 0u);  // the first table again: two negations
+    EXPECT_THAT(request.GetOutput("y"), Each(3.0f));
+}
+
+TEST(Request, KnowsTheLargestBatch)
+{
+    EXPECT_EQ(LargestBatch(TwoLayers(2, true)), 2u);
+    EXPECT_EQ(LargestBatch(TwoLayers(2, false)), 256u);
+    EXPECT_EQ(LargestBatch(TwoLayers(300, true)), 256u);
 }
 
 TEST(Request, RefusesWhatDoesNotFit)

@@ -5,56 +5,13 @@
 #include <regex>
 #include <sstream>
 
+#include "tests/support/console_page.h"
 #include "tests/tools/tool_fixture.h"
 
 namespace {
 
 using namespace opkit::test;
 namespace fs = std::filesystem;
-
-std::string TextOf(const fs::path& file)
-{
-    std::ifstream stream(file, std::ios::binary);
-    EXPECT_TRUE(stream) << file;
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
-std::vector<std::string> LinesOf(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-// The compiler and the processor are other ones elsewhere; with `times`, so is every number, and columns move.
-std::string Comparable(const std::string& line, bool times)
-{
-    if (line.starts_with("opkit   ")) {
-        return line.substr(0, line.find(','));
-    }
-    if (!times) {
-        return line;
-    }
-    return std::regex_replace(std::regex_replace(line, std::regex("[0-9]+(\\.[0-9]+)?"), "#"), std::regex(" +"), " ");
-}
-
-// "..." on the page stands for any number of lines.
-bool Matches(const std::vector<std::string>& shown, size_t i, const std::vector<std::string>& actual, size_t j,
-             bool times)
-{
-    if (i == shown.size()) {
-        return j == actual.size();
-    }
-    if (shown[i] == "...") {
-        return Matches(shown, i + 1, actual, j, times) ||
-               (j < actual.size() && Matches(shown, i, actual, j + 1, times));
-    }
-    return j < actual.size() && Comparable(shown[i], times) == Comparable(actual[j], times) &&
-           Matches(shown, i + 1, actual, j + 1, times);
-}
 
 class ToolsPage : public ToolTest {
 protected:
@@ -71,43 +28,24 @@ protected:
         }
         WriteNpy("pixels.npy", "(" + std::to_string(pixels.size() / 64) + ", 8, 8)", pixels);
     }
-
-    void Check(const std::string& command, const std::vector<std::string>& shown, bool times)
-    {
-        const ToolResult result = Shell(command);
-        EXPECT_TRUE(Matches(shown, 0, LinesOf(result.out + result.err), 0, times)) << "$ " << command << "\n"
-                                                                                   << result.out << result.err;
-        ++commands_;
-    }
-
-    int commands_ = 0;
 };
 
 TEST_F(ToolsPage, ShowsWhatTheProgramPrints)
 {
-    std::string command;
-    std::vector<std::string> shown;
-    bool inside = false;
-    bool times = false;
-    for (const std::string& line : LinesOf(TextOf(fs::path(OPKIT_SOURCE_DIR) / "docs/tools.md"))) {
-        const bool ends = inside && line == "```";
-        if (inside && (ends || line.starts_with("$ ")) && !command.empty()) {
-            Check(command, shown, times);
-            command.clear();
+    int count = 0;
+    for (const PageBlock& block : BlocksOf(TextOf(fs::path(OPKIT_SOURCE_DIR) / "docs/tools.md"))) {
+        if (!block.kind.starts_with("console")) {
+            continue;
         }
-        if (inside && line.starts_with("$ ")) {
-            command = line.substr(2);
-            shown.clear();
-        } else if (inside) {
-            shown.push_back(line);
+        for (const PageCommand& command : CommandsOf(block)) {
+            const ToolResult result = Shell(command.command);
+            EXPECT_TRUE(ShowsOutput(command.shown, result.out + result.err, block.kind == "console times"))
+                << "$ " << command.command << "\n"
+                << result.out << result.err;
+            ++count;
         }
-        if (line.starts_with("```console")) {
-            inside = true;
-            times = line == "```console times";
-        }
-        inside = inside && !ends;
     }
-    EXPECT_GT(commands_, 14);
+    EXPECT_GT(count, 14);
 }
 
 // The lines behind "Example:" in a subcommand's help.

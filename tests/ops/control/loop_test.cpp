@@ -285,6 +285,85 @@ TEST(Loop, EveryBatchItemIsAPass)
     EXPECT_THAT(world.Output(2, 2), ElementsAre(30, 31));
 }
 
+// Items go on from each other also across requests.
+TEST(Loop, BatchesAdvanceOneState)
+{
+    LayerCase layer = OneCarried(3, 1, 1);
+    layer.Batch(2);
+    World world(layer);
+    EXPECT_EQ(Pass(world), (State{2, 1, 2, kNoJump}));  // first, middle
+    EXPECT_THAT(world.Output(1, 0), ElementsAre(10, 11));
+    EXPECT_THAT(world.Output(1, 1), ElementsAre(30, 31));
+    EXPECT_EQ(Pass(world), kReset);  // middle, out of bound: the last item decides
+    EXPECT_THAT(world.Output(1, 0), ElementsAre(30, 31));
+    EXPECT_THAT(world.Output(2, 1), ElementsAre(30, 31));
+    EXPECT_EQ(Pass(world), (State{2, 1, 2, kNoJump}));
+}
+
+// A preset condition serves one run of the loop; the next reads its condition from the first input.
+TEST(Loop, APresetServesOneRun)
+{
+    LayerCase layer("LoopOpkitForward");
+    layer.Online({1}, {1}).Online({1}, {20}).Online({1}, {1}).Online({1}, {40});
+    layer.Output({1}).Output({1}).Output({1});
+    Ready(layer.Attr<LoopAttr>(), 3, 1, 0);
+    World world(layer);
+    Clear(world);
+    EXPECT_EQ(Pass(world), kReset);
+    EXPECT_EQ(world.Output(0)[0], 0.0f);
+    EXPECT_EQ(world.Output(2)[0], 1.0f);  // the carried value came from the first place
+    Clear(world);
+    EXPECT_EQ(Pass(world), (State{1, 1, 2, kNoJump}));
+    EXPECT_EQ(world.Output(0)[0], -9.0f);
+    EXPECT_EQ(world.Output(1)[0], 20.0f);
+}
+
+// A layer behind the head fails the request: the pass has happened, and the next request goes on with the one after it.
+TEST(Loop, AFailedRequestKeepsThePass)
+{
+    modelkit::ModelBuilder builder;
+    const modelkit::TensorRef one = builder.AddInput({"one", {1}});
+    const modelkit::TensorRef x = builder.AddInput({"x", {1}});
+    const modelkit::TensorRef value = builder.AddOutput({"value", {1}});
+    const modelkit::TensorRef final = builder.AddOutput({"final", {1}});
+    const modelkit::TensorRef condition = builder.AddScratch({"condition", {1}});
+    LoopAttr loop = {};
+    Ready(loop, 2, 1);
+    builder.AddLayer("LoopOpkitForward")
+        .Online(one)
+        .Online(x)
+        .Online(one)
+        .Online(x)
+        .Output(condition)
+        .Output(value)
+        .Output(final)
+        .Attr(loop);
+    IfAttr compare = {};
+    compare.cmpType = 9;  // refused
+    compare.hasSecondOperand = 1;
+    builder.AddLayer("IfOpkitForward").Online(one).Online(one).Output(condition).Attr(compare);
+    World world(builder.Build());
+    const auto output = [&](size_t k) { return *static_cast<const float*>(world.Param().outputs[k].data); };
+    world.SetInput(0, std::vector<float>{1});
+    world.SetInput(1, std::vector<float>{7});
+    world.Param().segId = 5;
+    EXPECT_NE(RunRequestCaptured(world).result, 0u);
+    EXPECT_EQ(world.Param().segId, kNoJump);  // what the head left; the layer that failed left nothing
+    LoopAttr state = world.Attr<LoopAttr>();
+    EXPECT_EQ(state.iteration, 1);
+    EXPECT_EQ(state.inputCursor, 2u);
+    EXPECT_EQ(output(0), 7.0f);
+
+    world.SetInput(1, std::vector<float>{8});
+    EXPECT_NE(RunRequestCaptured(world).result, 0u);
+    EXPECT_NE(RunRequestCaptured(world).result, 0u);
+    EXPECT_EQ(world.Param().segId, kExit);
+    state = world.Attr<LoopAttr>();
+    EXPECT_EQ(state.iteration, 0);
+    EXPECT_EQ(state.inputCursor, 1u);
+    EXPECT_EQ(output(1), 8.0f);
+}
+
 TEST(Loop, HelpersAlone)
 {
     LayerCase layer = OneCarried(3, 1, 1);

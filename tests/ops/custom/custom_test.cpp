@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include "opkit/opkit.h"
 #include "tests/support/twin.h"
@@ -170,6 +172,34 @@ TEST(Custom, MoreInputsThanThereAreFlags)
     layer.Tamper([](World& world) { world.Attr<CustomAttr>().head.offlineInputNum = 80; });
     EXPECT_EQ(ExpectRefused(layer).messages,
               "[CustomOpkitForward:#]Custom input num 81 or output num 1 larger than 80 and 30!\n\n");
+}
+
+// Threads open, call and close side by side, each with tensors of its own.
+TEST(Custom, SeveralThreads)
+{
+    std::vector<std::vector<float>> results(4);
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &results] {
+            LayerCase layer = CustomCase("DescribeTensors", 1);
+            layer.Online({t + 1, 2}, std::vector<float>(2 * t + 2, 1.0f)).Output({6});
+            World world(layer);
+            uint32_t failures = 0;
+            for (int round = 0; round < 200; ++round) {
+                failures += world.RunDirect(CustomOpkitForward) != 0 ? 1 : 0;
+            }
+            results[t] = world.Output();
+            results[t].push_back(static_cast<float>(failures));
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (uint32_t t = 0; t < 4; ++t) {
+        const auto rows = static_cast<float>(t + 1);
+        EXPECT_THAT(results[t], ElementsAre(0, 8, 2, rows * 8, rows, 2, 0));
+    }
+    EXPECT_FALSE(IsLoaded());
 }
 
 TEST(Custom, UnknownFunction)

@@ -185,7 +185,7 @@ TEST(DetectionOutput, SameAsReference)
                                                random.Float(Values::kIntegers)};
         ExpectSameAsReference(layer, DetectionOutputOpkitForward, RefDetectionOutput,
                               {.before =
-                                   [&] {
+                                   [counts, thresholds] {
                                        SetCounts(counts);
                                        SetThresholds(thresholds[0], thresholds[1], thresholds[2], thresholds[3]);
                                    },
