@@ -7,5 +7,8 @@ list(APPEND opkit_kernels
     kernels/quantized.cpp
     kernels/resize.cpp
     kernels/reduction.cpp
+    kernels/lanes.cpp
+    kernels/normalization.cpp
     kernels/selection.cpp
+    kernels/transpose.cpp
 )

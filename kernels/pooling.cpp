@@ -7,18 +7,25 @@
 
 #include <string.h>
 
+#include "kernels/vector.h"
+
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
 struct SumStep {
     static constexpr bool kRoundsFromDouble = false;
-    static float Next(float sum, float x) { return sum + x; }
+    template <class T>
+    static T Next(T sum, T x)
+    {
+        return sum + x;
+    }
 };
 
 struct SumMagnitudesStep {
     static constexpr bool kRoundsFromDouble = false;
     // An f64 sum of two f32 values rounds to the same f32 as their f32 sum.
     static float Next(float sum, float x) { return sum + __builtin_fabsf(x); }
+    static Vec Next(Vec sum, Vec x) { return sum + (Vec)((VecIndex)x & 0x7fffffff); }
 };
 
 struct SumSquaresStep {
@@ -32,10 +39,14 @@ struct SumSquaresStep {
 
 struct MaxStep {
     static constexpr bool kRoundsFromDouble = false;
-    static float Next(float best, float x) { return x > best ? x : best; }
+    template <class T>
+    static T Next(T best, T x)
+    {
+        return x > best ? x : best;
+    }
 };
 
-// kCount windows whose accumulators stay in registers or the first cache; called with a constant step where that helps.
+// kCount windows whose accumulators stay in registers or the first cache.
 template <class Step, int kCount>
 inline __attribute__((always_inline)) void Block(const PoolWindows& windows, const float* in, ptrdiff_t step,
                                                  float* accumulators)
@@ -58,15 +69,66 @@ inline __attribute__((always_inline)) void Block(const PoolWindows& windows, con
     memcpy(accumulators, values, sizeof(values));
 }
 
-template <class Step, int kCount>
-void BlockOfAnyStep(const PoolWindows& windows, const float* in, float* accumulators)
+// Every second of 2 * kLanes - 1 floats.
+template <int... kLane>
+inline Vec LoadEverySecond(const float* from, LaneNumbers<kLane...>)
 {
-    if (windows.step == 1) {
-        Block<Step, kCount>(windows, in, 1, accumulators);
+    constexpr int kHalf = static_cast<int>(kLanes) / 2;
+    return __builtin_shufflevector(Load(from), Load(from + kLanes - 1), (kLane < kHalf ? 2 * kLane : 2 * kLane + 1)...);
+}
+
+inline Vec LoadSteps(const float* from, ptrdiff_t step)
+{
+    if (step == 1) {
+        return Load(from);
+    }
+    if (step == 2) {
+        return LoadEverySecond(from, CountLanes<kLanes>::Numbers());
+    }
+    Vec values;
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+        values[lane] = from[static_cast<ptrdiff_t>(lane) * step];
+    }
+    return values;
+}
+
+constexpr int kManyWindows = 32;
+
+// kManyWindows windows, their accumulators in registers; called with a constant step.
+template <class Step>
+inline __attribute__((always_inline)) void VectorBlock(const PoolWindows& windows, const float* in, ptrdiff_t step,
+                                                       float* accumulators)
+{
+    constexpr size_t kVectors = kManyWindows / kLanes;
+    Vec values[kVectors];
+    for (size_t v = 0; v < kVectors; ++v) {
+        values[v] = Load(accumulators + v * kLanes);
+    }
+    for (uint32_t row = 0; row < windows.rows; ++row) {
+        const float* x = in + row * windows.pitch;
+        for (uint32_t column = 0; column < windows.columns; ++column, ++x) {
+#pragma GCC unroll 8
+            for (size_t v = 0; v < kVectors; ++v) {
+                values[v] = Step::Next(values[v], LoadSteps(x + static_cast<ptrdiff_t>(v * kLanes) * step, step));
+            }
+        }
+    }
+    for (size_t v = 0; v < kVectors; ++v) {
+        Store(accumulators + v * kLanes, values[v]);
+    }
+}
+
+template <class Step>
+void ManyWindows(const PoolWindows& windows, const float* in, float* accumulators)
+{
+    if constexpr (Step::kRoundsFromDouble) {
+        Block<Step, kManyWindows>(windows, in, windows.step, accumulators);
+    } else if (windows.step == 1) {
+        VectorBlock<Step>(windows, in, 1, accumulators);
     } else if (windows.step == 2) {
-        Block<Step, kCount>(windows, in, 2, accumulators);
+        VectorBlock<Step>(windows, in, 2, accumulators);
     } else {
-        Block<Step, kCount>(windows, in, windows.step, accumulators);
+        VectorBlock<Step>(windows, in, windows.step, accumulators);
     }
 }
 
@@ -95,8 +157,8 @@ void PositionBlock(const PoolWindows& windows, const float* in, float* best, flo
     memcpy(positions, places, sizeof(places));
 }
 
-// Calls block(in, accumulators, done) with kCount windows until all are done, at least kCount of them. The last call may
-// overlap the one before: it then runs first, on a copy of what its accumulators hold at the beginning.
+// Calls block(in, accumulators, done) with kCount windows until all are done, at least kCount of them. The last call
+// may overlap the one before: it then runs first, on a copy of what its accumulators hold at the beginning.
 template <int kCount, int kArrays, class Block>
 inline __attribute__((always_inline)) void ForEachFullBlock(const PoolWindows& windows, float* const (&arrays)[kArrays],
                                                             Block block)
@@ -128,13 +190,13 @@ template <class Step>
 void Reduce(const PoolWindows& windows, float* accumulators)
 {
     float* const arrays[] = {accumulators};
-    if (windows.count >= 32) {
-        ForEachFullBlock<32>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
-            BlockOfAnyStep<Step, 32>(windows, in, at[0]);
+    if (windows.count >= kManyWindows) {
+        ForEachFullBlock<kManyWindows>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
+            ManyWindows<Step>(windows, in, at[0]);
         });
     } else if (windows.count >= 8) {
         ForEachFullBlock<8>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
-            BlockOfAnyStep<Step, 8>(windows, in, at[0]);
+            Block<Step, 8>(windows, in, windows.step, at[0]);
         });
     } else {
         for (size_t i = 0; i < windows.count; ++i) {
@@ -149,9 +211,9 @@ void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint
         return position + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step);
     };
     float* const arrays[] = {best, positions};
-    if (windows.count >= 32) {
-        ForEachFullBlock<32>(windows, arrays, [&](const float* in, float* const(&at)[2], size_t i) {
-            PositionBlock<32>(windows, in, at[0], at[1], place(i), width);
+    if (windows.count >= kManyWindows) {
+        ForEachFullBlock<kManyWindows>(windows, arrays, [&](const float* in, float* const(&at)[2], size_t i) {
+            PositionBlock<kManyWindows>(windows, in, at[0], at[1], place(i), width);
         });
     } else if (windows.count >= 8) {
         ForEachFullBlock<8>(windows, arrays, [&](const float* in, float* const(&at)[2], size_t i) {

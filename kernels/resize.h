@@ -16,6 +16,8 @@ struct ResizeKernels {
     // out[x] between two rows at distances dy1 and dy2 and two columns at distances dx1[x] and dx2[x].
     void (*blendRows)(GatheredRow row1, GatheredRow row2, const float* dx1, const float* dx2, float dy1, float dy2,
                       float* out, size_t count);
+    // out[i] = row[columns[i]]. The row has `width` floats; columns beyond it are allowed where there is memory.
+    void (*pick)(const float* row, size_t width, const uint32_t* columns, float* out, size_t count);
 };
 OPKIT_KERNEL_TABLE(ResizeKernels, resizeKernels, ResizeLoops)
 

@@ -124,13 +124,13 @@ void AddAttributeRanges(const Layer& layer, int owner, const std::vector<ModelWr
     };
     uint64_t at = layer.attrAt;
     for (const ModelWrite& write : own) {
-        add(at, write.begin, false, "attribute block");
+        add(at, write.begin, false, "an attribute block");
         if (write.what == ModelWrite::What::kState) {
-            add(write.begin, write.end, true, "loop state");
+            add(write.begin, write.end, true, "the state of a loop");
         }
         at = write.end;
     }
-    add(at, layer.attrAt + FindAttributeRecord(layer.place.operatorName)->size, false, "attribute block");
+    add(at, layer.attrAt + FindAttributeRecord(layer.place.operatorName)->size, false, "an attribute block");
 }
 
 void CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,
@@ -164,8 +164,9 @@ void CheckWrites(const ModelView& model, std::vector<StructureRange> ranges, con
                 continue;
             }
             try {
-                model.Refuse(layer.place, write.field, static_cast<int64_t>(write.begin), static_cast<int64_t>(hit->end),
-                             "the operator writes here, over the " + std::string(hit->what) + " of a layer");
+                model.Refuse(layer.place, write.field, static_cast<int64_t>(write.begin),
+                             static_cast<int64_t>(hit->end),
+                             "the operator writes here, over " + std::string(hit->what));
             } catch (const Refused&) {
                 break;
             }
@@ -177,7 +178,8 @@ std::string Printable(std::string text)
 {
     constexpr size_t kShown = 64;
     text.resize(std::min(text.size(), kShown));
-    std::replace_if(text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
     return text;
 }
 

@@ -74,8 +74,8 @@ struct CheckReport {
     bool Unconditional() const { return refusals.empty() && conditions.empty(); }
 };
 
-// A request as the model describes it, for `batch` items; 0 stands for 256, as far as tensors stay below 4 GiB, or, where
-// that is refused, for what the model's scratch is planned for.
+// A request as the model describes it, for `batch` items; 0 stands for 256, as far as tensors stay below 4 GiB, or,
+// where that is refused, for what the model's scratch is planned for.
 CheckReport CheckModel(const Model& model, uint32_t batch = 0);
 
 // Any bytes, safe whatever they hold. Of a table its name does not count.

@@ -34,8 +34,7 @@ int Check(const Options& options)
     for (const CheckCondition& condition : report.conditions) {
         fmt::print("{}  {}\n", options.strict ? "refused  " : "condition", condition.Text());
     }
-    const std::string items =
-        report.batch == 1 ? "1 batch item" : fmt::format("1 to {} batch items", report.batch);
+    const std::string items = report.batch == 1 ? "1 batch item" : fmt::format("1 to {} batch items", report.batch);
     const std::string scope = fmt::format("{} for {}", ModelPathsOf(options.model).manifest.string(), items);
     const size_t refusals = report.refusals.size() + (options.strict ? report.conditions.size() : 0);
     if (refusals != 0) {

@@ -1,7 +1,7 @@
 // Conditionals and loops. The segment ids that they leave must have tables.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/control.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {
@@ -159,9 +159,8 @@ void CheckLoop(LayerCheck& layer)
 }
 
 constexpr OperatorCheck kControl[] = {
-    {"CondEndOpkitForward", CheckCondEnd}, {"ElseBeginOpkitForward", CheckElseBegin},
-    {"IfOpkitForward", CheckIf},           {"LoopOpkitForward", CheckLoop},
-    {"ThenEndOpkitForward", CheckThenEnd},
+    {"CondEndOpkitForward", CheckCondEnd}, {"ElseBeginOpkitForward", CheckElseBegin}, {"IfOpkitForward", CheckIf},
+    {"LoopOpkitForward", CheckLoop},       {"ThenEndOpkitForward", CheckThenEnd},
 };
 
 }  // namespace

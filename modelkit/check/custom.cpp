@@ -1,7 +1,7 @@
 // Custom operators. What the function does is its own affair; here is what the library reads on the way to it.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/custom.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {

@@ -1,7 +1,7 @@
 // The detection chain, whose counts of boxes are data, and suppression by score.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/detection.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {
@@ -51,8 +51,8 @@ void CheckDecBbox(LayerCheck& layer)
     const uint64_t pastLast = classNum == 1 ? 1 : 0;
     CheckShare(layer, scores, n, Add(Mul(classNum, n), pastLast), "a score per proposal and class");
     const uint64_t fields = Fields(attr.hasClassId);
-    const uint64_t written = merge ? Add(Mul(fields, classNum, n), classNum == 1 ? n : 0)
-                                   : Mul(std::max<uint64_t>(classNum, 2), fields, n);
+    const uint64_t written =
+        merge ? Add(Mul(fields, classNum, n), classNum == 1 ? n : 0) : Mul(std::max<uint64_t>(classNum, 2), fields, n);
     layer.Floats(out, written, "the boxes of all classes, of two at least, do not fit the output");
     layer.Condition("the first element of input 3, the number of proposals, lies from 0 to " + std::to_string(n));
 }
@@ -75,10 +75,10 @@ void CheckDetectionOutput(LayerCheck& layer)
         const Tensor& counts = layer.OutExpanded(1);
         layer.Floats(counts, attr.packOutput != 0 ? 1 : attr.classNum, "a count per class");
     }
-    std::string condition = "the layers before leave at most " +
-                            std::to_string(packed ? attr.classCapacity
-                                                  : std::min<uint64_t>(attr.classCapacity, rowLength)) +
-                            " boxes in each list";
+    std::string condition =
+        "the layers before leave at most " +
+        std::to_string(packed ? attr.classCapacity : std::min<uint64_t>(attr.classCapacity, rowLength)) +
+        " boxes in each list";
     if (packed && Mul(attr.classNum, attr.classCapacity) > rowLength) {
         condition += ", and this layer keeps at most " + std::to_string(rowLength) + " in all";
     }
@@ -110,10 +110,8 @@ void CheckNonMaxSuppression(LayerCheck& layer)
 }
 
 constexpr OperatorCheck kDetection[] = {
-    {"DecBboxOpkitForward", CheckDecBbox},
-    {"FilterBoxOpkitForward", CheckDetectionOutput},
-    {"NMSOpkitForward", CheckDetectionOutput},
-    {"NonMaxSuppressionOpkitForward", CheckNonMaxSuppression},
+    {"DecBboxOpkitForward", CheckDecBbox},      {"FilterBoxOpkitForward", CheckDetectionOutput},
+    {"NMSOpkitForward", CheckDetectionOutput},  {"NonMaxSuppressionOpkitForward", CheckNonMaxSuppression},
     {"SortOpkitForward", CheckDetectionOutput},
 };
 

@@ -1,7 +1,7 @@
 // Unary operators, the broadcasting operators, and the activations with parameters.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/elementwise.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {
@@ -135,12 +135,14 @@ void CheckRound(LayerCheck& layer)
 }
 
 constexpr OperatorCheck kUnary[] = {
-    {"AcosOpkitForward", CheckRowWalk},     {"AcoshOpkitForward", CheckCompacting},  {"AsinOpkitForward", CheckRowWalk},
-    {"AsinhOpkitForward", CheckRowWalk},    {"AtanOpkitForward", CheckRowWalk},      {"AtanhOpkitForward", CheckRowWalk},
-    {"CosOpkitForward", CheckRowWalk},      {"CoshOpkitForward", CheckRowWalk},      {"NegOpkitForward", CheckRowWalk},
-    {"ReciprocalOpkitForward", CheckRowWalk}, {"SigmoidOpkitForward", CheckRowWalk}, {"SignOpkitForward", CheckRowWalk},
-    {"SinOpkitForward", CheckRowWalk},      {"SoftplusOpkitForward", CheckRowWalk},  {"SoftsignOpkitForward", CheckRowWalk},
-    {"TanOpkitForward", CheckRowWalk},
+    {"AcosOpkitForward", CheckRowWalk},     {"AcoshOpkitForward", CheckCompacting},
+    {"AsinOpkitForward", CheckRowWalk},     {"AsinhOpkitForward", CheckRowWalk},
+    {"AtanOpkitForward", CheckRowWalk},     {"AtanhOpkitForward", CheckRowWalk},
+    {"CosOpkitForward", CheckRowWalk},      {"CoshOpkitForward", CheckRowWalk},
+    {"NegOpkitForward", CheckRowWalk},      {"ReciprocalOpkitForward", CheckRowWalk},
+    {"SigmoidOpkitForward", CheckRowWalk},  {"SignOpkitForward", CheckRowWalk},
+    {"SinOpkitForward", CheckRowWalk},      {"SoftplusOpkitForward", CheckRowWalk},
+    {"SoftsignOpkitForward", CheckRowWalk}, {"TanOpkitForward", CheckRowWalk},
 };
 
 constexpr OperatorCheck kElementwise[] = {

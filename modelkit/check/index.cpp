@@ -25,8 +25,8 @@ void CheckGather(LayerCheck& layer)
     const size_t last = data.Rank() - 1;
     const bool alongRows = axis == last;
     const uint64_t outer = data.Count(0, axis);
-    const uint64_t rows = alongRows ? Mul(outer, indices.Rows())
-                                    : Mul(outer, indices.Count(), data.Count(axis + 1, last));
+    const uint64_t rows =
+        alongRows ? Mul(outer, indices.Rows()) : Mul(outer, indices.Count(), data.Count(axis + 1, last));
     layer.Floats(out, AlignedSpan(rows, out.Align(), alongRows ? indices.Width() : data.Width()),
                  "the slices do not fit the output");
 }
@@ -117,13 +117,14 @@ void CheckScatterND(LayerCheck& layer)
     }
     layer.RowsReachAlign(out);
     layer.Floats(out, Mul(data.Rows(), data.Pitch()), "the data does not fit the output");
-    layer.WorkSpace(Mul(Add(indices.Rows(), data.Rank()), 4), "the work space holds an offset per tuple and the pitches");
+    layer.WorkSpace(Mul(Add(indices.Rows(), data.Rank()), 4),
+                    "the work space holds an offset per tuple and the pitches");
     layer.MayRunInPlace(out, data);
 }
 
 constexpr OperatorCheck kIndex[] = {
-    {"GatherOpkitForward", CheckGather},     {"GatherElementsOpkitForward", CheckGatherElements},
-    {"GatherNDOpkitForward", CheckGatherND}, {"ScatterOpkitForward", CheckScatter},
+    {"GatherOpkitForward", CheckGather},       {"GatherElementsOpkitForward", CheckGatherElements},
+    {"GatherNDOpkitForward", CheckGatherND},   {"ScatterOpkitForward", CheckScatter},
     {"ScatterNDOpkitForward", CheckScatterND},
 };
 

@@ -302,8 +302,8 @@ void LayerCheck::CheckSharing() const
 
 const OperatorCheck* FindOperatorCheck(const std::string& name)
 {
-    static const std::array kSubsystems = {UnaryChecks(),     ElementwiseChecks(), MatrixChecks(), PoolingChecks(),
-                                           SelectionChecks(), MovementChecks(),    IndexChecks(),  PadChecks(),
+    static const std::array kSubsystems = {UnaryChecks(),     ElementwiseChecks(), MatrixChecks(),  PoolingChecks(),
+                                           SelectionChecks(), MovementChecks(),    IndexChecks(),   PadChecks(),
                                            ResizeChecks(),    DetectionChecks(),   ControlChecks(), CustomChecks()};
     for (const auto& subsystem : kSubsystems) {
         for (const OperatorCheck& entry : subsystem) {

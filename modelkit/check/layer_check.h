@@ -90,17 +90,17 @@ public:
     void Segment(const Field& field, uint32_t segmentId) const;
     void Condition(std::string text) const;
 
-    // Inputs and outputs. Those without "Raw" have a rank of 1 to 10, no dimension of 0, an alignment, and rows that fit
-    // their size.
-    const Tensor& Next();                    // the next logical input
-    const Tensor& NextCompacted();           // the same, compacted in place by the operator
+    // Inputs and outputs. Those without "Raw" have a rank of 1 to 10, no dimension of 0, an alignment, and rows that
+    // fit their size.
+    const Tensor& Next();           // the next logical input
+    const Tensor& NextCompacted();  // the same, compacted in place by the operator
     const Tensor& NextRaw();
     void SkipTo(uint32_t logical) { logical_ = logical; }
-    const Tensor& Logical(uint32_t k);       // whatever was resolved before
+    const Tensor& Logical(uint32_t k);  // whatever was resolved before
     const Tensor& Online(uint32_t index, const std::string& reason);
     const Tensor& OnlineRaw(uint32_t index, const std::string& reason);
     const Tensor& OnlineUnread(uint32_t index, const std::string& reason) const;  // whose data does not count
-    const Tensor& Constant(uint32_t j);      // the j-th constant
+    const Tensor& Constant(uint32_t j);                                           // the j-th constant
     const Tensor& Out(uint32_t index = 0);
     const Tensor& OutExpanded(uint32_t index = 0);  // written compactly and expanded by its own alignment
     const Tensor& OutRaw(uint32_t index);

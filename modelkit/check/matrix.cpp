@@ -1,7 +1,7 @@
 // Matrix products, convolution and the determinant.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/matrix.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {
@@ -97,14 +97,16 @@ void CheckColumns(LayerCheck& layer, const ConvolutionAttr& attr, uint64_t colum
 {
     const uint64_t paddedH = uint64_t{attr.height} + attr.padTop + attr.padBottom;
     const uint64_t paddedW = uint64_t{attr.width} + attr.padLeft + attr.padRight;
-    layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, padTop), paddedH, INT32_MAX, "a padded height beyond 31 bits");
-    layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, padLeft), paddedW, INT32_MAX, "a padded width beyond 31 bits");
-    const uint64_t outH =
-        KernelPlaces(layer, OPKIT_ATTR_FIELD(layer, ConvolutionAttr, kernelH),
-                     OPKIT_ATTR_FIELD(layer, ConvolutionAttr, strideH), paddedH, attr.kernelH, attr.strideH, attr.dilationH);
-    const uint64_t outW =
-        KernelPlaces(layer, OPKIT_ATTR_FIELD(layer, ConvolutionAttr, kernelW),
-                     OPKIT_ATTR_FIELD(layer, ConvolutionAttr, strideW), paddedW, attr.kernelW, attr.strideW, attr.dilationW);
+    layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, padTop), paddedH, INT32_MAX,
+                 "a padded height beyond 31 bits");
+    layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, padLeft), paddedW, INT32_MAX,
+                 "a padded width beyond 31 bits");
+    const uint64_t outH = KernelPlaces(layer, OPKIT_ATTR_FIELD(layer, ConvolutionAttr, kernelH),
+                                       OPKIT_ATTR_FIELD(layer, ConvolutionAttr, strideH), paddedH, attr.kernelH,
+                                       attr.strideH, attr.dilationH);
+    const uint64_t outW = KernelPlaces(layer, OPKIT_ATTR_FIELD(layer, ConvolutionAttr, kernelW),
+                                       OPKIT_ATTR_FIELD(layer, ConvolutionAttr, strideW), paddedW, attr.kernelW,
+                                       attr.strideW, attr.dilationW);
     const uint64_t written = Mul(attr.channels, Mul(attr.kernelH, attr.kernelW), Mul(outH, outW));
     layer.AtLeast(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, colChannels), columns, written,
                   "outHeight * outWidth * colChannels is less than the column matrix");
@@ -125,8 +127,8 @@ void CheckGroups(LayerCheck& layer, const ConvolutionAttr& attr, uint64_t column
                       "the groups' results overlap");
     }
     const auto reach = [further](uint64_t distance, uint64_t block) { return Add(Mul(further, distance), block); };
-    layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, weightGroupOffset),
-                 reach(attr.weightGroupOffset, Mul(M, K)), w.Count(), "the last group's weights end behind W");
+    layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, weightGroupOffset), reach(attr.weightGroupOffset, Mul(M, K)),
+                 w.Count(), "the last group's weights end behind W");
     layer.AtMost(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, colGroupOffset), reach(attr.colGroupOffset, Mul(K, N)),
                  std::min<uint64_t>(columns, INT32_MAX), "the last group's columns end behind the column matrix");
 }
@@ -178,8 +180,10 @@ void CheckDet(LayerCheck& layer)
 }
 
 constexpr OperatorCheck kMatrix[] = {
-    {"ConvolutionOpkitForward", CheckConvolution}, {"DetOpkitForward", CheckDet},
-    {"GemmOpkitForward", CheckGemm},               {"MatMulOpkitForward", CheckMatMul},
+    {"ConvolutionOpkitForward", CheckConvolution},
+    {"DetOpkitForward", CheckDet},
+    {"GemmOpkitForward", CheckGemm},
+    {"MatMulOpkitForward", CheckMatMul},
     {"QLinearMatMulOpkitForward", CheckQLinearMatMul},
 };
 

@@ -1,7 +1,7 @@
 // Operators that move every element to a place of its own.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/movement.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {
@@ -98,9 +98,9 @@ void CheckPermute(LayerCheck& layer)
     equals(OPKIT_ATTR_FIELD(layer, PermuteAttr, permOutDimCount), attr.permOutDimCount);
     layer.AtMost(OPKIT_ATTR_FIELD(layer, PermuteAttr, permLength), attr.permLength, rank, "above the input's rank");
     for (uint32_t d = 0; d < rank; ++d) {
-        layer.Axis(layer.AttrField("perm[" + std::to_string(d) + "]",
-                                   offsetof(PermuteAttr, perm) + d * sizeof(uint32_t)),
-                   attr.perm[d], rank);
+        layer.Axis(
+            layer.AttrField("perm[" + std::to_string(d) + "]", offsetof(PermuteAttr, perm) + d * sizeof(uint32_t)),
+            attr.perm[d], rank);
     }
     const Tensor& out = layer.OutExpanded();
     layer.Elements(out, in.Count(), "the output has fewer elements than the input");

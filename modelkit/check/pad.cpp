@@ -1,5 +1,5 @@
-// Pad. Its arrays, their places in the work space and the walk over the kept rows all come from attributes, so the check
-// works out the same numbers, without wrapping.
+// Pad. Its arrays, their places in the work space and the walk over the kept rows all come from attributes, so the
+// check works out the same numbers, without wrapping.
 
 #include <array>
 

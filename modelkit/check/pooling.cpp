@@ -1,7 +1,7 @@
 // Pooling and normalisation. Windows are clipped to the input whatever the attributes say, so only shapes count.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/pooling.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {

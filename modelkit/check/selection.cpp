@@ -1,7 +1,7 @@
 // Reductions, scans, sorting and searching.
 
-#include "modelkit/check/layer_check.h"
 #include "opkit/attributes/selection.h"
+#include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
 namespace {
@@ -9,8 +9,8 @@ namespace {
 constexpr uint64_t kSortEntry = 8;
 constexpr const char* kLaneWork = "the work space holds one lane of sort entries";
 
-// Largest output index that an input element leads to: entries of `axes` behind `axesNum` count for the distances of the
-// output, but not for the walk.
+// Largest output index that an input element leads to: entries of `axes` behind `axesNum` count for the distances of
+// the output, but not for the walk.
 uint64_t LastReducedIndex(const ReductionAttr& attr, const Tensor& in)
 {
     const uint32_t rank = static_cast<uint32_t>(in.Rank());
@@ -146,8 +146,8 @@ void CheckUnique(LayerCheck& layer)
 }
 
 constexpr OperatorCheck kSelection[] = {
-    {"ArgminOpkitForward", CheckArgmin},   {"CumSumOpkitForward", CheckCumSum},
-    {"HardmaxOpkitForward", CheckHardmax}, {"NonZeroOpkitForward", CheckNonZero},
+    {"ArgminOpkitForward", CheckArgmin},       {"CumSumOpkitForward", CheckCumSum},
+    {"HardmaxOpkitForward", CheckHardmax},     {"NonZeroOpkitForward", CheckNonZero},
     {"ReductionOpkitForward", CheckReduction}, {"TopKOpkitForward", CheckTopK},
     {"UniqueOpkitForward", CheckUnique},
 };

@@ -58,7 +58,8 @@ void ReadName(const TableReader& reader, Layer* layer)
 {
     const LayerRecord& record = layer->record;
     const Field sizeField = RECORD_FIELD(*layer, nameSize);
-    const uint64_t at = reader.Locate(RECORD_FIELD(*layer, nameOffset), record.nameOffset, record.nameSize, 1, "name");
+    const uint64_t at =
+        reader.Locate(RECORD_FIELD(*layer, nameOffset), record.nameOffset, record.nameSize, 1, "a name");
     const auto name = reader.model.bytes.subspan(at, record.nameSize);
     const auto end = std::find(name.begin(), name.end(), std::byte{0});
     if (end == name.end()) {
@@ -98,7 +99,7 @@ void ReadAttributes(const TableReader& reader, Layer* layer)
                       "the operator uses more of its attribute block");
     }
     layer->attrAt =
-        reader.Locate(RECORD_FIELD(*layer, attrOffset), record.attrOffset, record.attrSize, 4, "attribute block");
+        reader.Locate(RECORD_FIELD(*layer, attrOffset), record.attrOffset, record.attrSize, 4, "an attribute block");
 }
 
 void PlaceInRequest(const TableReader& reader, const TensorRecord& record, bool output, const Field& strideField,
@@ -141,7 +142,7 @@ void PlaceInScratch(const TableReader& reader, const TensorRecord& record, Tenso
 std::vector<Tensor> ReadTensors(const TableReader& reader, const Field& tableField, uint32_t table, uint32_t count,
                                 bool output)
 {
-    const uint64_t at = reader.Locate(tableField, table, uint64_t{count} * sizeof(TensorRecord), 4, "tensor table");
+    const uint64_t at = reader.Locate(tableField, table, uint64_t{count} * sizeof(TensorRecord), 4, "a tensor table");
     std::vector<Tensor> tensors(count);
     for (uint32_t i = 0; i < count; ++i) {
         const uint64_t recordAt = at + i * sizeof(TensorRecord);
@@ -149,7 +150,9 @@ std::vector<Tensor> ReadTensors(const TableReader& reader, const Field& tableFie
         Tensor& tensor = tensors[i];
         tensor.name = (output ? "outputs[" : "inputs[") + std::to_string(i) + "]";
         tensor.output = output;
-        const auto field = [&](const char* name, size_t offset) { return Field{tensor.name + name, recordAt + offset}; };
+        const auto field = [&](const char* name, size_t offset) {
+            return Field{tensor.name + name, recordAt + offset};
+        };
         tensor.placeField = field(".memIndex", offsetof(TensorRecord, memIndex));
         tensor.strideField = field(".strideIndex", offsetof(TensorRecord, strideIndex));
         const bool inRequest = record.memKind <= OPKIT_MEM_REQUEST_1;
@@ -162,7 +165,7 @@ std::vector<Tensor> ReadTensors(const TableReader& reader, const Field& tableFie
             reader.Refuse(sizeField, record.shapeSize, OPKIT_MAX_DIMS * 4, "more than 10 dimensions");
         }
         const uint64_t shapeAt = reader.Locate(field(".shapeOffset", offsetof(TensorRecord, shapeOffset)),
-                                               record.shapeOffset, record.shapeSize, 4, "shape");
+                                               record.shapeOffset, record.shapeSize, 4, "a shape");
         tensor.shapeField = {tensor.name + ".shape", shapeAt};
         for (uint32_t d = 0; d < rank; ++d) {
             tensor.dims.push_back(reader.model.Get<uint32_t>(shapeAt + uint64_t{d} * 4));
@@ -200,7 +203,7 @@ uint32_t CheckTableHeader(const ModelView& model, const ModelTable& table, std::
     if (count > most) {
         refuse("layerCount", count, most, "more layers than the table holds");
     }
-    ranges->push_back({at, at + 4 + uint64_t{count} * 4, -1, false, "layer table"});
+    ranges->push_back({at, at + 4 + uint64_t{count} * 4, -1, false, "a layer table"});
     return count;
 }
 
@@ -211,8 +214,8 @@ Layer ReadLayer(const ModelView& model, const ModelTable& table, uint32_t index,
     Layer layer;
     layer.place = reader.place = {table.segmentId, static_cast<int>(index)};
     const uint64_t entryAt = uint64_t{table.layerTableOffset} + 4 + uint64_t{index} * 4;
-    layer.recordAt = reader.Locate({"layerOffset", entryAt}, model.Get<uint32_t>(entryAt), sizeof(LayerRecord), 4,
-                                   "layer record");
+    layer.recordAt =
+        reader.Locate({"layerOffset", entryAt}, model.Get<uint32_t>(entryAt), sizeof(LayerRecord), 4, "a layer record");
     layer.record = model.Get<LayerRecord>(layer.recordAt);
     const LayerRecord& record = layer.record;
     ReadName(reader, &layer);
@@ -220,10 +223,10 @@ Layer ReadLayer(const ModelView& model, const ModelTable& table, uint32_t index,
     CheckRecord(reader, layer);
     ReadAttributes(reader, &layer);
     ranges->pop_back();  // of the attribute block, some fields are not read but written
-    layer.inputs = ReadTensors(reader, RECORD_FIELD(layer, inputTableOffset), record.inputTableOffset, record.inputNum,
-                               false);
-    layer.outputs = ReadTensors(reader, RECORD_FIELD(layer, outputTableOffset), record.outputTableOffset,
-                                record.outputNum, true);
+    layer.inputs =
+        ReadTensors(reader, RECORD_FIELD(layer, inputTableOffset), record.inputTableOffset, record.inputNum, false);
+    layer.outputs =
+        ReadTensors(reader, RECORD_FIELD(layer, outputTableOffset), record.outputTableOffset, record.outputNum, true);
     return layer;
 }
 

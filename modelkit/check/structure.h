@@ -21,7 +21,8 @@ struct StructureRange {
 // The layers of a table whose header is sound; throws Refused.
 uint32_t CheckTableHeader(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges);
 
-// Throws Refused at the first thing that is wrong. Adds the ranges that it reads, but for the operator's own attributes.
+// Throws Refused at the first thing that is wrong. Adds the ranges that it reads, but for the operator's own
+// attributes.
 Layer ReadLayer(const ModelView& model, const ModelTable& table, uint32_t index, int owner,
                 std::vector<StructureRange>* ranges);
 

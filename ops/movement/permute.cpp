@@ -4,9 +4,8 @@
 // combination of perm and shapes still has a meaning, by index arithmetic on the compact pitches of both shapes; it is
 // followed while it stays inside the two tensors.
 
-#include <xmmintrin.h>
-
 #include "common/move_floats.h"
+#include "kernels/transpose.h"
 #include "opkit/attributes/movement.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -114,42 +113,6 @@ void ForEachPosition(const Walk& walk, Body body)
     }
 }
 
-// out[r * outStep + c] = in[c * inStep + r]. A strip of 16 rows uses whole cache lines of the input.
-void TransposePlane(const float* in, size_t inStep, float* out, size_t outStep, uint32_t rows, uint32_t columns)
-{
-    constexpr uint32_t kStrip = 16;
-    for (uint32_t strip = 0; strip < rows; strip += kStrip) {
-        const uint32_t stripEnd = rows - strip < kStrip ? rows : strip + kStrip;
-        uint32_t c = 0;
-        for (; c + 4 <= columns; c += 4) {
-            const float* const from = in + c * inStep;
-            uint32_t r = strip;
-            for (; r + 4 <= stripEnd; r += 4) {
-                __m128 a = _mm_loadu_ps(from + r);
-                __m128 b = _mm_loadu_ps(from + inStep + r);
-                __m128 x = _mm_loadu_ps(from + 2 * inStep + r);
-                __m128 y = _mm_loadu_ps(from + 3 * inStep + r);
-                _MM_TRANSPOSE4_PS(a, b, x, y);
-                float* const to = out + r * outStep + c;
-                _mm_storeu_ps(to, a);
-                _mm_storeu_ps(to + outStep, b);
-                _mm_storeu_ps(to + 2 * outStep, x);
-                _mm_storeu_ps(to + 3 * outStep, y);
-            }
-            for (; r < stripEnd; ++r) {
-                for (uint32_t i = 0; i < 4; ++i) {
-                    out[r * outStep + c + i] = from[i * inStep + r];
-                }
-            }
-        }
-        for (; c < columns; ++c) {
-            for (uint32_t r = strip; r < stripEnd; ++r) {
-                out[r * outStep + c] = in[c * inStep + r];
-            }
-        }
-    }
-}
-
 void Transpose(const float* in, float* out, Walk walk)
 {
     constexpr Axis kNone = {1, 0, 0};
@@ -167,7 +130,7 @@ void Transpose(const float* in, float* out, Walk walk)
     }
     const Axis rows = unit < walk.rank ? TakeAxis(&walk, unit) : kNone;
     ForEachPosition(walk, [&](size_t from, size_t to) {
-        TransposePlane(in + from, inner.inStep, out + to, rows.outStep, rows.extent, inner.extent);
+        Transposing().plane(in + from, inner.inStep, out + to, rows.outStep, rows.extent, inner.extent);
     });
 }
 

@@ -24,32 +24,40 @@ void SampleRow(const BilinearParams& params, const float* plane, uint32_t y, flo
 
 // The columns of one source row, gathered for a block of output columns.
 constexpr uint32_t kBlockColumns = 512;
+struct BlockColumns {
+    uint32_t count;
+    uint32_t first[kBlockColumns];
+    uint32_t second[kBlockColumns];
+};
+
 struct Line {
     int64_t source = -1;
     float left[kBlockColumns];
     float right[kBlockColumns];
 
-    void Gather(const float* plane, int64_t row, const int64_t* x1, const int64_t* x2, uint32_t count)
+    void Gather(const float* plane, int64_t row, uint32_t width, const BlockColumns& columns)
     {
         if (source == row) {
             return;
         }
         source = row;
-        for (uint32_t x = 0; x < count; ++x) {
-            left[x] = plane[row + x1[x]];
-            right[x] = plane[row + x2[x]];
-        }
+        ResizeLoops().pick(plane + row, width, columns.first, left, columns.count);
+        ResizeLoops().pick(plane + row, width, columns.second, right, columns.count);
     }
 };
 
 // A plane with more rows than its source: a source row serves several output rows and is gathered once for them.
-void SamplePlaneByLines(const BilinearParams& params, const float* plane, float* out, uint32_t rows, uint32_t columns,
-                        size_t pitchOut)
+void SamplePlaneByLines(const BilinearParams& params, const float* plane, uint32_t width, float* out, uint32_t rows,
+                        uint32_t columns, size_t pitchOut)
 {
     for (uint32_t begin = 0; begin < columns; begin += kBlockColumns) {
         const uint32_t count = columns - begin < kBlockColumns ? columns - begin : kBlockColumns;
-        const int64_t* const x1 = params.inX1 + begin;
-        const int64_t* const x2 = params.inX2 + begin;
+        BlockColumns block;
+        block.count = count;
+        for (uint32_t x = 0; x < count; ++x) {
+            block.first[x] = static_cast<uint32_t>(params.inX1[begin + x]);
+            block.second[x] = static_cast<uint32_t>(params.inX2[begin + x]);
+        }
         Line lines[2];
         Line* first = &lines[0];
         Line* second = &lines[1];
@@ -59,8 +67,8 @@ void SamplePlaneByLines(const BilinearParams& params, const float* plane, float*
                 first = second;
                 second = moved;
             }
-            first->Gather(plane, params.inY1[y], x1, x2, count);
-            second->Gather(plane, params.inY2[y], x1, x2, count);
+            first->Gather(plane, params.inY1[y], width, block);
+            second->Gather(plane, params.inY2[y], width, block);
             ResizeLoops().blendRows({first->left, first->right}, {second->left, second->right}, params.dx1 + begin,
                                     params.dx2 + begin, params.dy1[y], params.dy2[y], out + y * pitchOut + begin,
                                     count);
@@ -118,7 +126,7 @@ uint32_t ResizeLinear(const ResizeLayer& layer)
         const float* const from = in.data + p * planeIn;
         float* const to = out.data + p * planeOut;
         if (!extrapolate && yAxis.out > yAxis.in) {
-            SamplePlaneByLines(*params, from, to, yAxis.out, xAxis.out, pitchOut);
+            SamplePlaneByLines(*params, from, xAxis.in, to, yAxis.out, xAxis.out, pitchOut);
             continue;
         }
         for (uint32_t y = 0; y < yAxis.out; ++y) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kernels/resize.h"
 #include "ops/movement/resize_tables.h"
 
 namespace opkit {
@@ -57,6 +58,7 @@ struct ColumnPicker {
     bool mayBeOutside;  // of an axis of the output
     uint32_t outside;
     float outsideValue;
+    uint32_t rowWidth;  // of the input
 
     void Fill(float* out, uint32_t count) const
     {
@@ -68,9 +70,7 @@ struct ColumnPicker {
     void Pick(const float* in, const uint32_t* columns, float* out, uint32_t count) const
     {
         if (!mayBeOutside) {
-            for (uint32_t i = 0; i < count; ++i) {
-                out[i] = in[columns[i]];
-            }
+            ResizeLoops().pick(in, rowWidth, columns, out, count);
             return;
         }
         for (uint32_t i = 0; i < count; ++i) {
@@ -162,7 +162,7 @@ uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
         BuildNearestOffsets(context, tables[axis], axis);
         PadOffsets(tables[axis], out.shape[axis], in.Width(), in.Pitch(), outside);
     }
-    Sample(in, out, tables, {extrapolate, outside, layer.attr->extrapolationValue});
+    Sample(in, out, tables, {extrapolate, outside, layer.attr->extrapolationValue, in.Width()});
     return kSuccess;
 }
 

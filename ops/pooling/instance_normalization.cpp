@@ -1,5 +1,5 @@
 // InstanceNormalization: every plane to its own mean and variance, then scaled and shifted per channel, in the form
-// x * a + (bias - mean * a). Compacts its inputs, writes compactly and expands; the work space holds one plane.
+// x * a + (bias - mean * a). Compacts its inputs, writes compactly and expands; the work space must hold one plane.
 //
 // The biased variance takes two passes over the plane, and all sums run in f32 in index order. epsilon is a whole
 // number. Only the last four dimensions count.
@@ -7,6 +7,8 @@
 #include <cmath>
 
 #include "common/bounded_memory.h"
+#include "kernels/normalization.h"
+#include "kernels/reduction.h"
 #include "opkit/attributes/pooling.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -33,28 +35,9 @@ Planes PlanesOf(const Input& x)
     return {1, x.count, 1};
 }
 
-float SumInOrder(const float* values, uint32_t count)
+bool Overlap(const float* a, const float* b, size_t count)
 {
-    float sum = 0.0f;
-    for (uint32_t i = 0; i < count; ++i) {
-        sum += values[i];
-    }
-    return sum;
-}
-
-void SquareDistances(float* values, uint32_t count, float mean)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        const float distance = values[i] - mean;
-        values[i] = distance * distance;
-    }
-}
-
-void ScaleAndShift(float* values, uint32_t count, float scale, float shift)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        values[i] = values[i] * scale + shift;
-    }
+    return a < b + count && b < a + count;
 }
 
 }  // namespace
@@ -78,28 +61,40 @@ uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
     const uint64_t planeBytes = uint64_t{planes.size} * sizeof(float);
     float* const copy = static_cast<float*>(param->opkitBuf);
 
-    for (uint32_t i = 0, channel = 0; i < planes.count;
-         ++i, channel = channel + 1 == planes.channels ? 0 : channel + 1) {
-        const size_t offset = size_t{i} * planes.size;
-        int32_t error = memcpy_s(copy, param->opkitBufSize, x.data + offset, planeBytes);
+    // Sums of several planes run side by side; one after the other where the results reach planes still to be read.
+    constexpr uint32_t kSideBySide = 16;
+    const uint32_t group = Overlap(x.data, y.data, size_t{planes.count} * planes.size) ? 1 : kSideBySide;
+    uint32_t channel = 0;
+    for (uint32_t first = 0, here; first < planes.count; first += here) {
+        here = planes.count - first < group ? planes.count - first : group;
+        const float* const from = x.data + size_t{first} * planes.size;
+        int32_t error = memcpy_s(copy, param->opkitBufSize, from, planeBytes);
         if (error != 0) {
             Report(Here(), "memcpy failed, errnum = %d\n", error);
             return kFailure;
         }
-        const float mean = SumInOrder(copy, planes.size) / size;
-        SquareDistances(copy, planes.size, mean);
-        const float variance = SumInOrder(copy, planes.size) / size + epsilon;
-        const float inverse = static_cast<float>(1.0 / std::sqrt(static_cast<double>(variance)));
-        const float a = inverse * scale.data[channel];
-        const float shift = bias.data[channel] - mean * a;
+        float means[kSideBySide] = {};
+        float squares[kSideBySide] = {};
+        Reduction().sum.rows(means, from, here, planes.size, planes.size);
+        for (uint32_t i = 0; i < here; ++i) {
+            means[i] = means[i] / size;
+        }
+        Normalization().squaredDistances(squares, means, from, here, planes.size, planes.size);
+        for (uint32_t i = 0; i < here; ++i, channel = channel + 1 == planes.channels ? 0 : channel + 1) {
+            const float variance = squares[i] / size + epsilon;
+            const float inverse = static_cast<float>(1.0 / std::sqrt(static_cast<double>(variance)));
+            const float a = inverse * scale.data[channel];
+            const float shift = bias.data[channel] - means[i] * a;
 
-        const int64_t room = int64_t{y.size} - static_cast<int64_t>(offset * sizeof(float));
-        error = memcpy_s(y.data + offset, room, x.data + offset, planeBytes);
-        if (error != 0) {
-            Report(Here(), "memcpy failed, errnum = %d\n", error);
-            return kFailure;
+            const size_t offset = size_t{first + i} * planes.size;
+            const int64_t room = int64_t{y.size} - static_cast<int64_t>(offset * sizeof(float));
+            error = memcpy_s(y.data + offset, room, x.data + offset, planeBytes);
+            if (error != 0) {
+                Report(Here(), "memcpy failed, errnum = %d\n", error);
+                return kFailure;
+            }
+            Normalization().scaleAndShift(y.data + offset, y.data + offset, planes.size, a, shift);
         }
-        ScaleAndShift(y.data + offset, planes.size, a, shift);
     }
     return ExpandOutput(y);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "common/convert.h"
+#include "kernels/normalization.h"
 #include "opkit/attributes/pooling.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -15,66 +16,112 @@ using namespace opkit;
 
 namespace {
 
-// Magnitude of the truncated element; -2^31, which has none, stays.
-float WholeMagnitude(float x)
-{
-    const int32_t n = TruncateToI32(x);
-    const uint32_t magnitude = n < 0 ? 0u - static_cast<uint32_t>(n) : static_cast<uint32_t>(n);
-    return static_cast<float>(static_cast<int32_t>(magnitude));
-}
-
 // Magnitudes have 24 bits, so their first and second powers are exact in f64, and pow gives an exact result as it is.
-struct FirstPower {
-    double operator()(float n) const { return n; }
-    // pow(sum, 1.0)
-    double Root(float sum) const { return sum; }
-};
+// pow(sum, 0.5) is the square root, too: the root of 24 bits stays 2^-50 clear of every boundary between two f32
+// values, and pow errs less.
+struct Norm {
+    int32_t p;
 
-struct SecondPower {
-    double operator()(float n) const { return static_cast<double>(n) * static_cast<double>(n); }
-    // pow(sum, 0.5): the root of 24 bits stays 2^-50 clear of every boundary between two f32 values, pow errs less.
-    double Root(float sum) const { return std::sqrt(static_cast<double>(sum)); }
-};
+    float Root(float sum) const
+    {
+        if (p == 1) {
+            return sum;
+        }
+        return p == 2 ? static_cast<float>(std::sqrt(static_cast<double>(sum)))
+                      : RoundToF32(std::pow(static_cast<double>(sum), 1.0 / static_cast<double>(p)));
+    }
 
-struct AnyPower {
-    double p;
-    double operator()(float n) const { return std::pow(static_cast<double>(n), p); }
-    double Root(float sum) const { return std::pow(static_cast<double>(sum), 1.0 / p); }
-};
-
-constexpr uint32_t kSideBySide = 32;
-
-// `count` neighbouring vectors at once; the elements of one vector lie `distance` apart.
-template <class Power>
-void NormaliseVectors(const float* x, float* y, uint32_t count, uint32_t axisLen, size_t distance, Power power)
-{
-    float norms[kSideBySide] = {};
-    for (uint32_t j = 0; j < axisLen; ++j) {
-        for (uint32_t v = 0; v < count; ++v) {
-            const double term = power(WholeMagnitude(x[j * distance + v]));
-            norms[v] = RoundToF32(static_cast<double>(norms[v]) + term);
+    // Sums of `count` neighbouring vectors, the elements of one vector `distance` apart.
+    void SumColumns(const float* x, float* sums, uint32_t count, uint32_t axisLen, uint32_t distance) const
+    {
+        if (p == 1 || p == 2) {
+            Sums().columns(sums, x, count, axisLen, distance);
+            return;
+        }
+        for (uint32_t j = 0; j < axisLen; ++j) {
+            for (uint32_t v = 0; v < count; ++v) {
+                AddPower(&sums[v], x[size_t{j} * distance + v]);
+            }
         }
     }
-    for (uint32_t v = 0; v < count; ++v) {
-        norms[v] = static_cast<float>(power.Root(norms[v]));
-    }
-    for (uint32_t j = 0; j < axisLen; ++j) {
+
+    // Sums of `count` contiguous vectors.
+    void SumRows(const float* x, float* sums, uint32_t count, uint32_t axisLen) const
+    {
+        if (p == 1 || p == 2) {
+            Sums().rows(sums, x, count, axisLen, axisLen);
+            return;
+        }
         for (uint32_t v = 0; v < count; ++v) {
-            y[j * distance + v] = x[j * distance + v] / norms[v];
+            for (uint32_t j = 0; j < axisLen; ++j) {
+                AddPower(&sums[v], x[size_t{v} * axisLen + j]);
+            }
+        }
+    }
+
+private:
+    const FoldKernels& Sums() const { return p == 1 ? Normalization().wholeMagnitudes : Normalization().wholeSquares; }
+
+    void AddPower(float* sum, float x) const
+    {
+        const int32_t n = TruncateToI32(x);  // -2^31, which has no magnitude, stays
+        const uint32_t magnitude = n < 0 ? 0u - static_cast<uint32_t>(n) : static_cast<uint32_t>(n);
+        const float whole = static_cast<float>(static_cast<int32_t>(magnitude));
+        *sum = RoundToF32(static_cast<double>(*sum) + std::pow(static_cast<double>(whole), static_cast<double>(p)));
+    }
+};
+
+// Sums come from the whole of a block before its first element is divided.
+constexpr uint32_t kBlock = 256;
+
+void NormaliseColumns(const float* x, float* y, uint32_t count, uint32_t axisLen, uint32_t distance, Norm norm)
+{
+    for (uint32_t begin = 0; begin < count; begin += kBlock) {
+        const uint32_t n = count - begin < kBlock ? count - begin : kBlock;
+        float norms[kBlock] = {};
+        norm.SumColumns(x + begin, norms, n, axisLen, distance);
+        for (uint32_t v = 0; v < n; ++v) {
+            norms[v] = norm.Root(norms[v]);
+        }
+        for (uint32_t j = 0; j < axisLen; ++j) {
+            const float* const from = x + size_t{j} * distance + begin;
+            float* const to = y + size_t{j} * distance + begin;
+            for (uint32_t v = 0; v < n; ++v) {
+                to[v] = from[v] / norms[v];
+            }
         }
     }
 }
 
-template <class Power>
-void Normalise(const float* x, float* y, int32_t vectors, uint32_t axisLen, uint32_t distance, Power power)
+void NormaliseRows(const float* x, float* y, uint32_t count, uint32_t axisLen, Norm norm)
 {
-    const size_t block = size_t{distance} * axisLen;
-    for (uint32_t left = vectors > 0 ? static_cast<uint32_t>(vectors) : 0; left > 0; x += block, y += block) {
-        const uint32_t here = left < distance ? left : distance;
-        for (uint32_t v = 0; v < here; v += kSideBySide) {
-            const uint32_t count = here - v < kSideBySide ? here - v : kSideBySide;
-            NormaliseVectors(x + v, y + v, count, axisLen, distance, power);
+    constexpr uint32_t kRows = 16;  // few, so that they are still near when they are divided
+    for (uint32_t begin = 0; begin < count; begin += kRows) {
+        const uint32_t n = count - begin < kRows ? count - begin : kRows;
+        float norms[kRows] = {};
+        norm.SumRows(x + size_t{begin} * axisLen, norms, n, axisLen);
+        for (uint32_t v = 0; v < n; ++v) {
+            const float root = norm.Root(norms[v]);
+            const float* const from = x + size_t{begin + v} * axisLen;
+            float* const to = y + size_t{begin + v} * axisLen;
+            for (uint32_t j = 0; j < axisLen; ++j) {
+                to[j] = from[j] / root;
+            }
         }
+    }
+}
+
+void Normalise(const float* x, float* y, int32_t vectors, uint32_t axisLen, uint32_t distance, Norm norm)
+{
+    uint32_t left = vectors > 0 ? static_cast<uint32_t>(vectors) : 0;
+    if (distance == 1) {
+        NormaliseRows(x, y, left, axisLen, norm);
+        return;
+    }
+    const size_t block = size_t{distance} * axisLen;
+    for (; left > 0; x += block, y += block) {
+        const uint32_t here = left < distance ? left : distance;
+        NormaliseColumns(x, y, here, axisLen, distance, norm);
         left -= here;
     }
 }
@@ -101,12 +148,6 @@ uint32_t LpNormOpkitForward(LayerParam* param)
     if (vectors > 0) {
         std::memset(y.data, 0, static_cast<uint32_t>(vectors) * sizeof(float));
     }
-    if (attr.p == 1) {
-        Normalise(x.data, y.data, vectors, axisLen, distance, FirstPower());
-    } else if (attr.p == 2) {
-        Normalise(x.data, y.data, vectors, axisLen, distance, SecondPower());
-    } else {
-        Normalise(x.data, y.data, vectors, axisLen, distance, AnyPower{static_cast<double>(attr.p)});
-    }
+    Normalise(x.data, y.data, vectors, axisLen, distance, {attr.p});
     return ExpandOutputChecked(y);
 }

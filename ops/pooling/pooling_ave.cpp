@@ -22,6 +22,23 @@ uint32_t Extent(const PoolAxis& axis, uint32_t paddedSize, uint32_t i)
     return Smaller(axis.End(i), paddedSize) - static_cast<uint32_t>(axis.Start(i));
 }
 
+void Divide(float* sums, uint32_t count, float divisor)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        sums[i] = sums[i] / divisor;
+    }
+}
+
+// Areas are signed when they become f32: huge extents wrap.
+void DivideWithPadding(float* sums, uint32_t count, uint32_t area, uint32_t elements, float padValue)
+{
+    const float padding = static_cast<float>(static_cast<int32_t>(area - elements)) * padValue;
+    const float divisor = static_cast<float>(static_cast<int32_t>(area));
+    for (uint32_t i = 0; i < count; ++i) {
+        sums[i] = (padding + sums[i]) / divisor;
+    }
+}
+
 // Columns before the first one whose windows hold no element.
 uint32_t ColumnsBeforeEmpty(const PoolColumns& columns)
 {
@@ -68,16 +85,16 @@ int32_t PoolingAveOpkitForwardCore(LayerParam* param)
             columns.ForEachRun(plane, pitch, rows, count,
                                [&](const PoolWindows& windows, uint32_t ow) { Pooling().sum(windows, outRow + ow); });
             const uint32_t height = Extent(rowAxis, paddedH, oh);
-            for (uint32_t ow = 0; ow < count; ++ow) {
+            for (uint32_t ow = 0; ow < count;) {
+                const uint32_t end = columns.RunEnd(ow, count);
                 const uint32_t elements = rows.Length() * columns.axis.Clip(ow).Length();
                 if (includePad) {
-                    // Signed when they become f32: huge extents wrap.
-                    const int32_t area = static_cast<int32_t>(height * Extent(columns.axis, paddedW, ow));
-                    const int32_t padded = static_cast<int32_t>(static_cast<uint32_t>(area) - elements);
-                    outRow[ow] = (static_cast<float>(padded) * attr.padValue + outRow[ow]) / static_cast<float>(area);
+                    const uint32_t area = height * Extent(columns.axis, paddedW, ow);
+                    DivideWithPadding(outRow + ow, end - ow, area, elements, attr.padValue);
                 } else {
-                    outRow[ow] = outRow[ow] / static_cast<float>(elements);
+                    Divide(outRow + ow, end - ow, static_cast<float>(elements));
                 }
+                ow = end;
             }
             if (count < shape.outW) {
                 outRow[count] = 0.0f;

@@ -57,6 +57,13 @@ struct PoolColumns {
         }
     }
 
+    // End of the run of windows of one size that begins at window i, among the first `columns` ones.
+    uint32_t RunEnd(uint32_t i, uint32_t columns) const
+    {
+        const bool together = i == firstWhole && endWhole > firstWhole;
+        return together ? (endWhole < columns ? endWhole : columns) : i + 1;
+    }
+
     // Calls run(windows, first) for runs of windows of the first `columns` columns, `first` being a run's first column.
     template <class Run>
     void ForEachRun(const float* plane, size_t pitch, PoolRange rows, uint32_t columns, Run run) const
@@ -66,8 +73,7 @@ struct PoolColumns {
         windows.rows = rows.Length();
         windows.step = static_cast<int32_t>(axis.stride);
         for (uint32_t i = 0; i < columns && windows.rows != 0;) {
-            const bool together = i == firstWhole && endWhole > firstWhole;
-            const uint32_t end = together ? (endWhole < columns ? endWhole : columns) : i + 1;
+            const uint32_t end = RunEnd(i, columns);
             const PoolRange range = axis.Clip(i);
             windows.columns = range.Length();
             windows.count = end - i;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "kernels/lanes.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
 #include "ops/selection/lanes.h"
@@ -13,31 +14,6 @@
 using namespace opkit;
 
 namespace {
-
-constexpr size_t kSideBySide = 8;
-
-// kCount neighbouring lanes of contiguous elements, walked together.
-template <size_t kCount>
-void SumContiguousLanes(const float* in, float* out, size_t length, bool reverse)
-{
-    const ptrdiff_t step = reverse ? -1 : 1;
-    const ptrdiff_t begin = reverse ? static_cast<ptrdiff_t>(length) - 1 : 0;
-    const float* x = in + begin;
-    float* y = out + begin;
-    float sums[kCount];
-    for (size_t lane = 0; lane < kCount; ++lane) {
-        sums[lane] = x[lane * length];
-        y[lane * length] = sums[lane];
-    }
-    for (size_t j = 1; j < length; ++j) {
-        x += step;
-        y += step;
-        for (size_t lane = 0; lane < kCount; ++lane) {
-            sums[lane] = x[lane * length] + sums[lane];
-            y[lane * length] = sums[lane];
-        }
-    }
-}
 
 void AddRows(const float* in, const float* previous, float* out, size_t count)
 {
@@ -68,21 +44,15 @@ void Subtract(const float* in, float* out, size_t count)
 void SumLanes(const float* in, float* out, const Lanes& lanes, bool reverse, bool exclusive)
 {
     const size_t inner = lanes.inner;
-    for (size_t lane = 0; lane < lanes.count;) {
-        const bool together = inner == 1 && lanes.count - lane >= kSideBySide;
-        const size_t step = together ? kSideBySide : inner;
-        const size_t begin = lane * lanes.length;
-        if (together) {
-            SumContiguousLanes<kSideBySide>(in + begin, out + begin, lanes.length, reverse);
-        } else if (inner == 1) {
-            SumContiguousLanes<1>(in + begin, out + begin, lanes.length, reverse);
-        } else {
-            SumRows(in + begin, out + begin, lanes.length, inner, reverse);
-        }
-        if (exclusive) {
-            Subtract(in + begin, out + begin, step * lanes.length);
-        }
-        lane += step;
+    const size_t total = size_t{lanes.count} * lanes.length;
+    if (inner == 1) {
+        LaneLoops().runningSums(in, out, lanes.count, lanes.length, reverse);
+    }
+    for (size_t begin = 0; inner != 1 && begin < total; begin += inner * lanes.length) {
+        SumRows(in + begin, out + begin, lanes.length, inner, reverse);
+    }
+    if (exclusive) {
+        Subtract(in, out, total);
     }
 }
 

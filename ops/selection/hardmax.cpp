@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "kernels/lanes.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -13,54 +14,14 @@ using namespace opkit;
 
 namespace {
 
-// Place of the first largest of `count` contiguous elements; 0 when there are none.
-size_t FirstLargest(const float* x, size_t count)
-{
-    constexpr size_t kSideBySide = 16;
-    if (count == 0) {
-        return 0;
-    }
-    float largest[kSideBySide];
-    for (float& candidate : largest) {
-        candidate = x[0];
-    }
-    size_t j = 0;
-    for (; j + kSideBySide <= count; j += kSideBySide) {
-        for (size_t i = 0; i < kSideBySide; ++i) {
-            largest[i] = x[j + i] > largest[i] ? x[j + i] : largest[i];
-        }
-    }
-    for (; j < count; ++j) {
-        largest[0] = x[j] > largest[0] ? x[j] : largest[0];
-    }
-    for (size_t i = 1; i < kSideBySide; ++i) {
-        largest[0] = largest[i] > largest[0] ? largest[i] : largest[0];
-    }
-    for (j = 0; j < count; ++j) {
-        if (x[j] == largest[0]) {
-            return j;
-        }
-    }
-    return 0;  // a NaN came first
-}
-
 // Marks the first largest of each of `count` neighbouring columns of [length, inner].
 void MarkColumns(const float* x, float* out, size_t count, size_t length, size_t inner)
 {
-    constexpr size_t kBlock = 64;
+    constexpr size_t kBlock = 512;
     for (size_t begin = 0; begin < count; begin += kBlock) {
         const size_t n = count - begin < kBlock ? count - begin : kBlock;
-        float largest[kBlock];
-        uint32_t places[kBlock] = {};
-        std::memcpy(largest, x + begin, n * sizeof(float));
-        for (size_t j = 1; j < length; ++j) {
-            const float* const row = x + j * inner + begin;
-            for (size_t i = 0; i < n; ++i) {
-                const bool above = row[i] > largest[i];
-                largest[i] = above ? row[i] : largest[i];
-                places[i] = above ? static_cast<uint32_t>(j) : places[i];
-            }
-        }
+        uint32_t places[kBlock];
+        LaneLoops().firstLargestOfColumns(x + begin, places, n, length, inner);
         for (size_t i = 0; i < n; ++i) {
             out[places[i] * inner + begin + i] = 1.0f;
         }
@@ -70,7 +31,7 @@ void MarkColumns(const float* x, float* out, size_t count, size_t length, size_t
 void MarkRows(const float* x, float* out, size_t rows, size_t length)
 {
     for (size_t row = 0; row < rows; ++row) {
-        out[row * length + FirstLargest(x + row * length, length)] = 1.0f;
+        out[row * length + LaneLoops().firstLargest(x + row * length, length)] = 1.0f;
     }
 }
 

@@ -5,7 +5,7 @@
 // rest of the output. Nothing reports the count.
 
 #include "common/bounded_memory.h"
-#include "common/float_compare.h"
+#include "kernels/lanes.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
@@ -13,34 +13,14 @@ using namespace opkit;
 
 namespace {
 
-uint32_t CountNonZero(const float* x, uint32_t count)
-{
-    uint32_t found = 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        found += NearZero(x[i]) ? 0 : 1;
-    }
-    return found;
-}
-
-// Writes the columns of a row's non-zero elements and returns how many there are. What is written for an element that
-// is zero is overwritten by the next; `limit` non-zero elements are still to come, so that there is a next.
-uint32_t WriteColumns(const float* x, uint32_t width, float* out, uint32_t limit)
-{
-    uint32_t found = 0;
-    for (uint32_t column = 0; column < width && found < limit; ++column) {
-        out[found] = static_cast<float>(column);
-        found += NearZero(x[column]) ? 0 : 1;
-    }
-    return found;
-}
-
 void WriteCoordinates(const Input& in, float* out, uint32_t count)
 {
     const size_t pitch = in.Pitch();
     float* const columns = out + size_t{count} * static_cast<uint32_t>(in.dimNum - 1);
     const uint32_t rows = in.count / in.width;
     for (uint32_t row = 0, done = 0; row < rows && done < count; ++row) {
-        const uint32_t found = WriteColumns(in.data + row * pitch, in.width, columns + done, count - done);
+        // What is found is never more than is still to come.
+        const uint32_t found = LaneLoops().nonZeroPlaces(in.data + row * pitch, in.width, columns + done, count - done);
         if (found == 0) {
             continue;
         }
@@ -70,7 +50,7 @@ uint32_t NonZeroOpkitForward(LayerParam* param)
     uint32_t count = 0;
     if (in.count != 0) {
         ForEachRowRun(in.count, in.width, in.Pitch(), in.width, in.Pitch(),
-                      [&](size_t from, size_t, uint32_t n) { count += CountNonZero(in.data + from, n); });
+                      [&](size_t from, size_t, uint32_t n) { count += LaneLoops().countNonZero(in.data + from, n); });
     }
     const uint64_t packed = uint64_t{static_cast<uint32_t>(in.dimNum)} * count;
     const uint32_t restBytes = (out.count - static_cast<uint32_t>(packed)) * static_cast<uint32_t>(sizeof(float));

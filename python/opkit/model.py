@@ -307,7 +307,8 @@ def _split_items(spec, array):
     shape = spec.shape
     while array.shape[max(array.ndim - len(shape), 0):] != shape:
         if not shape or shape[0] != 1:
-            raise OpkitError(f"input {spec.name} has shape {spec.shape}; the array's {array.shape} does not end like it")
+            raise OpkitError(f"input {spec.name} has shape {spec.shape}; "
+                             f"the array's {array.shape} does not end like it")
         shape = shape[1:]
     front = array.shape[:array.ndim - len(shape)]
     items = math.prod(front)

@@ -281,8 +281,10 @@ inline void Convolution(CaseMaker& make)
     attr.strideW = make.Int(1, 3);
     attr.height = (attr.kernelH - 1) * attr.dilationH + make.Int(1, 5);
     attr.width = (attr.kernelW - 1) * attr.dilationW + make.Int(1, 5);
-    attr.outHeight = (attr.height + attr.padTop + attr.padBottom - (attr.kernelH - 1) * attr.dilationH - 1) / attr.strideH + 1;
-    attr.outWidth = (attr.width + attr.padLeft + attr.padRight - (attr.kernelW - 1) * attr.dilationW - 1) / attr.strideW + 1;
+    attr.outHeight =
+        (attr.height + attr.padTop + attr.padBottom - (attr.kernelH - 1) * attr.dilationH - 1) / attr.strideH + 1;
+    attr.outWidth =
+        (attr.width + attr.padLeft + attr.padRight - (attr.kernelW - 1) * attr.dilationW - 1) / attr.strideW + 1;
     attr.colChannels = attr.channels * attr.kernelH * attr.kernelW;
     attr.groupNum = groups;
     attr.outChannels = groups * make.Int(1, 3);

@@ -17,6 +17,7 @@
 #include "modelkit/model_reader.h"
 #include "modelkit/request.h"
 #include "tests/modelkit/check_cases.h"
+#include "tests/support/levels.h"
 
 extern "C" __attribute__((weak)) void __asan_init();
 
@@ -77,7 +78,8 @@ public:
     std::span<std::byte> Span() { return {data_, size_}; }
     bool Untouched() const
     {
-        return std::all_of(begin_, begin_ == nullptr ? begin_ : data_, [](std::byte b) { return b == std::byte{kSlack}; });
+        return std::all_of(begin_, begin_ == nullptr ? begin_ : data_,
+                           [](std::byte b) { return b == std::byte{kSlack}; });
     }
 
 private:
@@ -92,9 +94,12 @@ private:
 // A request whose memory is fenced.
 class FencedRequest {
 public:
-    FencedRequest(const ForwardParam& like, const ModelOffsets& offsets)
-        : like_(like), offsets_(offsets), model_(like.modelSize), scratch_(like.opkitBufSize)
+    FencedRequest(const ForwardParam& like, const std::vector<ModelTable>& tables)
+        : like_(like), model_(like.modelSize), scratch_(like.opkitBufSize)
     {
+        for (const ModelTable& table : tables) {
+            tables_.push_back({table.layerTableOffset, table.layerTableSize});
+        }
         for (const auto& [tensors, count] : {std::pair(like.inputs, like.inputNum), {like.outputs, like.outputNum}}) {
             for (uint32_t i = 0; i < count; ++i) {
                 blocks_.push_back(std::make_unique<FencedBlock>(tensors[i].size));
@@ -104,9 +109,9 @@ public:
         }
     }
 
-    // Runs on a copy of `model`. With a generator all tensors and the scratch hold any bits, else the data of the request
-    // that this one is like.
-    uint32_t Run(std::span<const std::byte> model, Random* random)
+    // Runs all tables on a copy of `model`. With a generator all tensors and the scratch hold any bits, else the data
+    // of the request that this one is like.
+    void Run(std::span<const std::byte> model, Random* random)
     {
         std::memcpy(model_.Span().data(), model.data(), model.size());
         Fill(scratch_.Span(), static_cast<const std::byte*>(like_.opkitBuf), random);
@@ -120,15 +125,15 @@ public:
         param.outputs = infos_.data() + like_.inputNum;
         param.opkitBuf = like_.opkitBufSize == 0 ? nullptr : scratch_.Span().data();
         param.model = model_.Span().data();
-        ModelOffsets offsets = offsets_;
-        param.attr = &offsets;
-        SetBoxCounts();
-        const uint32_t result = OpkitForward(&param);
+        for (ModelOffsets offsets : tables_) {
+            param.attr = &offsets;
+            SetBoxCounts();
+            OpkitForward(&param);
+        }
         if (!model_.Untouched() || !scratch_.Untouched() ||
             !std::all_of(blocks_.begin(), blocks_.end(), [](const auto& block) { return block->Untouched(); })) {
             std::abort();
         }
-        return result;
     }
 
 private:
@@ -146,7 +151,7 @@ private:
     }
 
     const ForwardParam& like_;
-    ModelOffsets offsets_;
+    std::vector<ModelOffsets> tables_;
     FencedBlock model_;
     FencedBlock scratch_;
     std::vector<std::unique_ptr<FencedBlock>> blocks_;
@@ -266,7 +271,8 @@ std::vector<Corruption> CorruptionsOf(const Model& model, Random& random)
             for (uint64_t j = 0; j < layer.offline.size() + 1; ++j) {
                 const uint64_t shape = attr + offsetof(LayerAttrHead, offlineShape) + j * sizeof(OfflineShape);
                 list.Word(attr + j * 4);
-                list.Words(shape, 4 * std::min<uint64_t>(j < layer.offline.size() ? layer.offline[j].shape.size() : 1, 10));
+                list.Words(shape,
+                           4 * std::min<uint64_t>(j < layer.offline.size() ? layer.offline[j].shape.size() : 1, 10));
                 list.Word(shape + offsetof(OfflineShape, dimNum));
             }
             list.Word(attr + offsetof(LayerAttrHead, offlineInputNum));
@@ -323,8 +329,7 @@ void RunCorruptions(const Model& model, const ForwardParam& like, const std::vec
         _exit(3);
     }
     const CheckRequest request = RequestOf(like);
-    const ModelTable& table = model.tables[0];
-    FencedRequest fenced(like, {table.layerTableOffset, table.layerTableSize});
+    FencedRequest fenced(like, model.tables);
     std::vector<std::byte> bytes(model.bytes.Span().begin(), model.bytes.Span().end());
     Random random(seed);
     for (progress->index = 0; progress->index < corruptions.size(); ++progress->index) {
@@ -370,6 +375,7 @@ public:
         const std::vector<Corruption> more = CorruptionsOf(model, random);
         corruptions.insert(corruptions.end(), more.begin(), more.end());
         *progress_ = {};
+        const LevelScope level(static_cast<Level>(random.Int(0, static_cast<int32_t>(DetectedLevel()))));
         std::fflush(stdout);  // or the child would print it once more
         const pid_t child = fork();
         ASSERT_NE(child, -1);
@@ -389,8 +395,9 @@ public:
     void Report(const char* what) const
     {
         std::printf("%s: %llu corruptions, %llu refused, %llu ran clean, %llu under other conditions\n", what,
-                    static_cast<unsigned long long>(tally_.corruptions), static_cast<unsigned long long>(tally_.refused),
-                    static_cast<unsigned long long>(tally_.clean), static_cast<unsigned long long>(tally_.conditional));
+                    static_cast<unsigned long long>(tally_.corruptions),
+                    static_cast<unsigned long long>(tally_.refused), static_cast<unsigned long long>(tally_.clean),
+                    static_cast<unsigned long long>(tally_.conditional));
     }
     const Tally& Total() const { return tally_; }
 
@@ -467,6 +474,47 @@ TEST(CheckCorruption, Digits)
     corruptions.Run(model, request.Param(), random, "digits");
     corruptions.Report("digits");
     EXPECT_GT(corruptions.Total().refused, 1000u);
+}
+
+// A loop in three tables: its head, a body that doubles, and what follows.
+TEST(CheckCorruption, Loop)
+{
+    ModelBuilder builder;
+    const TensorRef in = builder.AddInput({"in", {2, 3}, 16});
+    const TensorRef out = builder.AddOutput({"out", {2, 3}, 32});
+    const TensorRef condition = builder.AddScratch({"condition", {1}});
+    const TensorRef value = builder.AddScratch({"value", {2, 3}});
+    const TensorRef doubled = builder.AddScratch({"doubled", {2, 3}});
+    const TensorRef result = builder.AddScratch({"result", {2, 3}});
+    LoopAttr loop = {};
+    loop.condition = -1;
+    loop.inputCursor = 1;
+    loop.tripCount = 5;
+    loop.carriedNum = 1;
+    loop.exitSegId = 3;
+    builder.BeginTable(1, "head");
+    LayerBuilder& head = builder.AddLayer("LoopOpkitForward").Offline({1}, {1}).Online(in).Online(condition);
+    head.Online(doubled).Output(condition).Output(value).Output(result).Attr(loop);
+    builder.NextSegment(2);
+    builder.BeginTable(2, "body");
+    BinaryMathAttr sum = {};
+    builder.AddLayer("BinaryMathOpkitForward").Online(value).Online(value).Output(doubled).Attr(sum);
+    CondEndAttr end = {};
+    end.loopBranch = 1;
+    end.condValue = 1;
+    end.nextSegId = 1;
+    builder.AddLayer("CondEndOpkitForward").Online(doubled).Output(condition).Attr(end);
+    builder.BeginTable(3, "after");
+    builder.AddLayer("NegOpkitForward").Online(result).Output(out);
+    const Model model = builder.Build();
+    EXPECT_TRUE(CheckModel(model).Unconditional()) << TextOf(CheckModel(model));
+    Corruptions corruptions;
+    ForRandomCases(IsLong() ? 60 : 2, [&](Random& random) {
+        Request request(model, 2);
+        corruptions.Run(model, request.Param(), random, "loop");
+    });
+    corruptions.Report("loop");
+    EXPECT_GT(corruptions.Total().clean, 1000u);
 }
 
 // Bytes without sense: the check itself stays inside them.

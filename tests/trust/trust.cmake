@@ -18,9 +18,36 @@ add_executable(opkit_hashes EXCLUDE_FROM_ALL differential/hashes.cpp ${opkit_ope
 target_link_libraries(opkit_hashes PRIVATE opkit_test_flags opkit_test_alloc_fault)
 set_target_properties(opkit_hashes PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 
+# All tests of the library in one program; see script/mutate.
+get_property(opkit_library_tests GLOBAL PROPERTY opkit_library_tests)
+set(opkit_library_test_objects "")
+foreach(test IN LISTS opkit_library_tests)
+  list(APPEND opkit_library_test_objects $<TARGET_OBJECTS:${test}>)
+endforeach()
+add_executable(opkit_library_tests EXCLUDE_FROM_ALL ${opkit_library_test_objects})
+target_link_libraries(opkit_library_tests PRIVATE opkit_test_flags opkit_test_alloc_fault)
+set_target_properties(opkit_library_tests PROPERTIES POSITION_INDEPENDENT_CODE OFF LINKER_LANGUAGE CXX)
+
 # See script/fuzz.
 if(nlohmann_json_FOUND)
   add_executable(opkit_fuzz_seeds EXCLUDE_FROM_ALL ${PROJECT_SOURCE_DIR}/fuzz/seeds.cpp ${opkit_operator_cases})
   target_link_libraries(opkit_fuzz_seeds PRIVATE opkit_test_flags opkit_test_alloc_fault nlohmann_json::nlohmann_json)
   set_target_properties(opkit_fuzz_seeds PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+endif()
+
+if(NOT OPKIT_SANITIZE AND NOT OPKIT_COVERAGE)
+  add_executable(reload_test trust/reload_test.c)
+  target_include_directories(reload_test PRIVATE ${PROJECT_SOURCE_DIR}/include)
+  target_compile_definitions(reload_test PRIVATE _GNU_SOURCE)
+  target_link_libraries(reload_test PRIVATE ${CMAKE_DL_LIBS})
+  add_dependencies(reload_test opkit)
+  add_test(NAME trust/reload_test COMMAND reload_test $<TARGET_FILE:opkit>)
+endif()
+
+# A short soak; script/test-long runs the long one.
+if(OPKIT_BUILD_EXAMPLES)
+  add_executable(opkit_soak trust/soak.cpp)
+  target_link_libraries(opkit_soak PRIVATE opkit_modelkit opkit_objects Threads::Threads xtensor)
+  target_include_directories(opkit_soak PRIVATE ${PROJECT_SOURCE_DIR})
+  add_test(NAME trust/soak COMMAND opkit_soak ${PROJECT_SOURCE_DIR}/examples/digits/data 4000 4)
 endif()

@@ -1,0 +1,103 @@
+// The loops of folds: kinds give Step(accumulator, element) for floats and for vectors.
+#ifndef OPKIT_KERNELS_FOLDS_H
+#define OPKIT_KERNELS_FOLDS_H
+
+#include "kernels/reduction.h"
+#include "kernels/vector.h"
+
+namespace opkit {
+namespace {  // internal linkage: levels must not share code
+
+// Four rows at a time: their accumulators are loaded and stored once. A block of accumulators stays in the first cache.
+template <class Kind>
+void Columns(float* __restrict acc, const float* __restrict x, size_t count, size_t rows, size_t rowStride)
+{
+    constexpr size_t kBlock = 2048;
+    for (size_t begin = 0; begin < count; begin += kBlock) {
+        const size_t n = count - begin < kBlock ? count - begin : kBlock;
+        float* const a = acc + begin;
+        const float* row = x + begin;
+        size_t left = rows;
+        for (; left >= 4; left -= 4, row += 4 * rowStride) {
+            const float* const second = row + rowStride;
+            const float* const third = row + 2 * rowStride;
+            const float* const fourth = row + 3 * rowStride;
+            for (size_t j = 0; j < n; ++j) {
+                const float half = Kind::Step(Kind::Step(a[j], row[j]), second[j]);
+                a[j] = Kind::Step(Kind::Step(half, third[j]), fourth[j]);
+            }
+        }
+        for (; left > 0; --left, row += rowStride) {
+            for (size_t j = 0; j < n; ++j) {
+                a[j] = Kind::Step(a[j], row[j]);
+            }
+        }
+    }
+}
+
+// Loads a square of elements and turns it, so that square[i] holds element i of every row.
+inline void LoadTurned(const float* const (&row)[kLanes], size_t column, Vec (&square)[kLanes])
+{
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+        square[lane] = Load(row[lane] + column);
+    }
+    TransposeSquare(square);
+}
+
+// One row per lane, up to kLanes of them; lanes without a row of their own repeat the last one. step(acc, elements)
+// takes vectors.
+template <class Step>
+void FoldRowGroup(float* acc, const float* x, size_t rows, size_t rowStride, size_t length, Step step)
+{
+    const float* row[kLanes];
+    Vec a;
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+        const size_t r = lane < rows ? lane : rows - 1;
+        row[lane] = x + r * rowStride;
+        a[lane] = acc[r];
+    }
+    size_t j = 0;
+    for (; j + kLanes <= length; j += kLanes) {
+        Vec square[kLanes];
+        LoadTurned(row, j, square);
+        for (size_t i = 0; i < kLanes; ++i) {
+            a = step(a, square[i]);
+        }
+    }
+    for (; j < length; ++j) {
+        Vec column;
+        for (size_t lane = 0; lane < kLanes; ++lane) {
+            column[lane] = row[lane][j];
+        }
+        a = step(a, column);
+    }
+    for (size_t lane = 0; lane < rows; ++lane) {
+        acc[lane] = a[lane];
+    }
+}
+
+template <class Kind>
+void Rows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
+{
+    for (size_t begin = 0; begin < count; begin += kLanes) {
+        const size_t rows = count - begin < kLanes ? count - begin : kLanes;
+        const float* const first = x + begin * rowStride;
+        if (rows > 1) {
+            FoldRowGroup(acc + begin, first, rows, rowStride, length, [](Vec a, Vec b) { return Kind::Step(a, b); });
+            continue;
+        }
+        float a = acc[begin];
+        for (size_t j = 0; j < length; ++j) {
+            a = Kind::Step(a, first[j]);
+        }
+        acc[begin] = a;
+    }
+}
+
+template <class Kind>
+constexpr FoldKernels kFold = {Columns<Kind>, Rows<Kind>};
+
+}  // namespace
+}  // namespace opkit
+
+#endif  // OPKIT_KERNELS_FOLDS_H

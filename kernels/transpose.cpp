@@ -1,0 +1,84 @@
+// Transposition; see kernels/level.h for the levels. Only moves.
+
+#include "kernels/transpose.h"
+
+#include <xmmintrin.h>
+
+#include "kernels/vector.h"
+
+namespace opkit::OPKIT_LEVEL {
+namespace {
+
+void Square(const float* in, size_t inStep, float* out, size_t outStep)
+{
+    Vec square[kLanes];
+#pragma GCC unroll 16
+    for (size_t i = 0; i < kLanes; ++i) {
+        square[i] = Load(in + i * inStep);
+    }
+    TransposeSquare(square);
+#pragma GCC unroll 16
+    for (size_t i = 0; i < kLanes; ++i) {
+        Store(out + i * outStep, square[i]);
+    }
+}
+
+// What is left beside the squares: by four, then one by one.
+__attribute__((noinline)) void Edge(const float* in, size_t inStep, float* out, size_t outStep, size_t rows,
+                                    size_t columns)
+{
+    size_t c = 0;
+    for (; c + 4 <= columns; c += 4) {
+        const float* const from = in + c * inStep;
+        size_t r = 0;
+        for (; r + 4 <= rows; r += 4) {
+            __m128 first = _mm_loadu_ps(from + r);
+            __m128 second = _mm_loadu_ps(from + inStep + r);
+            __m128 third = _mm_loadu_ps(from + 2 * inStep + r);
+            __m128 fourth = _mm_loadu_ps(from + 3 * inStep + r);
+            _MM_TRANSPOSE4_PS(first, second, third, fourth);
+            float* const to = out + r * outStep + c;
+            _mm_storeu_ps(to, first);
+            _mm_storeu_ps(to + outStep, second);
+            _mm_storeu_ps(to + 2 * outStep, third);
+            _mm_storeu_ps(to + 3 * outStep, fourth);
+        }
+        for (size_t i = 0; i < 4; ++i) {
+            for (size_t rest = r; rest < rows; ++rest) {
+                out[rest * outStep + c + i] = from[i * inStep + rest];
+            }
+        }
+    }
+    for (; c < columns; ++c) {
+        for (size_t r = 0; r < rows; ++r) {
+            out[r * outStep + c] = in[c * inStep + r];
+        }
+    }
+}
+
+// By strips of rows: whole cache lines of both sides are done with while they are near.
+void Plane(const float* in, size_t inStep, float* out, size_t outStep, size_t rows, size_t columns)
+{
+    constexpr size_t kStrip = 64;
+    const size_t wholeColumns = columns / kLanes * kLanes;
+    for (size_t strip = 0; strip < rows; strip += kStrip) {
+        const size_t height = rows - strip < kStrip ? rows - strip : kStrip;
+        const size_t wholeRows = height / kLanes * kLanes;
+        const float* const from = in + strip;
+        float* const to = out + strip * outStep;
+        for (size_t c = 0; c < wholeColumns; c += kLanes) {
+            for (size_t r = 0; r < wholeRows; r += kLanes) {
+                Square(from + c * inStep + r, inStep, to + r * outStep + c, outStep);
+            }
+            Edge(from + c * inStep + wholeRows, inStep, to + wholeRows * outStep + c, outStep, height - wholeRows,
+                 kLanes);
+        }
+        Edge(from + wholeColumns * inStep, inStep, to + wholeColumns, outStep, height, columns - wholeColumns);
+    }
+}
+
+}  // namespace
+
+extern const TransposeKernels transposeKernels = {Plane};
+
+}  // namespace opkit::OPKIT_LEVEL
