@@ -24,14 +24,13 @@ void Square(const float* in, size_t inStep, float* out, size_t outStep)
 }
 
 // What is left beside the squares: by four, then one by one.
-__attribute__((noinline)) void Edge(const float* in, size_t inStep, float* out, size_t outStep, size_t rows,
-                                    size_t columns)
+void Edge(const float* in, size_t inStep, float* out, size_t outStep, uint32_t rows, uint32_t columns)
 {
-    size_t c = 0;
-    for (; c + 4 <= columns; c += 4) {
+    const uint32_t wholeRows = rows / 4 * 4;
+    const uint32_t wholeColumns = columns / 4 * 4;
+    for (uint32_t c = 0; c < wholeColumns; c += 4) {
         const float* const from = in + c * inStep;
-        size_t r = 0;
-        for (; r + 4 <= rows; r += 4) {
+        for (uint32_t r = 0; r < wholeRows; r += 4) {
             __m128 first = _mm_loadu_ps(from + r);
             __m128 second = _mm_loadu_ps(from + inStep + r);
             __m128 third = _mm_loadu_ps(from + 2 * inStep + r);
@@ -43,35 +42,36 @@ __attribute__((noinline)) void Edge(const float* in, size_t inStep, float* out, 
             _mm_storeu_ps(to + 2 * outStep, third);
             _mm_storeu_ps(to + 3 * outStep, fourth);
         }
-        for (size_t i = 0; i < 4; ++i) {
-            for (size_t rest = r; rest < rows; ++rest) {
-                out[rest * outStep + c + i] = from[i * inStep + rest];
+        for (uint32_t r = wholeRows; r < rows; ++r) {
+            for (uint32_t i = 0; i < 4; ++i) {
+                out[r * outStep + c + i] = from[i * inStep + r];
             }
         }
     }
-    for (; c < columns; ++c) {
-        for (size_t r = 0; r < rows; ++r) {
+    for (uint32_t c = wholeColumns; c < columns; ++c) {
+        for (uint32_t r = 0; r < rows; ++r) {
             out[r * outStep + c] = in[c * inStep + r];
         }
     }
 }
 
 // By strips of rows: whole cache lines of both sides are done with while they are near.
-void Plane(const float* in, size_t inStep, float* out, size_t outStep, size_t rows, size_t columns)
+void Plane(const float* in, size_t inStep, float* out, size_t outStep, uint32_t rows, uint32_t columns)
 {
-    constexpr size_t kStrip = 64;
-    const size_t wholeColumns = columns / kLanes * kLanes;
-    for (size_t strip = 0; strip < rows; strip += kStrip) {
-        const size_t height = rows - strip < kStrip ? rows - strip : kStrip;
-        const size_t wholeRows = height / kLanes * kLanes;
+    constexpr uint32_t kStrip = 64;
+    constexpr uint32_t kSide = kLanes;
+    const uint32_t wholeColumns = columns / kSide * kSide;
+    for (uint32_t strip = 0; strip < rows; strip += kStrip) {
+        const uint32_t height = rows - strip < kStrip ? rows - strip : kStrip;
+        const uint32_t wholeRows = height / kSide * kSide;
         const float* const from = in + strip;
         float* const to = out + strip * outStep;
-        for (size_t c = 0; c < wholeColumns; c += kLanes) {
-            for (size_t r = 0; r < wholeRows; r += kLanes) {
+        for (uint32_t c = 0; c < wholeColumns; c += kSide) {
+            for (uint32_t r = 0; r < wholeRows; r += kSide) {
                 Square(from + c * inStep + r, inStep, to + r * outStep + c, outStep);
             }
             Edge(from + c * inStep + wholeRows, inStep, to + wholeRows * outStep + c, outStep, height - wholeRows,
-                 kLanes);
+                 kSide);
         }
         Edge(from + wholeColumns * inStep, inStep, to + wholeColumns, outStep, height, columns - wholeColumns);
     }

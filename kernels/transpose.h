@@ -8,7 +8,7 @@ namespace opkit {
 
 struct TransposeKernels {
     // out[r * outStep + c] = in[c * inStep + r] for r below `rows` and c below `columns`. The two do not overlap.
-    void (*plane)(const float* in, size_t inStep, float* out, size_t outStep, size_t rows, size_t columns);
+    void (*plane)(const float* in, size_t inStep, float* out, size_t outStep, uint32_t rows, uint32_t columns);
 };
 OPKIT_KERNEL_TABLE(TransposeKernels, transposeKernels, Transposing)
 

@@ -17,18 +17,21 @@ constexpr size_t kLanes = 8;
 constexpr size_t kLanes = 4;
 #endif
 
-typedef float Vec __attribute__((vector_size(kLanes * sizeof(float)), aligned(sizeof(float)), may_alias));
+typedef float Vec __attribute__((vector_size(kLanes * sizeof(float))));
+
+// The same in memory. Never the type of a local or an argument: Clang forgets its alignment behind a reference.
+typedef float VecInMemory __attribute__((vector_size(kLanes * sizeof(float)), aligned(sizeof(float)), may_alias));
 
 typedef int32_t VecIndex __attribute__((vector_size(kLanes * sizeof(int32_t))));
 
 inline Vec Load(const float* from)
 {
-    return *reinterpret_cast<const Vec*>(from);
+    return *reinterpret_cast<const VecInMemory*>(from);
 }
 
 inline void Store(float* to, Vec value)
 {
-    *reinterpret_cast<Vec*>(to) = value;
+    *reinterpret_cast<VecInMemory*>(to) = value;
 }
 
 // One float in every lane. The integer form of the instruction: it loads at full rate everywhere, the float form costs

@@ -115,6 +115,8 @@ JsonFields::JsonFields(std::filesystem::path file, const std::string& text) : fi
         root_ = json::parse(text);
     } catch (const json::parse_error& error) {
         Fail("no JSON at byte " + std::to_string(error.byte));
+    } catch (const json::exception&) {
+        Fail("a number does not fit");
     }
 }
 

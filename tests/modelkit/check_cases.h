@@ -203,12 +203,11 @@ inline void Round(CaseMaker& make)
 }
 
 // Matrices, some of them as a stack.
-inline Shape Stack(CaseMaker& make, const Shape& outer, uint32_t rows, uint32_t columns)
+inline Shape Stack(const Shape& outer, uint32_t rows, uint32_t columns)
 {
     Shape shape = outer;
     shape.push_back(rows);
     shape.push_back(columns);
-    static_cast<void>(make);
     return shape;
 }
 
@@ -222,9 +221,9 @@ inline void Gemm(CaseMaker& make)
     attr.alpha = 0.5f;
     attr.beta = make.random.OneOf({0.0f, 1.0f, 2.0f});
     const Shape outer = make.random.Chance(0.5) ? Shape{} : make.Dims(1, 2);
-    make.In(Stack(make, outer, attr.transA != 0 ? K : M, attr.transA != 0 ? M : K));
-    make.In(Stack(make, outer, attr.transB != 0 ? N : K, attr.transB != 0 ? K : N));
-    const Shape out = Stack(make, outer, M, N);
+    make.In(Stack(outer, attr.transA != 0 ? K : M, attr.transA != 0 ? M : K));
+    make.In(Stack(outer, attr.transB != 0 ? N : K, attr.transB != 0 ? K : N));
+    const Shape out = Stack(outer, M, N);
     if (attr.inputCount == 3) {
         make.In(OperandShape(make.random, out));
         make.Work(ElementCount(out) * 4);
@@ -237,9 +236,9 @@ inline void MatMul(CaseMaker& make)
     const uint32_t M = make.Int(1, 9), N = make.Int(1, 19), K = make.Int(1, 9);
     const uint32_t batches = make.Int(1, 4);
     const auto outer = [&] { return make.random.Chance(0.5) ? Shape{} : Shape{make.Int(1, batches)}; };
-    make.In(Stack(make, outer(), M, K));
-    make.In(Stack(make, outer(), K, N));
-    make.Out(Stack(make, {batches}, M, N));
+    make.In(Stack(outer(), M, K));
+    make.In(Stack(outer(), K, N));
+    make.Out(Stack({batches}, M, N));
 }
 
 inline void QLinearMatMul(CaseMaker& make)
@@ -247,8 +246,8 @@ inline void QLinearMatMul(CaseMaker& make)
     const int32_t inputCount = make.random.OneOf({2, 3, 4, 5, 8});
     make.layer.Attr<QLinearMatMulAttr>().inputCount = inputCount;
     const uint32_t M = make.Int(1, 9), N = make.Int(1, 9), K = make.Int(1, 9);
-    const Shape a = Stack(make, {}, M, K);
-    const Shape b = Stack(make, {}, K, N);
+    const Shape a = Stack({}, M, K);
+    const Shape b = Stack({}, K, N);
     make.In(a);
     if (inputCount == 8) {
         make.In({1});
@@ -258,7 +257,7 @@ inline void QLinearMatMul(CaseMaker& make)
     for (int32_t k = inputCount == 8 ? 4 : 2; k < (inputCount > 4 ? 8 : inputCount); ++k) {
         make.In({1});
     }
-    make.Out(Stack(make, {make.Int(1, 3)}, M, N));
+    make.Out(Stack({make.Int(1, 3)}, M, N));
 }
 
 inline void Convolution(CaseMaker& make)
@@ -540,8 +539,7 @@ inline void Reshape(CaseMaker& make)
         --width;
     }
     const Shape out = {count / width, width};
-    const int online = make.In(in, make.random.Floats(count, Values::kBits), false);
-    static_cast<void>(online);
+    make.In(in, make.random.Floats(count, Values::kBits), false);
     make.Out(out);
     ReshapeAttr& attr = make.layer.Attr<ReshapeAttr>();
     std::copy(out.begin(), out.end(), attr.reshapeDims);

@@ -17,6 +17,7 @@
 #include "modelkit/model_reader.h"
 #include "modelkit/request.h"
 #include "tests/modelkit/check_cases.h"
+#include "tests/modelkit/segment_models.h"
 #include "tests/support/levels.h"
 
 extern "C" __attribute__((weak)) void __asan_init();
@@ -476,45 +477,19 @@ TEST(CheckCorruption, Digits)
     EXPECT_GT(corruptions.Total().refused, 1000u);
 }
 
-// A loop in three tables: its head, a body that doubles, and what follows.
-TEST(CheckCorruption, Loop)
+// Several tables, of which each runs in turn.
+TEST(CheckCorruption, Segments)
 {
-    ModelBuilder builder;
-    const TensorRef in = builder.AddInput({"in", {2, 3}, 16});
-    const TensorRef out = builder.AddOutput({"out", {2, 3}, 32});
-    const TensorRef condition = builder.AddScratch({"condition", {1}});
-    const TensorRef value = builder.AddScratch({"value", {2, 3}});
-    const TensorRef doubled = builder.AddScratch({"doubled", {2, 3}});
-    const TensorRef result = builder.AddScratch({"result", {2, 3}});
-    LoopAttr loop = {};
-    loop.condition = -1;
-    loop.inputCursor = 1;
-    loop.tripCount = 5;
-    loop.carriedNum = 1;
-    loop.exitSegId = 3;
-    builder.BeginTable(1, "head");
-    LayerBuilder& head = builder.AddLayer("LoopOpkitForward").Offline({1}, {1}).Online(in).Online(condition);
-    head.Online(doubled).Output(condition).Output(value).Output(result).Attr(loop);
-    builder.NextSegment(2);
-    builder.BeginTable(2, "body");
-    BinaryMathAttr sum = {};
-    builder.AddLayer("BinaryMathOpkitForward").Online(value).Online(value).Output(doubled).Attr(sum);
-    CondEndAttr end = {};
-    end.loopBranch = 1;
-    end.condValue = 1;
-    end.nextSegId = 1;
-    builder.AddLayer("CondEndOpkitForward").Online(doubled).Output(condition).Attr(end);
-    builder.BeginTable(3, "after");
-    builder.AddLayer("NegOpkitForward").Online(result).Output(out);
-    const Model model = builder.Build();
-    EXPECT_TRUE(CheckModel(model).Unconditional()) << TextOf(CheckModel(model));
-    Corruptions corruptions;
-    ForRandomCases(IsLong() ? 60 : 2, [&](Random& random) {
-        Request request(model, 2);
-        corruptions.Run(model, request.Param(), random, "loop");
-    });
-    corruptions.Report("loop");
-    EXPECT_GT(corruptions.Total().clean, 1000u);
+    for (const Model& model : {NegateInALoop(0), NegateInALoop(3), Branching()}) {
+        EXPECT_TRUE(CheckModel(model).Unconditional()) << TextOf(CheckModel(model));
+        Corruptions corruptions;
+        ForRandomCases(IsLong() ? 60 : 1, [&](Random& random) {
+            Request request(model, 2);
+            corruptions.Run(model, request.Param(), random, model.tables[0].name);
+        });
+        corruptions.Report(model.tables[0].name.c_str());
+        EXPECT_GT(corruptions.Total().clean, 1000u);
+    }
 }
 
 // Bytes without sense: the check itself stays inside them.

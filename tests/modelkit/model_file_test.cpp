@@ -112,6 +112,7 @@ TEST_F(ModelFile, NamesTheDamagedField)
     ExpectRefusal("\"strideBytes\": 16", "\"strideBytes\": 15", "field inputs[0].strideBytes");
     ExpectRefusal("\"name\": \"y\"", "\"name\": 5", "field outputs[0].name is not a string");
     ExpectRefusal("{", "[{", "no JSON at byte");
+    ExpectRefusal("\"maxBatch\": 3", "\"maxBatch\": 1e999", "a number does not fit");
     ExpectRefusal("\"offset\": 0", "\"offset\": 16777216", "field constants[0].offset: bytes 16777216 to 16777228");
     ExpectRefusal("\"next\": 9", "\"next\": 8", "field tables[0].next is 8, which no table has as its segmentId");
     ExpectRefusal("\"next\": 9", "\"next\": \"9\"", "field tables[0].next is not a 32-bit unsigned number");

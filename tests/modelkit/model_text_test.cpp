@@ -351,6 +351,7 @@ TEST_F(ModelTextErrors, NameTheField)
     Expect("opkit-model-text", "opkit-model", "field format is not \"opkit-model-text\"");
     Expect("\"formatVersion\": 1", "\"formatVersion\": 7", "field formatVersion is 7, this program reads 1");
     Expect("{", "{,", "no JSON at byte");
+    Expect("\"maxBatch\": 1", "\"maxBatch\": 1e999", "a number does not fit");
     Expect("\"maxBatch\": 1", "\"maxBatch\": -1", "field maxBatch is not a 32-bit unsigned number");
     Expect("\"data\": [0.1,", "\"data\": [", "field constants[0].data has 2 elements, the shape [3] has 3");
     Expect("[0.1,", "[\"0.1\",", "field constants[0].data[0] is neither");
