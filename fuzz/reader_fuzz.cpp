@@ -1,5 +1,5 @@
-// The readers of the tools: a manifest with its buffer, a model's text, an .npy file. Each refuses with its own error or
-// gives a model that can be written and read again.
+// The readers of the tools: a manifest with its buffer, a model's text, an .npy file. Each refuses with its own error
+// or gives a model that can be written and read again.
 
 #include <unistd.h>
 
@@ -10,8 +10,8 @@
 #include <string>
 
 #include "modelkit/model_file.h"
-#include "modelkit/model_text.h"
 #include "modelkit/model_reader.h"
+#include "modelkit/model_text.h"
 #include "tools/npy.h"
 
 using namespace opkit;

@@ -55,7 +55,8 @@ std::string RequestSeed(const modelkit::Model& model)
         Append(&seed, spec.strideBytes);
         Append(&seed, 0);
     }
-    for (const uint32_t word : {model.tables[0].layerTableOffset, model.tables[0].layerTableSize, model.scratchSize, 4u}) {
+    for (const uint32_t word :
+         {model.tables[0].layerTableOffset, model.tables[0].layerTableSize, model.scratchSize, 4u}) {
         Append(&seed, word);
     }
     return seed + BytesOf(model);
@@ -64,8 +65,9 @@ std::string RequestSeed(const modelkit::Model& model)
 std::string CheckSeed(const modelkit::Model& model, uint32_t batch)
 {
     std::string seed;
-    for (const uint32_t word : {model.tables[0].layerTableOffset, model.tables[0].layerTableSize, model.scratchSize, batch,
-                                static_cast<uint32_t>(model.inputs.size()), static_cast<uint32_t>(model.outputs.size())}) {
+    for (const uint32_t word :
+         {model.tables[0].layerTableOffset, model.tables[0].layerTableSize, model.scratchSize, batch,
+          static_cast<uint32_t>(model.inputs.size()), static_cast<uint32_t>(model.outputs.size())}) {
         Append(&seed, word);
     }
     for (const auto* side : {&model.inputs, &model.outputs}) {
@@ -96,7 +98,8 @@ void Visit(const LayerCase& layer, ForwardFunc, const TwinOptions&)
     const int most = target == "reader" ? 1 : kModelsPerOperator;
     if (count < most) {
         const World world(layer);
-        const uint32_t batch = std::min(world.Param().inputNum != 0 ? world.Param().inputs[0].batch : 1, fuzz::kMaxBatch);
+        const uint32_t batch =
+            std::min(world.Param().inputNum != 0 ? world.Param().inputs[0].batch : 1, fuzz::kMaxBatch);
         WriteSeeds(layer.OperatorName() + std::to_string(count++), world.ModelInfo(), batch);
     }
 }

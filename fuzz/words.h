@@ -48,8 +48,9 @@ inline size_t MutateWords(uint8_t* data, size_t size, size_t maxSize, unsigned s
     if (words == 0 || next() % 3 == 0) {
         return LLVMFuzzerMutate(data, size, maxSize);
     }
-    static constexpr uint32_t kTelling[] = {0, 1, 2, 3, 4, 7, 8, 10, 11, 16, 30, 31, 80, 81, 255, 256, 4096, 0x7fffffff,
-                                            0x80000000, 0xffffffff, 0xfffffffc, 0x40000000, 0x3f800000, 0x7fc00000};
+    static constexpr uint32_t kTelling[] = {
+        0,  1,  2,   3,   4,    7,          8,          10,         11,         16,         30,         31,
+        80, 81, 255, 256, 4096, 0x7fffffff, 0x80000000, 0xffffffff, 0xfffffffc, 0x40000000, 0x3f800000, 0x7fc00000};
     for (uint32_t changes = 1 + next() % 3; changes > 0; --changes) {
         uint8_t* const target = data + next() % words * 4;
         uint32_t value = 0;

@@ -615,7 +615,8 @@ uint64_t World::Hash(NanPolicy policy) const
                 continue;
             }
             const bool isFloat = r != kModelRegion || byte < tables;
-            const bool anyNan = policy == NanPolicy::kAnyNan && isFloat && IsNan(words[i]) && (words[i] & kQuietBit) != 0;
+            const bool anyNan =
+                policy == NanPolicy::kAnyNan && isFloat && IsNan(words[i]) && (words[i] & kQuietBit) != 0;
             hash = (hash ^ (anyNan ? 0x7fc00000 : words[i])) * 0x9e3779b97f4a7c15ULL;
             hash ^= hash >> 29;
         }

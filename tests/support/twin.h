@@ -55,8 +55,8 @@ struct TwinOptions {
 void ExpectSameAsReference(const LayerCase& layer, ForwardFunc actual, ForwardFunc reference,
                            const TwinOptions& options = {});
 
-// For programs that put the tests' cases to another use: instead of a comparison with the reference, `visitor` gets every
-// case from now on. Null ends it.
+// For programs that put the tests' cases to another use: instead of a comparison with the reference, `visitor` gets
+// every case from now on. Null ends it.
 using CaseVisitor = void (*)(const LayerCase& layer, ForwardFunc function, const TwinOptions& options);
 void VisitCases(CaseVisitor visitor);
 

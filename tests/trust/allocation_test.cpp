@@ -1,6 +1,6 @@
 // Every allocation that a request makes fails once, the n-th for every n, over the operator tests' random layers: the
-// request then fails with a message, or succeeds with the same memory or a message; nothing stays allocated, and a second
-// request on fresh memory is as if nothing had happened. Linked with the operator tests, whose cases it takes.
+// request then fails with a message, or succeeds with the same memory or a message; nothing stays allocated, and a
+// second request on fresh memory is as if nothing had happened. Linked with the operator tests, whose cases it takes.
 
 #include <gtest/gtest.h>
 
@@ -86,7 +86,8 @@ class AllocationSweep : public testing::Environment {
     {
         if (AllocFaultAvailable()) {
             EXPECT_EQ(cases.size(), 72u) << "operators are missing";
-            for (const char* name : {"TopKOpkitForward", "UniqueOpkitForward", "ResizeOpkitForward", "NMSOpkitForward"}) {
+            for (const char* name :
+                 {"TopKOpkitForward", "UniqueOpkitForward", "ResizeOpkitForward", "NMSOpkitForward"}) {
                 EXPECT_GT(allocations[name], 2u) << name << " allocated nothing beside the two tensor arrays";
             }
         }

@@ -54,8 +54,7 @@ struct OperatorRow {
     NanPolicy nan = NanPolicy::kAnyNan;
 };
 
-class EveryFloat : public testing::TestWithParam<OperatorRow> {
-};
+class EveryFloat : public testing::TestWithParam<OperatorRow> {};
 
 TEST_P(EveryFloat, IsAsTheLiteralFormHasIt)
 {
@@ -120,9 +119,8 @@ const OperatorRow kRows[] = {
     {"Sinh", SinhOpkitForward, RefSinh},
 };
 
-INSTANTIATE_TEST_SUITE_P(Operators, EveryFloat, testing::ValuesIn(kRows), [](const auto& row) {
-    return std::string(row.param.name) + "_" + std::to_string(row.index);
-});
+INSTANTIATE_TEST_SUITE_P(Operators, EveryFloat, testing::ValuesIn(kRows),
+                         [](const auto& row) { return std::string(row.param.name) + "_" + std::to_string(row.index); });
 
 // The conversion as the language has it, where it has one; the instruction's answer elsewhere.
 int64_t LiteralI64(float x)
@@ -137,7 +135,9 @@ int32_t LiteralI32(float x)
 
 uint64_t LiteralU64(float x)
 {
-    return x >= 0x1p64f ? uint64_t{1} << 63 : x >= 0x1p63f ? static_cast<uint64_t>(x) : static_cast<uint64_t>(LiteralI64(x));
+    return x >= 0x1p64f   ? uint64_t{1} << 63
+           : x >= 0x1p63f ? static_cast<uint64_t>(x)
+                          : static_cast<uint64_t>(LiteralI64(x));
 }
 
 TEST(EveryFloatHelpers, Comparisons)
@@ -147,7 +147,8 @@ TEST(EveryFloatHelpers, Comparisons)
         for (const float x : in) {
             const double wide = std::fabs(static_cast<double>(x));
             differing += IsEqualToZero(x) != (wide <= 1e-6 ? 1 : 0);
-            differing += IsFloatEqZero(x) != (std::fpclassify(x) == FP_ZERO || std::fpclassify(x) == FP_SUBNORMAL ? 1 : 0);
+            differing +=
+                IsFloatEqZero(x) != (std::fpclassify(x) == FP_ZERO || std::fpclassify(x) == FP_SUBNORMAL ? 1 : 0);
             differing += IsEqualToHalf(x) != RefIsEqualToHalf(x);
         }
         EXPECT_EQ(differing, 0u);

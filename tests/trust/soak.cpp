@@ -1,7 +1,8 @@
 // Requests over the digits model from several threads, each with its own copy of the model, until so many have run:
 // every pass over the images must leave the same outputs as the first, and the process must not grow.
 //
-//     opkit_soak DATA [requests [threads]]       DATA: examples/digits/data; 1,000,000 requests and 4 threads by default
+//     opkit_soak DATA [requests [threads]]       DATA: examples/digits/data; 1,000,000 requests and 4 threads by
+//     default
 
 #include <atomic>
 #include <cstdio>
@@ -106,9 +107,10 @@ int main(int argc, char** argv)
     }
     const uint64_t late = ResidentKilobytes();
     const uint64_t last = PassHash(first, model, images);
-    std::printf("%lu requests on %u threads; outputs %016lx first, %016lx last, %lu passes differ; resident %lu KiB early, "
-                "%lu KiB at the end\n",
-                done.load(), threadCount, expected, last, differing.load(), early.load(), late);
+    std::printf(
+        "%lu requests on %u threads; outputs %016lx first, %016lx last, %lu passes differ; resident %lu KiB early, "
+        "%lu KiB at the end\n",
+        done.load(), threadCount, expected, last, differing.load(), early.load(), late);
     const bool grown = late > early + 1024;
     return expected != 0 && last == expected && differing == 0 && !grown ? 0 : 1;
 }

@@ -88,7 +88,8 @@ class EightThreads : public testing::Environment {
                 threads.emplace_back([t, &turns, &differing] {
                     for (size_t i = 0; i < collected.size(); ++i) {
                         const size_t stride = t % 2 == 0 ? 1 : collected.size() - 1;  // upwards or downwards
-                        const CollectedCase& one = collected[(i * stride + t * collected.size() / kThreads) % collected.size()];
+                        const CollectedCase& one =
+                            collected[(i * stride + t * collected.size() / kThreads) % collected.size()];
                         std::unique_lock<std::mutex> turn(turns, std::defer_lock);
                         if (one.name == kAlone) {
                             turn.lock();
