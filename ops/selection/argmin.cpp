@@ -69,7 +69,7 @@ uint32_t ArgminOpkitForward(LayerParam* param)
     }
     SortBuffer<SortEntry> buffer;
     if (!buffer.Reserve(lanes.length)) {
-        Report(Here(), "Malloc %lu failed!\n\n", buffer.Bytes(lanes.length));
+        Report(Here(), "Malloc %lu failed!\n\n", SortBuffer<SortEntry>::Bytes(lanes.length));
         return kFailure;
     }
     SortEntry* const entries = static_cast<SortEntry*>(param->opkitBuf);

@@ -86,7 +86,8 @@ void ForEachOutput(const Output& out, bool plain, Change change)
 
 void FinishOutputs(const Output& out, bool plain, uint32_t type, uint32_t inLen)
 {
-    const float divisor = static_cast<float>(inLen / out.count);
+    const uint32_t quotient = inLen / out.count;
+    const float divisor = static_cast<float>(quotient);
     switch (type) {
         case OPKIT_REDUCE_MEAN:
             ForEachOutput(out, plain, [divisor](float* acc) { *acc = *acc / divisor; });

@@ -163,7 +163,7 @@ uint32_t TopKOpkitForward(LayerParam* param)
     }
     SortBuffer<SortEntry> buffer;
     if (!buffer.Reserve(lanes.length)) {
-        Report(Here(), "Malloc %lu failed!\n\n", buffer.Bytes(lanes.length));
+        Report(Here(), "Malloc %lu failed!\n\n", SortBuffer<SortEntry>::Bytes(lanes.length));
         return kFailure;
     }
     SortEntry* const entries = static_cast<SortEntry*>(param->opkitBuf);
