@@ -17,6 +17,7 @@ constexpr size_t kWide = kLanes / 2;
 
 typedef double Wide __attribute__((vector_size(kWide * sizeof(double)), may_alias));
 typedef int64_t WideBits __attribute__((vector_size(kWide * sizeof(int64_t)), may_alias));
+typedef uint64_t WideWords __attribute__((vector_size(kWide * sizeof(uint64_t)), may_alias));  // wrap around
 typedef float Narrow __attribute__((vector_size(kWide * sizeof(float)), aligned(sizeof(float)), may_alias));
 typedef int32_t NarrowBits __attribute__((vector_size(kWide * sizeof(int32_t)), may_alias));
 
@@ -60,7 +61,7 @@ inline Wide Reciprocal(Wide x)
 }
 
 // 2^(i / kWide) for every lane's i, rounded to f64.
-inline Wide FractionalPower(WideBits i)
+inline Wide FractionalPower(WideWords i)
 {
     alignas(64) static constexpr double kEighths[] = {
         1.0,
@@ -77,7 +78,7 @@ inline Wide FractionalPower(WideBits i)
 #else
     Wide powers;
     for (size_t lane = 0; lane < kWide; ++lane) {
-        powers[lane] = kEighths[static_cast<size_t>(i[lane]) * (8 / kWide)];
+        powers[lane] = kEighths[i[lane] * (8 / kWide)];
     }
     return powers;
 #endif
@@ -102,27 +103,26 @@ inline Wide Exp(Wide x)
     for (int i = kDegree - 2; i >= 0; --i) {
         series = series * r + 1.0 / kFactorials[i];
     }
-    const WideBits steps = (WideBits)shifted - (WideBits)Splat(kRounder);
-    const WideBits fraction = steps & static_cast<int64_t>(kWide - 1);
+    const WideWords steps = (WideWords)shifted - (WideWords)Splat(kRounder);
+    const WideWords fraction = steps & static_cast<uint64_t>(kWide - 1);
     const Wide base = FractionalPower(fraction);
     const Wide scaled = base + base * (series * r);
     constexpr int kFractionBits = kWide == 8 ? 3 : kWide == 4 ? 2 : 1;
-    return (Wide)((WideBits)scaled + ((steps - fraction) << (52 - kFractionBits)));
+    return (Wide)((WideWords)scaled + ((steps - fraction) << (52 - kFractionBits)));
 }
 
 // ln s for normal positive s; the relative error holds next to 1, too. s = m 2^e with m around 1, and
 // ln m = 2 artanh((m - 1) / (m + 1)), whose series is cut below 2^-50.
 inline Wide Log(Wide s)
 {
-    constexpr int64_t kSqrtHalf = 0x3fe6a09e667f3bcd;
-    constexpr int64_t kMantissa = 0x000fffffffffffff;
-    const WideBits bits = (WideBits)s;
-    const WideBits offset = bits - kSqrtHalf;
-    const WideBits exponentBits = offset & ~kMantissa;
+    constexpr uint64_t kSqrtHalf = 0x3fe6a09e667f3bcd;
+    constexpr uint64_t kMantissa = 0x000fffffffffffff;
+    const WideWords bits = (WideWords)s;
+    const WideWords exponentBits = (bits - kSqrtHalf) & ~kMantissa;
     const Wide m = (Wide)(bits - exponentBits);
     // The exponent as a double: its 11 bits land on the mantissa of 2^52 + 2^51.
     constexpr int64_t kBias = 0x4338000000000000;
-    const WideBits exponent = (WideBits)((exponentBits >> 52) + kBias);
+    const WideBits exponent = ((WideBits)exponentBits >> 52) + kBias;
     const Wide e = (Wide)exponent - 0x1.8p52;
     const Wide z = (m - 1.0) * Reciprocal(m + 1.0);
     const Wide z2 = z * z;
@@ -145,11 +145,11 @@ struct Result {
 // half can the error change the float. Valid where the float is normal or the value narrows to 0 or 1 for certain.
 inline Result RoundCertain(Wide value)
 {
-    constexpr int64_t kDropped = 0x1fffffff;
-    constexpr int64_t kHalf = 0x10000000;
-    constexpr int64_t kMargin = 0x800;  // 2^-42 of a mantissa between 1 and 2, in units of 2^-52, and as much again
-    const WideBits distance = ((WideBits)value + (kMargin - kHalf)) & kDropped;
-    return {Narrowed(value), distance < 2 * kMargin};
+    constexpr uint64_t kDropped = 0x1fffffff;
+    constexpr uint64_t kHalf = 0x10000000;
+    constexpr uint64_t kMargin = 0x800;  // 2^-42 of a mantissa between 1 and 2, in units of 2^-52, and as much again
+    const WideBits distance = (WideBits)(((WideWords)value + (kMargin - kHalf)) & kDropped);
+    return {Narrowed(value), distance < static_cast<int64_t>(2 * kMargin)};
 }
 
 // A value known to lie between two ends.
