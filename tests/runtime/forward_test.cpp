@@ -174,6 +174,7 @@ TEST(Forward, StopFlagLeaksTwoArraysAndSaysNothing)
     world.Param().segId = 3;
     const World before = world.Clone();
     CaptureStdout capture;
+    const RequiredLeak leak;
     AllocFault watch;
     const uint32_t result = OpkitForward(&world.Param());
     watch.Disarm();

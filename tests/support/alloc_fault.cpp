@@ -4,6 +4,13 @@
 #include <cstddef>
 #include <cstdlib>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#else
+static void __lsan_disable() {}
+static void __lsan_enable() {}
+#endif
+
 namespace opkit::test {
 namespace {
 
@@ -187,6 +194,16 @@ void AllocFault::FreeLive()
     while (liveCount > 0) {
         free(live[--liveCount].address);
     }
+}
+
+RequiredLeak::RequiredLeak()
+{
+    __lsan_disable();
+}
+
+RequiredLeak::~RequiredLeak()
+{
+    __lsan_enable();
 }
 
 }  // namespace opkit::test

@@ -37,6 +37,15 @@ public:
     void FreeLive();             // frees them, for tests that assert a required leak
 };
 
+// While one lives, what is allocated may stay so: the leak sanitizer keeps quiet. For tests of a required leak.
+class RequiredLeak {
+public:
+    RequiredLeak();
+    ~RequiredLeak();
+    RequiredLeak(const RequiredLeak&) = delete;
+    RequiredLeak& operator=(const RequiredLeak&) = delete;
+};
+
 }  // namespace opkit::test
 
 #endif  // OPKIT_TESTS_SUPPORT_ALLOC_FAULT_H
