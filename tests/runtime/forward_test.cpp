@@ -204,6 +204,7 @@ TEST(Forward, StopFlagIsReadBeforeEachLayer)
     world.Param().stopFlag = &g_stop;
     world.Param().dumpHook.dumpFunc = StopAfterFirst;
     world.Param().dumpHook.dumpAll = 1;
+    const RequiredLeak leak;
     AllocFault watch;
     EXPECT_EQ(OpkitForward(&world.Param()), OPKIT_FAILURE);
     watch.Disarm();

@@ -51,5 +51,6 @@ if(OPKIT_BUILD_EXAMPLES)
   target_include_directories(opkit_soak PRIVATE ${PROJECT_SOURCE_DIR})
   add_test(NAME trust/soak COMMAND opkit_soak ${PROJECT_SOURCE_DIR}/examples/digits/data 4000 4)
   # Freed blocks that the address sanitizer keeps back would count as growth.
-  set_tests_properties(trust/soak PROPERTIES ENVIRONMENT ASAN_OPTIONS=quarantine_size_mb=1)
+  set_tests_properties(trust/soak PROPERTIES ENVIRONMENT
+                       ASAN_OPTIONS=quarantine_size_mb=0:thread_local_quarantine_size_kb=0)
 endif()
