@@ -558,6 +558,9 @@ std::string World::Difference(const World& actual, const World& expected, NanPol
         const Region& region = actual.regions_[r];
         const auto a = region.block.Words();
         const auto b = expected.regions_[r].block.Words();
+        if (std::ranges::equal(a, b)) {
+            continue;
+        }
         for (size_t i = 0; i < a.size(); ++i) {
             const size_t byte = i * 4;
             const bool isWord = r == kModelRegion && byte >= tables;  // tables and attributes are no floats
