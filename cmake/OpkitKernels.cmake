@@ -2,6 +2,7 @@
 list(APPEND opkit_kernels
     kernels/activation.cpp
     kernels/binary.cpp
+    kernels/boxes.cpp
     kernels/pooling.cpp
     kernels/determinant.cpp
     kernels/quantized.cpp
@@ -10,5 +11,6 @@ list(APPEND opkit_kernels
     kernels/lanes.cpp
     kernels/normalization.cpp
     kernels/selection.cpp
+    kernels/shift.cpp
     kernels/transpose.cpp
 )

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "common/move_floats.h"
 #include "common/report.h"
 #include "common/shape.h"
 #include "opkit/helpers.h"
@@ -55,6 +56,20 @@ void SpreadRows(float* data, uint32_t count, int32_t width, uint32_t rowDistance
     }
     for (uint32_t row = count / w; row-- > 0;) {
         std::memmove(data + size_t{row} * rowDistance, data + size_t{row} * w, size_t{w} * sizeof(float));
+    }
+}
+
+void FillSpreadGaps(float* data, uint32_t count, uint32_t width, uint32_t rowDistance)
+{
+    for (size_t gap = width; gap < count; gap += rowDistance) {
+        const size_t gapEnd = gap + (rowDistance - width);
+        const size_t end = gapEnd < count ? gapEnd : count;
+        for (size_t at = gap; at < end;) {
+            const size_t column = at % width;
+            const size_t length = width - column < end - at ? width - column : end - at;
+            MoveFloats(data + at, data + at / width * rowDistance + column, length);
+            at += length;
+        }
     }
 }
 

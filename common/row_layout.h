@@ -27,6 +27,10 @@ void CompactRows(float* data, uint32_t count, uint32_t width, uint32_t alignNum)
 // last one goes to `lastIndex`. The row distance is taken as it is, not rounded: below the width, rows overlap.
 void SpreadRows(float* data, uint32_t count, int32_t width, uint32_t rowDistance, uint32_t lastIndex);
 
+// Rows that were written `rowDistance` floats apart, at least the width, get what SpreadRows would have left between
+// them: the compact elements that it does not overwrite.
+void FillSpreadGaps(float* data, uint32_t count, uint32_t width, uint32_t rowDistance);
+
 // A walk over compact indices that yields padded offsets without a division per element.
 class RowCursor {
 public:

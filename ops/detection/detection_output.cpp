@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/convert.h"
+#include "kernels/boxes.h"
 #include "opkit/attributes/detection.h"
 #include "opkit/operators.h"
 #include "ops/detection/chain_state.h"
@@ -49,26 +50,43 @@ void Overlap(const DetBox& a, const DetBox& b, float* inter, float* uni)
     *uni = a.area + b.area - *inter;
 }
 
-bool Apart(const DetBox& a, const DetBox& b)
+BoxFields FieldsOf(const DetBox& box)
 {
-    return b.x1 > a.x2 || a.x1 > b.x2 || b.y1 > a.y2 || a.y1 > b.y2;
+    return {box.x1, box.y1, box.x2, box.y2, box.area};
 }
 
-// Clears the flags of the boxes behind boxes[i] that overlap it by more than thresh.
-void SuppressBehind(const DetBox* boxes, uint32_t i, uint32_t count, float thresh, uint32_t* keep)
+void Collect(const DetBox* boxes, size_t count, BoxBlock* block)
 {
-    const DetBox box = boxes[i];
-    for (uint32_t j = i + 1; j < count; ++j) {
-        if (keep[j] == 0 || Apart(box, boxes[j])) {
-            continue;
+    for (size_t j = 0; j < count; ++j) {
+        block->x1[j] = boxes[j].x1;
+        block->y1[j] = boxes[j].y1;
+        block->x2[j] = boxes[j].x2;
+        block->y2[j] = boxes[j].y2;
+        block->area[j] = boxes[j].area;
+    }
+}
+
+// Keeps the boxes that overlap no better one that is kept, at most maxKeep, and moves them to the front; returns how
+// many. Block by block: the boxes kept so far go over a block before its own boxes decide among themselves.
+uint32_t KeepApart(DetBox* boxes, uint32_t total, uint32_t maxKeep, float thresh, uint32_t* keep)
+{
+    uint32_t kept = 0;
+    for (uint32_t begin = 0; begin < total && kept < maxKeep; begin += kBoxBlock) {
+        const uint32_t count = total - begin < kBoxBlock ? total - begin : kBoxBlock;
+        BoxBlock block;
+        Collect(boxes + begin, count, &block);
+        for (uint32_t k = 0; k < kept; ++k) {
+            BoxLoops().suppress(block, 0, count, FieldsOf(boxes[k]), thresh, keep + begin);
         }
-        float inter = 0.0f;
-        float uni = 0.0f;
-        Overlap(box, boxes[j], &inter, &uni);
-        if (inter > thresh * uni) {
-            keep[j] = 0;
+        for (uint32_t i = 0; i < count && kept < maxKeep; ++i) {
+            if (keep[begin + i] != 0) {
+                const DetBox box = boxes[begin + i];
+                BoxLoops().suppress(block, i + 1, count, FieldsOf(box), thresh, keep + begin);
+                boxes[kept++] = box;
+            }
         }
     }
+    return kept;
 }
 
 void Swap(DetBox* a, DetBox* b)
@@ -241,16 +259,9 @@ uint32_t DoNms(DetBox* boxes, uint32_t* count, uint32_t maxKeep, float thresh)
         return kFailure;
     }
     for (uint32_t i = 0; i < total; ++i) {
-        keep[i] = 1;
+        keep[i] = 0xFFFFFFFFu;
     }
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < total && kept < maxKeep; ++i) {
-        if (keep[i] != 0) {
-            SuppressBehind(boxes, i, total, thresh, keep);
-            boxes[kept++] = boxes[i];
-        }
-    }
-    *count = kept;
+    *count = KeepApart(boxes, total, maxKeep, thresh, keep);
     std::free(keep);
     return kSuccess;
 }

@@ -7,6 +7,7 @@
 
 #include "common/bounded_memory.h"
 #include "common/convert.h"
+#include "kernels/boxes.h"
 #include "opkit/attributes/detection.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -62,6 +63,20 @@ bool OverlapAbove(const Sides& first, const Sides& second, float threshold)
     return inter / uni > threshold;
 }
 
+BoxFields FieldsOf(const Sides& sides)
+{
+    return {sides.xmin, sides.ymin, sides.xmax, sides.ymax, sides.Area()};
+}
+
+void Store(const BoxFields& box, BoxBlock* block, size_t place)
+{
+    block->x1[place] = box.x1;
+    block->y1[place] = box.y1;
+    block->x2[place] = box.x2;
+    block->y2[place] = box.y2;
+    block->area[place] = box.area;
+}
+
 struct Settings {
     int32_t limit = 0;  // boxes per class; below 1 there is none
     float overlap = 0.0f;
@@ -75,13 +90,15 @@ float* SelectClass(BoxHeap* heap, const float* boxes, uint32_t batch, uint32_t c
 {
     const float* const firstRow = rows;
     int32_t selected = 0;
+    BoxBlock block;  // of the first boxes selected; the others are found by their rows
+    size_t inBlock = 0;
     while (!IsEmpty(heap)) {
         float score = 0.0f;
         const uint32_t candidate = FindMax(heap, &score);
         Pop(heap, &score);
         const Sides sides = SidesOf(boxes + size_t{candidate} * 4, settings.center);
-        bool suppressed = false;
-        for (const float* row = firstRow; row != rows && !suppressed; row += 3) {
+        bool suppressed = BoxLoops().overlapsAny(block, inBlock, FieldsOf(sides), settings.overlap);
+        for (const float* row = firstRow + 3 * inBlock; row != rows && !suppressed; row += 3) {
             const int32_t better = TruncateToI32(row[2]);
             suppressed = OverlapAbove(SidesOf(boxes + ptrdiff_t{better} * 4, settings.center), sides, settings.overlap);
         }
@@ -94,6 +111,10 @@ float* SelectClass(BoxHeap* heap, const float* boxes, uint32_t batch, uint32_t c
         rows[0] = static_cast<float>(batch);
         rows[1] = static_cast<float>(classIndex);
         rows[2] = static_cast<float>(candidate);
+        if (inBlock < kBoxBlock) {
+            const int32_t better = TruncateToI32(rows[2]);
+            Store(FieldsOf(SidesOf(boxes + ptrdiff_t{better} * 4, settings.center)), &block, inBlock++);
+        }
         rows += 3;
         ++selected;
     }

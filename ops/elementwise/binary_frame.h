@@ -2,11 +2,13 @@
 // records in the attribute block, walking.
 //
 // Two ways to treat rows: inputs are read where they lie, row by row of their own width and pitch, or compacted in
-// place first and read compactly. An output is written by the row layout, or compactly and expanded afterwards.
+// place first and read compactly. An output is written by the row layout, or compactly and expanded afterwards. Large
+// padded tensors are compacted, computed and written in one pass, which leaves the same in memory.
 #ifndef OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
 #define OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
 
 #include "common/broadcast.h"
+#include "common/move_floats.h"
 #include "kernels/activation.h"
 #include "kernels/binary.h"
 #include "runtime/frame.h"
@@ -75,6 +77,11 @@ void RecordStrides(Attr& attr, const Operands<N>& operands)
     }
 }
 
+inline bool TensorsOverlap(const Tensor& a, const Tensor& b)
+{
+    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
+}
+
 enum class Rows { kPadded, kCompact };
 
 inline RowShape RowsOf(const Tensor& tensor, Rows rows)
@@ -101,6 +108,63 @@ void ForEachRun(const Operands<N>& operands, Rows inputRows, Rows outputRows, Ru
                             }
                             run(at, steps, operands.out.data + to, length);
                         });
+}
+
+// Whether an input's rows are compacted one by one as the walk comes to them: it has the output's shape and rows apart.
+inline bool CompactsOnTheWay(const Input& in, const Output& out)
+{
+    return in.alignNum > in.width &&
+           JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), in.shape, in.dimNum) == 0;
+}
+
+// Whether a layer that compacts its inputs and expands its output may take each row on its way once: output rows are
+// long and lie apart, and no tensor reaches into another.
+template <uint32_t N>
+bool MayPassOnce(const Operands<N>& operands)
+{
+    constexpr uint32_t kLongRow = 32;
+    const Output& out = operands.out;
+    if (out.data == nullptr || out.dimNum < 1 || out.count == 0 || out.width < kLongRow || out.alignNum <= out.width) {
+        return false;
+    }
+    for (const Input& in : operands.in) {
+        if (in.data == nullptr || in.width == 0 || in.alignNum == 0 || TensorsOverlap(in, out)) {
+            return false;
+        }
+        for (const Input* other = operands.in; other != &in; ++other) {
+            if (TensorsOverlap(in, *other)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Calls run(inputs[N], steps[N], out, length) as ForEachRun does for compact inputs. Inputs of the output's shape are
+// compacted row by row on the way, others before, and the output ends up as an expansion would leave it.
+template <uint32_t N, class Run>
+void ForEachRowOnce(const Operands<N>& operands, Run run)
+{
+    bool onTheWay[N];
+    for (uint32_t i = 0; i < N; ++i) {
+        const Input& in = operands.in[i];
+        onTheWay[i] = CompactsOnTheWay(in, operands.out);
+        if (!onTheWay[i]) {
+            CompactRows(in.data, in.count, in.width, in.alignNum);
+        }
+    }
+    ForEachRun(operands, Rows::kCompact, Rows::kPadded,
+               [&](const float* const(&at)[N], const uint32_t(&steps)[N], float* out, uint32_t length) {
+                   for (uint32_t i = 0; i < N; ++i) {
+                       const Input& in = operands.in[i];
+                       if (onTheWay[i]) {
+                           const size_t to = static_cast<size_t>(at[i] - in.data);
+                           MoveFloats(in.data + to, in.data + to / in.width * in.alignNum + to % in.width, length);
+                       }
+                   }
+                   run(at, steps, out, length);
+               });
+    FillSpreadGaps(operands.out.data, operands.out.count, operands.out.width, operands.out.alignNum);
 }
 
 inline void MapRuns(const Operands<2>& operands, Rows inputRows, Rows outputRows, BinaryKernel kernel)

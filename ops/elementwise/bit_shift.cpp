@@ -3,6 +3,7 @@
 // written where they lie, and gaps stay untouched.
 
 #include "common/convert.h"
+#include "kernels/shift.h"
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"
 #include "ops/elementwise/binary_frame.h"
@@ -34,13 +35,28 @@ float BitShiftRight(float a, float b)
     return static_cast<float>(TruncateToU64(a) >> Distance(b));
 }
 
-// Every element is computed, also where both operands stand still: each has its warning.
+// Every element is computed, also where both operands stand still: each has its warning. Blocks without a reason for
+// one go through the kernel.
 template <float (*Shift)(float, float)>
-void ShiftRun(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
+void ShiftRun(ShiftKernel kernel, const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
 {
-    for (size_t i = 0; i < count; ++i) {
-        out[i] = Shift(a[i * stepA], b[i * stepB]);
+    for (size_t i = 0; i < count;) {
+        i += kernel(a + i * stepA, stepA, b + i * stepB, stepB, out + i, count - i);
+        const size_t end = count - i < kShiftBlock ? count : i + kShiftBlock;
+        for (; i < end; ++i) {
+            out[i] = Shift(a[i * stepA], b[i * stepB]);
+        }
     }
+}
+
+void ShiftLeftRun(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
+{
+    ShiftRun<BitShiftLeft>(Shifts().left, a, stepA, b, stepB, out, count);
+}
+
+void ShiftRightRun(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
+{
+    ShiftRun<BitShiftRight>(Shifts().right, a, stepA, b, stepB, out, count);
 }
 
 }  // namespace
@@ -56,7 +72,6 @@ uint32_t BitShiftOpkitForward(LayerParam* param)
     }
     BitShiftAttr& attr = AttrOf<BitShiftAttr>(param);
     RecordStrides(attr, operands);
-    MapRuns(operands, Rows::kPadded, Rows::kPadded,
-            attr.shiftLeft != 0 ? ShiftRun<BitShiftLeft> : ShiftRun<BitShiftRight>);
+    MapRuns(operands, Rows::kPadded, Rows::kPadded, attr.shiftLeft != 0 ? ShiftLeftRun : ShiftRightRun);
     return kSuccess;
 }

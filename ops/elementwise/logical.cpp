@@ -17,13 +17,21 @@ uint32_t LogicalOpkitForward(LayerParam* param)
 
 uint32_t AndOrXorForward(LayerParam* param)
 {
+    LogicalAttr& attr = AttrOf<LogicalAttr>(param);
+    const bool known = attr.logicalType <= OPKIT_LOGICAL_XOR;
     Operands<2> operands;
+    if (known && Resolve(param, &operands) && MayPassOnce(operands)) {
+        RecordStrides(attr, operands);
+        const BinaryKernel kernel = Binary().logical[attr.logicalType];
+        ForEachRowOnce(operands, [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out,
+                                          uint32_t length) { kernel(in[0], steps[0], in[1], steps[1], out, length); });
+        return kSuccess;
+    }
     if (!ResolveAndCompact(param, &operands)) {
         return kFailure;
     }
-    LogicalAttr& attr = AttrOf<LogicalAttr>(param);
     RecordStrides(attr, operands);
-    if (attr.logicalType <= OPKIT_LOGICAL_XOR) {
+    if (known) {
         MapRuns(operands, Rows::kCompact, Rows::kCompact, Binary().logical[attr.logicalType]);
     }
     return ExpandOutputChecked(operands.out);

@@ -42,6 +42,11 @@ uint32_t WhereOpkitForward(LayerParam* param)
         return kFailure;
     }
     Operands<kInputs> operands;
+    if (Resolve(param, &operands) && MayPassOnce(operands)) {
+        RecordStrides(attr, operands);
+        ForEachRowOnce(operands, SelectRun);
+        return kSuccess;
+    }
     if (!ResolveAndCompact(param, &operands)) {
         return kFailure;
     }

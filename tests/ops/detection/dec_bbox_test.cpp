@@ -387,6 +387,10 @@ TEST(DecBbox, Failures)
     missing.Online({1, 8}, std::vector<float>(8)).Output({1, 1, 5, 1});
     OneBox().SetAttr(missing);
     EXPECT_EQ(messages(missing), "[DecBboxOpkitForward:#]ParseInputInfo failed.\n\n");
+    LayerCase noInputs(kName);
+    noInputs.Output({1, 1, 5, 1});
+    OneBox().SetAttr(noInputs);
+    EXPECT_EQ(messages(noInputs), "[DecBboxOpkitForward:#]ParseInputInfo failed.\n\n");
 
     Decode many = OneBox();
     many.classNum = 257;

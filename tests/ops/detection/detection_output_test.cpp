@@ -505,6 +505,34 @@ TEST(DetectionSteps, Nms)
     EXPECT_THAT(survivors({a, Box(9.5f, 0, 18, 9, 9)}, 9, 0.0f), ElementsAre(1, 9));
 }
 
+// Lists longer than what is worked on at a time, with NaN among the coordinates.
+TEST(DetectionSteps, NmsOfLongLists)
+{
+    ForRandomCases(40, [](Random& random) {
+        std::vector<DetBox> boxes(static_cast<size_t>(random.Int(1, 900)));
+        const float spread = random.OneOf({40.0f, 300.0f, 2000.0f});
+        for (DetBox& box : boxes) {
+            const float x = random.Float(Values::kUnit) * spread;
+            const float y = random.Float(Values::kUnit) * spread;
+            box = Box(x, y, x + random.Float(Values::kUnit) * 40, y + random.Float(Values::kUnit) * 40, 0.5f);
+            if (random.Chance(0.01)) {
+                (random.Chance(0.5) ? box.x1 : box.y2) = kNan;
+            }
+        }
+        const auto maxKeep = static_cast<uint32_t>(random.OneOf({10, 300, 1000}));
+        std::vector<DetBox> expected = boxes;
+        uint32_t expectedCount = static_cast<uint32_t>(boxes.size());
+        RefNms(expected.data(), expectedCount, maxKeep, 0.4f);
+        test::ForEachLevel([&](Level) {
+            std::vector<DetBox> actual = boxes;
+            uint32_t count = static_cast<uint32_t>(boxes.size());
+            EXPECT_EQ(DoNms(actual.data(), &count, maxKeep, 0.4f), 0u);
+            ASSERT_EQ(count, expectedCount);
+            EXPECT_EQ(std::memcmp(actual.data(), expected.data(), actual.size() * sizeof(DetBox)), 0);
+        });
+    });
+}
+
 TEST(DetectionSteps, Filter)
 {
     std::vector<DetBox> boxes = {Box(0, 0, 5, 5, 0.5f),    Box(0, 0, 4, 5, 0.9f), Box(0, 0, 5, 4, 0.9f),

@@ -115,6 +115,32 @@ TEST(NonMaxSuppression, SameAsReference)
     });
 }
 
+// More boxes are selected than are compared from memory of their own.
+TEST(NonMaxSuppression, ManySelected)
+{
+    ForRandomCases(12, [](Random& random) {
+        const auto boxNum = static_cast<uint32_t>(random.Int(300, 700));
+        std::vector<float> boxes;
+        for (uint32_t i = 0; i < boxNum; ++i) {
+            const float x = random.Float(Values::kUnit) * 900;
+            const float y = random.Float(Values::kUnit) * 900;
+            for (const float edge :
+                 {y, x, y + random.Float(Values::kUnit) * 60, x + random.Float(Values::kUnit) * 60}) {
+                boxes.push_back(edge);
+            }
+        }
+        LayerCase layer(kName);
+        layer.Online({1, boxNum, 4}, boxes);
+        layer.Online({1, 2, boxNum}, random.Floats(uint64_t{2} * boxNum, Values::kUnit));
+        layer.Online({1}, {random.OneOf({0.0f, 280.0f})})
+            .Online({1}, {random.OneOf({0.05f, 0.5f})})
+            .Online({1}, {0.01f});
+        layer.Output({2 * boxNum, 3}).Workspace((boxNum + 1) * 8);
+        layer.Attr<NonMaxSuppressionAttr>().inputCount = 5;
+        ExpectSameAsReference(layer, NonMaxSuppressionOpkitForward, RefNonMaxSuppression);
+    });
+}
+
 TEST(NonMaxSuppression, ByDescendingScore)
 {
     EXPECT_THAT(Selected(Suppress(Disjoint(3), {0.2f, 0.9f, 0.5f})), ElementsAre(1, 2, 0));

@@ -1,4 +1,7 @@
 #include "tests/reference/bit_shift.h"
+
+#include <cmath>
+
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
 
@@ -101,6 +104,31 @@ TEST(BitShift, SameAsReference)
             AddOperand(random, layer, OperandShape(random, shape), mixed ? Values::kMixed : Values::kIntegers);
         }
         layer.Output(shape, random.Stride(shape.back())).Batch(static_cast<uint32_t>(random.Int(1, 2)));
+        ExpectSameAsReference(layer, BitShiftOpkitForward, RefBitShift);
+    });
+}
+
+// Runs without a negative operand, of all magnitudes; now and then an operand that is out of the common range.
+TEST(BitShift, LongRuns)
+{
+    ForRandomCases(100, [](Random& random) {
+        const auto width = static_cast<uint32_t>(random.Int(60, 400));
+        const auto operand = [&random](uint32_t count, int32_t bits) {
+            std::vector<float> values(count);
+            for (float& value : values) {
+                value = std::ldexp(random.Float(Values::kUnit), random.Int(0, bits));
+            }
+            if (random.Chance(0.3)) {
+                const std::vector<float> odd = {-1, kNan, 9223372036854775808.0f, 3e38f, -0.0f};
+                values[random.Word() % count] = odd[random.Word() % odd.size()];
+            }
+            return values;
+        };
+        LayerCase layer = Case(static_cast<uint8_t>(random.Int(0, 1)));
+        const uint32_t widths[] = {random.Chance(0.2) ? 1 : width, random.Chance(0.2) ? 1 : width};
+        layer.Online({2, widths[0]}, operand(2 * widths[0], 63), random.Stride(widths[0]));
+        layer.Online({2, widths[1]}, operand(2 * widths[1], 7), random.Stride(widths[1]));
+        layer.Output({2, width}, random.Stride(width));
         ExpectSameAsReference(layer, BitShiftOpkitForward, RefBitShift);
     });
 }
