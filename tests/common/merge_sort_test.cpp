@@ -69,6 +69,32 @@ TEST(MergeSort, SameAsReference)
     }
 }
 
+// The first items are those of the whole sort, also with a comparator that knows no order.
+TEST(MergeSort, FirstItems)
+{
+    const Compare comparators[] = {
+        [](const SortEntry& a, const SortEntry& b) { return LessCompareSelectLast(&a, &b); },
+        [](const SortEntry& a, const SortEntry& b) { return TopkDecSort(&a, &b); },
+        [](const SortEntry&, const SortEntry&) { return 1; },
+        [](const SortEntry& a, const SortEntry& b) { return ((a.index * 7919) ^ (b.index * 104729)) % 3 - 1; },
+    };
+    for (size_t c = 0; c < std::size(comparators); ++c) {
+        SCOPED_TRACE(c);
+        ForRandomCases(150, [&](Random& random) {
+            const size_t count = static_cast<size_t>(random.Int(0, 300));
+            const size_t keep = static_cast<size_t>(random.Int(0, static_cast<int32_t>(count)));
+            const auto entries = RandomEntries(random, count);
+            std::vector<SortEntry> first = entries;
+            std::vector<SortEntry> buffer(count);
+            MergeSortFirst(first.data(), count, keep, buffer.data(), comparators[c]);
+            std::vector<SortEntry> all = RefMergeSort(entries, comparators[c]);
+            first.resize(keep);
+            all.resize(keep);
+            EXPECT_EQ(BitsOf(first), BitsOf(all));
+        });
+    }
+}
+
 // "Always take the right one" turns 0 1 2 3 4 around by halves: {0 1} -> 1 0, {2 | 3 4} -> 4 3 2, then the right half
 // first.
 TEST(MergeSort, AlwaysRight)

@@ -289,12 +289,11 @@ TEST(Check, SharedMemory)
 {
     const auto overlapping = [](const char* name, int64_t distance, uint32_t stride) {
         ModelBuilder builder;
-        const TensorRef x = builder.AddInput({"x", {2, 3}});
+        builder.AddInput({"x", {2, 3}});
         const TensorRef a = builder.AddScratch({"a", {2, 3}, 16}, false, 64);
         const TensorRef b = builder.AddScratch({"b", {2, 3}, stride}, false, static_cast<uint32_t>(64 + distance));
         builder.AddOutput({"y", {1}});
         builder.AddLayer(name).Online(a).Output(b).Workspace(64);
-        static_cast<void>(x);
         return TextsOf(CheckModel(builder.Build(), 1));
     };
     EXPECT_THAT(overlapping("NegOpkitForward", 0, 16), IsEmpty());

@@ -174,6 +174,23 @@ TEST(Custom, MoreInputsThanThereAreFlags)
               "[CustomOpkitForward:#]Custom input num 81 or output num 1 larger than 80 and 30!\n\n");
 }
 
+TEST(Custom, MoreOutputsThanALayerHas)
+{
+    LayerCase layer = CustomCase("Describe", 1);
+    layer.Online({1}, {1}).Output({5});
+    World world(layer);
+    CaptureStdout capture;
+    const auto manyOutputs = [](LayerParam* param) {
+        param->outputNum = 31;
+        const uint32_t result = CustomOpkitForward(param);
+        param->outputNum = 1;
+        return result;
+    };
+    EXPECT_EQ(world.RunDirect(manyOutputs), 0xFFFFFFFFu);
+    EXPECT_EQ(NormalizeMessages(capture.Stop()),
+              "[CustomOpkitForward:#]Custom input num 1 or output num 31 larger than 80 and 30!\n\n");
+}
+
 // Threads open, call and close side by side, each with tensors of its own.
 TEST(Custom, SeveralThreads)
 {

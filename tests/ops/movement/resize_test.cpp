@@ -477,6 +477,19 @@ TEST(ParseAttrInput, StoresThroughSlots)
     EXPECT_EQ(stored.RunDirect(missing), 0xFFFFFFFFu);
 }
 
+TEST(ParseAttrInput, NeedsX)
+{
+    LayerCase layer("ResizeOpkitForward");
+    layer.Output({1});
+    layer.Attr<ResizeAttr>().scales[0] = 1;
+    World world(layer);
+    const auto parse = [](LayerParam* param) {
+        float* scales = nullptr;
+        return ParseAttrInput(param, static_cast<LayerAttrBlock*>(param->attr), &scales, 1);
+    };
+    EXPECT_EQ(world.RunDirect(parse), 0xFFFFFFFFu);
+}
+
 // An input without elements has nothing to give.
 TEST(Resize, EmptyInput)
 {

@@ -182,10 +182,15 @@ TEST(InstanceNormalization, Failures)
         EXPECT_EQ(run.result, OPKIT_FAILURE);
         return run.messages;
     };
-    LayerCase missing(kName);
-    missing.Online({2}, {1, 2}).Online({1}, {1}).Output({2}).Workspace(8);
-    missing.Attr<InstanceNormalizationAttr>();
-    EXPECT_EQ(messages(missing), "");
+    for (const int inputs : {0, 1, 2}) {
+        LayerCase missing(kName);
+        for (int k = 0; k < inputs; ++k) {
+            missing.Online({2}, {1, 2});
+        }
+        missing.Output({2}).Workspace(8);
+        missing.Attr<InstanceNormalizationAttr>();
+        EXPECT_EQ(messages(missing), "");
+    }
 
     LayerCase small = Norm({2, 2}, {1, 2, 3, 4}, {1}, {0}, 1);
     small.Workspace(12);

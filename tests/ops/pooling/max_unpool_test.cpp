@@ -115,6 +115,9 @@ TEST(MaxUnpool, Failures)
     LayerCase one("MaxUnpoolOpkitForward");
     one.Online({1, 1}, {7}).Output({1, 2});
     EXPECT_EQ(messages(one), "[MaxUnpoolOpkitForward:#]ParseInputInfo failed.\n\n");
+    LayerCase none("MaxUnpoolOpkitForward");
+    none.Output({1, 2});
+    EXPECT_EQ(messages(none), "[MaxUnpoolOpkitForward:#]ParseInputInfo failed.\n\n");
 
     LayerCase nullOutput = Unpool({0, 2}, {}, {}, {0, 2});
     nullOutput.Tamper([](World& w) { w.Param().outputs[0].data = nullptr; });

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "opkit/opkit.h"
@@ -288,6 +289,29 @@ TEST(TopK, LongLanes)
             }
         }
     }
+}
+
+// Few entries of long lanes: selected where no NaN stands in the lane, from wherever one stands merged.
+TEST(TopK, FewOfLongLanes)
+{
+    ForRandomCases(120, [](Random& random) {
+        const auto count = static_cast<uint32_t>(random.Int(1, 700));
+        const auto inner = static_cast<uint32_t>(random.Int(1, 3));
+        const auto k = static_cast<uint32_t>(random.Int(1, 45));
+        const Values kind = random.OneOf({Values::kPlain, Values::kIntegers, Values::kMixed});
+        std::vector<float> data = random.Floats(uint64_t{count} * inner, kind);
+        if (kind == Values::kPlain && random.Chance(0.3)) {
+            std::sort(data.begin(), data.end());  // every element enters, or none
+        }
+        if (random.Chance(0.3)) {
+            data[static_cast<size_t>(random.Int(0, static_cast<int32_t>(data.size()) - 1))] = kNan;
+        }
+        LayerCase layer("TopKOpkitForward");
+        layer.Online({count, inner}, data, random.Stride(inner)).Output({k, inner}).Output({k, inner});
+        layer.Workspace(8 * std::max(count, k));
+        SetTopK(layer, k, 0, random.OneOf({0u, 1u}));
+        ExpectSameAsReference(layer, TopKOpkitForward, RefTopK);
+    });
 }
 
 TEST(TopK, Comparators)
