@@ -8,6 +8,7 @@ list(APPEND opkit_kernels
     kernels/quantized.cpp
     kernels/resize.cpp
     kernels/reduction.cpp
+    kernels/image_columns.cpp
     kernels/lanes.cpp
     kernels/normalization.cpp
     kernels/selection.cpp

@@ -61,6 +61,7 @@ list(APPEND opkit_sources
     ops/pooling/pooling_max.cpp
     # matrix
     ops/matrix/convolution.cpp
+    ops/matrix/image_columns.cpp
     ops/matrix/determinant.cpp
     ops/matrix/gemm.cpp
     ops/matrix/matmul.cpp

@@ -34,7 +34,9 @@ void Gemm(GemmArgs args)
     }
     const MatrixView a = args.transA ? MatrixView{args.A, 1, args.M} : MatrixView{args.A, args.K, 1};
     const MatrixView b = args.transB ? MatrixView{args.B, 1, args.K} : MatrixView{args.B, args.N, 1};
-    if (!args.transA && !args.transB) {
+    // Onto a cleared C both walks give the same, since a sum that starts from 0.0 is never -0.0.
+    const bool cleared = count > 0 && args.beta == 0.0f;
+    if ((!args.transA && !args.transB) || cleared) {
         GemmLoops().accumulate(args.M, args.N, args.K, args.alpha, a, b, args.C);
     } else if (count != 0) {
         GemmLoops().addSums(args.M, args.N, args.K, args.alpha, a, b, args.C);

@@ -1,13 +1,14 @@
 // Register-tiled matrix product. Why the bits are those of the plain loops: every C element owns one accumulator lane,
 // takes its terms for k ascending, and each term is a rounded product added with a rounded sum. A lane that is stored
-// and loaded again between two blocks of k is an f32 either way. Columns beyond the matrix are computed on zeros in a
-// panel of their own and thrown away.
+// and loaded again between two blocks of k is an f32 either way. Lanes beyond the last column work on zeros and are not
+// stored.
 //
 // One operand is spread over the lanes (the "panel": rows of columns side by side), the other is broadcast element by
 // element. Usually B is the panel; a product with few columns swaps the two, since a * b = b * a.
 
 #include "kernels/gemm.h"
 
+#include <immintrin.h>
 #include <string.h>
 
 #include "kernels/vector.h"
@@ -17,23 +18,31 @@ namespace {
 
 #if defined(OPKIT_LEVEL_avx512)
 constexpr size_t kTileVectors = 4;
-constexpr size_t kDepth = 192;
+constexpr size_t kDepth = 128;
 #else
 constexpr size_t kTileVectors = 2;
 constexpr size_t kDepth = 256;
 #endif
-constexpr size_t kDirectDepth = 512;  // of k at a time when no panel is copied
 constexpr size_t kTileRows = 6;
 constexpr size_t kTileColumns = kTileVectors * kLanes;
-constexpr size_t kSumRows = 96;  // rows whose sums are kept apart at a time
+constexpr size_t kBlockRows = 96;  // copied at a time, or their sums kept apart
+constexpr size_t kManyRows = 24;   // read a panel often enough for a copy of it to pay
+constexpr size_t kLine = 16;       // floats in a cache line
+
+size_t Smaller(size_t a, size_t b)
+{
+    return a < b ? a : b;
+}
 
 struct Panel {
     const float* data;  // [depth, step]
     size_t step;
+    size_t tail;  // lanes in use in the last vector, where not all are
 };
 
-// Adds `depth` terms to kRows x kVectors vectors of c. a: rows aRow apart, terms aStep apart.
-template <size_t kRows, size_t kVectors>
+// Adds `depth` terms to kRows x kVectors vectors of c, of the last of which only a tail may be in use. a: rows aRow
+// apart, terms aStep apart.
+template <size_t kRows, size_t kVectors, bool kTail>
 void Tile(size_t depth, const float* a, size_t aRow, size_t aStep, Panel b, float* c, size_t cRow)
 {
     Vec sum[kRows][kVectors];
@@ -41,7 +50,8 @@ void Tile(size_t depth, const float* a, size_t aRow, size_t aStep, Panel b, floa
     for (size_t i = 0; i < kRows; ++i) {
 #pragma GCC unroll 4
         for (size_t v = 0; v < kVectors; ++v) {
-            sum[i][v] = Load(c + i * cRow + v * kLanes);
+            const float* const from = c + i * cRow + v * kLanes;
+            sum[i][v] = kTail && v + 1 == kVectors ? LoadTail(from, b.tail) : Load(from);
         }
     }
     const float* row = b.data;
@@ -49,7 +59,8 @@ void Tile(size_t depth, const float* a, size_t aRow, size_t aStep, Panel b, floa
         Vec column[kVectors];
 #pragma GCC unroll 4
         for (size_t v = 0; v < kVectors; ++v) {
-            column[v] = Load(row + v * kLanes);
+            const float* const from = row + v * kLanes;
+            column[v] = kTail && v + 1 == kVectors ? LoadTail(from, b.tail) : Load(from);
         }
 #pragma GCC unroll 8
         for (size_t i = 0; i < kRows; ++i) {
@@ -65,29 +76,39 @@ void Tile(size_t depth, const float* a, size_t aRow, size_t aStep, Panel b, floa
     for (size_t i = 0; i < kRows; ++i) {
 #pragma GCC unroll 4
         for (size_t v = 0; v < kVectors; ++v) {
-            Store(c + i * cRow + v * kLanes, sum[i][v]);
+            float* const to = c + i * cRow + v * kLanes;
+            if (kTail && v + 1 == kVectors) {
+                StoreTail(to, sum[i][v], b.tail);
+            } else {
+                Store(to, sum[i][v]);
+            }
         }
     }
 }
 
 using TileFunction = void (*)(size_t, const float*, size_t, size_t, Panel, float*, size_t);
 
-template <size_t kVectors>
+template <size_t kVectors, bool kTail>
 constexpr TileFunction kTiles[kTileRows + 1] = {
-    nullptr,           Tile<1, kVectors>, Tile<2, kVectors>, Tile<3, kVectors>,
-    Tile<4, kVectors>, Tile<5, kVectors>, Tile<6, kVectors>,
+    nullptr,
+    Tile<1, kVectors, kTail>,
+    Tile<2, kVectors, kTail>,
+    Tile<3, kVectors, kTail>,
+    Tile<4, kVectors, kTail>,
+    Tile<5, kVectors, kTail>,
+    Tile<6, kVectors, kTail>,
 };
 
 // The kernel of so many rows and vectors, both at least 1.
 template <size_t kVectors = kTileVectors>
-TileFunction TileFor(size_t rows, size_t vectors)
+TileFunction TileFor(size_t rows, size_t vectors, bool tail)
 {
     if constexpr (kVectors > 1) {
         if (vectors < kVectors) {
-            return TileFor<kVectors - 1>(rows, vectors);
+            return TileFor<kVectors - 1>(rows, vectors, tail);
         }
     }
-    return kTiles<kVectors>[rows];
+    return tail ? kTiles<kVectors, true>[rows] : kTiles<kVectors, false>[rows];
 }
 
 // The product seen from the tiles: `rows` broadcast, `columns` across the lanes.
@@ -102,16 +123,112 @@ struct Product {
     float* c;
     size_t cRow;
     size_t cColumn;
+    const PanelSource* source = nullptr;  // in place of `columns`
 };
 
-// Copies a tile's share of the broadcast operand term by term, scaled: what stands far apart is read once.
-void PackRows(const float* from, size_t rowStep, size_t step, size_t rows, size_t depth, float factor, float* to)
+// Rows of the broadcast operand, in strips of kTileRows.
+struct RowBlock {
+    const float* data;
+    size_t row;
+    size_t step;  // from term to term
+    size_t strip;
+};
+
+// A strip of six rows whose terms lie together, four terms at a time.
+void PackStrip(const float* from, size_t row, size_t depth, float factor, float* to)
 {
-    for (size_t k = 0; k < depth; ++k) {
-        for (size_t r = 0; r < rows; ++r) {
-            to[k * rows + r] = from[r * rowStep + k * step] * factor;
+    size_t k = 0;
+    for (; k + 4 <= depth; k += 4, to += 4 * kTileRows) {
+        __m128 four[4];
+        __m128 two[2];
+        for (size_t r = 0; r < 4; ++r) {
+            four[r] = _mm_mul_ps(_mm_loadu_ps(from + r * row + k), _mm_set1_ps(factor));
+        }
+        for (size_t r = 0; r < 2; ++r) {
+            two[r] = _mm_mul_ps(_mm_loadu_ps(from + (4 + r) * row + k), _mm_set1_ps(factor));
+        }
+        _MM_TRANSPOSE4_PS(four[0], four[1], four[2], four[3]);
+        const __m128 low = _mm_unpacklo_ps(two[0], two[1]);
+        const __m128 high = _mm_unpackhi_ps(two[0], two[1]);
+        for (size_t i = 0; i < 4; ++i) {
+            _mm_storeu_ps(to + i * kTileRows, four[i]);
+        }
+        _mm_storel_pi(reinterpret_cast<__m64*>(to + 4), low);
+        _mm_storeh_pi(reinterpret_cast<__m64*>(to + kTileRows + 4), low);
+        _mm_storel_pi(reinterpret_cast<__m64*>(to + 2 * kTileRows + 4), high);
+        _mm_storeh_pi(reinterpret_cast<__m64*>(to + 3 * kTileRows + 4), high);
+    }
+    for (; k < depth; ++k, to += kTileRows) {
+        for (size_t r = 0; r < kTileRows; ++r) {
+            to[r] = from[r * row + k] * factor;
         }
     }
+}
+
+// A strip of six rows that lie side by side in each term.
+void PackTransposedStrip(const float* from, size_t step, size_t depth, float factor, float* to)
+{
+    const __m128 factors = _mm_set1_ps(factor);
+    for (size_t k = 0; k < depth; ++k, from += step, to += kTileRows) {
+        const __m128 four = _mm_mul_ps(_mm_loadu_ps(from), factors);
+        const __m128 two =
+            _mm_mul_ps(_mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(from + 4)), factors);
+        _mm_storeu_ps(to, four);
+        _mm_storel_pi(reinterpret_cast<__m64*>(to + 4), two);
+    }
+}
+
+// Whether the rows cannot be used as they stand: they are scaled, or their terms lie apart.
+bool MustCopyRows(const Product& p)
+{
+    return p.rowFactor != 1.0f || p.rows.columnStep != 1;
+}
+
+// Whether a copy of the rows pays in any case: they are many, or often read.
+bool WorthCopyingRows(const Product& p)
+{
+    return p.rowCount >= kTileRows &&
+           (p.columnCount >= 512 || (p.columnCount > kTileColumns && p.rowCount * p.depth > (1 << 17)));
+}
+
+// Asks for what will soon be read or written, so that it is at hand by then.
+void FetchRows(const float* from, size_t step, size_t rows, size_t columns)
+{
+    for (size_t r = 0; r < rows; ++r) {
+        for (size_t j = 0; j < columns; j += kLine) {
+            __builtin_prefetch(from + r * step + j);
+        }
+    }
+}
+
+// Rows [first, first + rows), terms [k0, k0 + depth): a scaled copy in `room`, strip by strip and term by term, or the
+// rows as they stand.
+RowBlock BlockOf(const Product& p, bool copied, size_t first, size_t rows, size_t k0, size_t depth, float* room)
+{
+    const float* const from = p.rows.data + first * p.rows.rowStep + k0 * p.rows.columnStep;
+    if (!copied) {
+        return {from, p.rows.rowStep, p.rows.columnStep, kTileRows * p.rows.rowStep};
+    }
+    for (size_t i = 0; i < rows; i += kTileRows) {
+        const float* const strip = from + i * p.rows.rowStep;
+        float* const to = room + i * depth;
+        const size_t count = Smaller(rows - i, kTileRows);
+        if (p.rows.columnStep == 1 && rows - i >= 2 * kTileRows) {
+            FetchRows(strip + kTileRows * p.rows.rowStep, p.rows.rowStep, kTileRows, depth);
+        }
+        if (count == kTileRows && p.rows.rowStep == 1) {
+            PackTransposedStrip(strip, p.rows.columnStep, depth, p.rowFactor, to);
+        } else if (count == kTileRows && p.rows.columnStep == 1) {
+            PackStrip(strip, p.rows.rowStep, depth, p.rowFactor, to);
+        } else {
+            for (size_t r = 0; r < count; ++r) {
+                for (size_t k = 0; k < depth; ++k) {
+                    to[k * kTileRows + r] = strip[r * p.rows.rowStep + k * p.rows.columnStep] * p.rowFactor;
+                }
+            }
+        }
+    }
+    return {room, 1, kTileRows, kTileRows * depth};
 }
 
 // Columns of a matrix whose consecutive k lie together: squares are transposed in registers.
@@ -150,7 +267,12 @@ Panel Pack(const Product& p, size_t k0, size_t depth, size_t j0, size_t columns,
 {
     const size_t step = (columns + kLanes - 1) / kLanes * kLanes;
     const float* from = p.columns.data + k0 * p.columns.rowStep + j0 * p.columns.columnStep;
-    if (p.columns.rowStep == 1 && p.columns.columnStep != 1) {
+    for (size_t k = 0; k < depth && columns < step; ++k) {
+        Store(to + k * step + step - kLanes, Vec{});
+    }
+    if (p.source != nullptr) {
+        p.source->fill(p.source->context, k0, depth, j0, columns, to, step);
+    } else if (p.columns.rowStep == 1 && p.columns.columnStep != 1) {
         PackTransposed(from, p.columns.columnStep, depth, columns, to, step);
     } else {
         for (size_t k = 0; k < depth; ++k) {
@@ -166,88 +288,79 @@ Panel Pack(const Product& p, size_t k0, size_t depth, size_t j0, size_t columns,
             }
         }
     }
-    for (size_t k = 0; k < depth && columns < step; ++k) {
-        memset(to + k * step + columns, 0, (step - columns) * sizeof(float));
-    }
-    return {to, step};
+    return {to, step, 0};
+}
+
+// The panel operand where it stands.
+Panel Where(const Product& p, size_t k0, size_t j0)
+{
+    return {p.columns.data + k0 * p.columns.rowStep + j0, p.columns.rowStep, 0};
+}
+
+// The same if it stands in rows and is not at its end, for fetching.
+Panel NextFrom(const Product& p, size_t k, size_t j)
+{
+    return p.columns.columnStep == 1 && k < p.depth && j < p.columnCount ? Where(p, k, j) : Panel{nullptr, 0, 0};
 }
 
 // Whether a panel is read often enough, or from rows that collide in the cache, for a copy to pay.
 bool WorthPacking(const Product& p)
 {
     const size_t pitch = p.columns.rowStep;
-    return p.rowCount >= 4 * kTileRows && (p.columnCount >= 512 || (pitch >= 128 && (pitch & (pitch - 1)) == 0));
+    return p.rowCount >= kManyRows && (p.columnCount >= 512 || (pitch >= 128 && (pitch & (pitch - 1)) == 0));
 }
 
-// Runs the tiles of one panel over rows [first, last). `sums` is where row `first` accumulates, with its own row step;
-// columns of it are dense.
-void RunPanel(const Product& p, size_t k0, size_t depth, Panel panel, size_t columns, size_t first, size_t last,
-              float* sums, size_t sumRow)
+// Runs the tiles of one panel over `rows` rows. `sums` is where the first of them accumulates, with its own row step;
+// columns of it are dense. Meanwhile as many columns of the next panel are fetched, a share of its rows by each strip.
+void RunPanel(const RowBlock& a, size_t rows, size_t depth, const Panel& panel, size_t columns, float* sums,
+              size_t sumRow, const Panel& next)
 {
     const size_t vectors = (columns + kLanes - 1) / kLanes;
-    float scaled[kTileRows * kDirectDepth];
-    for (size_t i = first; i < last; i += kTileRows) {
-        const size_t rows = last - i < kTileRows ? last - i : kTileRows;
-        const float* a = p.rows.data + i * p.rows.rowStep + k0 * p.rows.columnStep;
-        size_t aRow = p.rows.rowStep;
-        size_t aStep = p.rows.columnStep;
-        if (p.rowFactor != 1.0f || aStep != 1) {
-            PackRows(a, aRow, aStep, rows, depth, p.rowFactor, scaled);
-            a = scaled;
-            aRow = 1;
-            aStep = rows;
+    const size_t share = (depth * kTileRows + rows - 1) / rows;
+    for (size_t i = 0, k = 0; i < rows; i += kTileRows, k += share) {
+        float* const c = sums + i * sumRow;
+        if (i + 2 * kTileRows <= rows) {
+            FetchRows(c + kTileRows * sumRow, sumRow, kTileRows, columns);
         }
-        TileFor(rows, vectors)(depth, a, aRow, aStep, panel, sums + (i - first) * sumRow, sumRow);
+        if (next.data != nullptr && k < depth) {
+            FetchRows(next.data + k * next.step, next.step, Smaller(share, depth - k), columns);
+        }
+        const TileFunction tile = TileFor(Smaller(rows - i, kTileRows), vectors, panel.tail != 0);
+        tile(depth, a.data + i / kTileRows * a.strip, a.row, a.step, panel, c, sumRow);
     }
-}
-
-bool ReadsDirectly(bool direct, size_t columns)
-{
-    return direct && columns % kLanes == 0;
-}
-
-// How many terms of k a panel of these columns takes, from k0 on.
-size_t DepthFrom(const Product& p, bool direct, size_t k0, size_t columns)
-{
-    const size_t limit = ReadsDirectly(direct, columns) ? kDirectDepth : kDepth;
-    return p.depth - k0 < limit ? p.depth - k0 : limit;
-}
-
-Panel PanelFor(const Product& p, bool direct, size_t k0, size_t depth, size_t j0, size_t columns, float* room)
-{
-    if (ReadsDirectly(direct, columns)) {
-        return {p.columns.data + k0 * p.columns.rowStep + j0, p.columns.rowStep};
-    }
-    return Pack(p, k0, depth, j0, columns, room);
 }
 
 // Sums in a block of their own: they start from 0.0 or from C, and go to C as a sum or in its place.
 template <bool kApart>
 void RunBlocked(const Product& p, bool direct)
 {
-    alignas(64) float room[kDepth * kTileColumns];
-    alignas(64) float sums[kSumRows * kTileColumns];
+    alignas(64) float panelRoom[kDepth * kTileColumns];
+    alignas(64) float rowRoom[kDepth * kBlockRows];
+    alignas(64) float sums[kBlockRows * kTileColumns];
+    const bool copied = MustCopyRows(p);
     for (size_t j = 0; j < p.columnCount; j += kTileColumns) {
-        const size_t columns = p.columnCount - j < kTileColumns ? p.columnCount - j : kTileColumns;
-        for (size_t i = 0; i < p.rowCount; i += kSumRows) {
-            const size_t last = p.rowCount - i < kSumRows ? p.rowCount : i + kSumRows;
-            memset(sums, 0, (last - i) * kTileColumns * sizeof(float));
+        const size_t columns = Smaller(p.columnCount - j, kTileColumns);
+        for (size_t i = 0; i < p.rowCount; i += kBlockRows) {
+            const size_t rows = Smaller(p.rowCount - i, kBlockRows);
+            memset(sums, 0, rows * kTileColumns * sizeof(float));
             if (!kApart) {
-                for (size_t r = i; r < last; ++r) {
+                for (size_t r = 0; r < rows; ++r) {
                     for (size_t q = 0; q < columns; ++q) {
-                        sums[(r - i) * kTileColumns + q] = p.c[r * p.cRow + (j + q) * p.cColumn];
+                        sums[r * kTileColumns + q] = p.c[(i + r) * p.cRow + (j + q) * p.cColumn];
                     }
                 }
             }
             for (size_t k = 0, depth = 0; k < p.depth; k += depth) {
-                depth = DepthFrom(p, direct, k, columns);
-                const Panel panel = PanelFor(p, direct, k, depth, j, columns, room);
-                RunPanel(p, k, depth, panel, columns, i, last, sums, kTileColumns);
+                depth = Smaller(p.depth - k, kDepth);
+                const Panel panel =
+                    direct && columns % kLanes == 0 ? Where(p, k, j) : Pack(p, k, depth, j, columns, panelRoom);
+                const RowBlock a = BlockOf(p, copied, i, rows, k, depth, rowRoom);
+                RunPanel(a, rows, depth, panel, columns, sums, kTileColumns, {});
             }
-            for (size_t r = i; r < last; ++r) {
+            for (size_t r = 0; r < rows; ++r) {
                 for (size_t q = 0; q < columns; ++q) {
-                    float& c = p.c[r * p.cRow + (j + q) * p.cColumn];
-                    const float sum = sums[(r - i) * kTileColumns + q];
+                    float& c = p.c[(i + r) * p.cRow + (j + q) * p.cColumn];
+                    const float sum = sums[r * kTileColumns + q];
                     c = kApart ? sum + c : sum;
                 }
             }
@@ -255,26 +368,86 @@ void RunBlocked(const Product& p, bool direct)
     }
 }
 
-// Sums that live in C itself; the last columns, less than a vector, go through a block.
+// Columns of the tile at j: as many vectors in each tile as in the others, but for one, so that none is narrow.
+size_t EvenColumns(size_t j, size_t columnCount)
+{
+    const size_t vectors = (columnCount - j + kLanes - 1) / kLanes;
+    const size_t tiles = (vectors + kTileVectors - 1) / kTileVectors;
+    const size_t columns = (vectors + tiles - 1) / tiles * kLanes;
+    return Smaller(columns, columnCount - j);
+}
+
+// Sums that live in C itself. All of them take a block of terms before the next: the blocks of rows stay in the cache.
 void RunInPlace(const Product& p, bool direct)
 {
-    alignas(64) float room[kDepth * kTileColumns];
-    const size_t whole = p.columnCount / kLanes * kLanes;
-    for (size_t j = 0; j < whole; j += kTileColumns) {
-        const size_t columns = whole - j < kTileColumns ? whole - j : kTileColumns;
-        for (size_t k = 0, depth = 0; k < p.depth; k += depth) {
-            depth = DepthFrom(p, direct, k, columns);
-            const Panel panel = PanelFor(p, direct, k, depth, j, columns, room);
-            RunPanel(p, k, depth, panel, columns, 0, p.rowCount, p.c + j, p.cRow);
+    alignas(64) float panelRoom[kDepth * kTileColumns];
+    alignas(64) float rowRoom[kDepth * kBlockRows];
+    const bool copied = MustCopyRows(p) || WorthCopyingRows(p);
+    const size_t block = copied ? kBlockRows : p.rowCount;
+    for (size_t k = 0, depth = 0; k < p.depth; k += depth) {
+        depth = Smaller(p.depth - k, kDepth);
+        for (size_t i = 0, rows = 0; i < p.rowCount; i += rows) {
+            rows = Smaller(p.rowCount - i, block);
+            const RowBlock a = BlockOf(p, copied, i, rows, k, depth, rowRoom);
+            for (size_t j = 0, columns = 0; j < p.columnCount; j += columns) {
+                columns = EvenColumns(j, p.columnCount);
+                Panel panel = direct ? Where(p, k, j) : Pack(p, k, depth, j, columns, panelRoom);
+                panel.tail = columns % kLanes;
+                const Panel next = direct ? NextFrom(p, k + depth, j) : NextFrom(p, k, j + columns);
+                RunPanel(a, rows, depth, panel, columns, p.c + i * p.cRow + j, p.cRow, next);
+            }
         }
     }
-    if (whole < p.columnCount) {
-        Product rest = p;
-        rest.columns.data += whole * p.columns.columnStep;
-        rest.columnCount -= whole;
-        rest.c += whole;
-        RunBlocked<false>(rest, false);
+}
+
+// Few rows: a tile's columns take all of their terms before the next, so that columns whose terms lie together are read
+// along their own memory.
+void RunByColumns(const Product& p, bool direct)
+{
+    Product part = p;
+    for (size_t j = 0; j < p.columnCount; j += kTileColumns) {
+        part.columns.data = p.columns.data + j * p.columns.columnStep;
+        part.columnCount = Smaller(p.columnCount - j, kTileColumns);
+        part.c = p.c + j;
+        RunInPlace(part, direct);
     }
+}
+
+// A single row times columns whose terms lie together: squares of columns are transposed in registers, and each is read
+// along its own memory. Leaves columns to do that do not fill a vector.
+template <bool kApart>
+void RunOneRow(Product& p)
+{
+    size_t j = 0;
+    for (; j + kLanes <= p.columnCount; j += kLanes) {
+        const float* const from = p.columns.data + j * p.columns.columnStep;
+        const float* row = p.rows.data;
+        Vec sum = kApart ? Vec{} : Load(p.c + j);
+        size_t k = 0;
+        for (; k + kLanes <= p.depth; k += kLanes) {
+            Vec square[kLanes];
+#pragma GCC unroll 16
+            for (size_t i = 0; i < kLanes; ++i) {
+                square[i] = Load(from + i * p.columns.columnStep + k);
+            }
+            TransposeSquare(square);
+#pragma GCC unroll 16
+            for (size_t i = 0; i < kLanes; ++i, row += p.rows.columnStep) {
+                sum = Broadcast(row) * square[i] + sum;
+            }
+        }
+        for (; k < p.depth; ++k, row += p.rows.columnStep) {
+            Vec column = {};
+            for (size_t i = 0; i < kLanes; ++i) {
+                column[i] = from[i * p.columns.columnStep + k];
+            }
+            sum = Broadcast(row) * column + sum;
+        }
+        Store(p.c + j, kApart ? sum + Load(p.c + j) : sum);
+    }
+    p.columns.data += j * p.columns.columnStep;
+    p.columnCount -= j;
+    p.c += j;
 }
 
 Product Describe(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c)
@@ -286,6 +459,11 @@ Product Describe(size_t M, size_t N, size_t K, float alpha, MatrixView a, Matrix
     return {a, b, M, N, K, alpha, 1.0f, c, N, 1};
 }
 
+bool IsOneRow(const Product& p)
+{
+    return p.rowCount == 1 && p.columns.rowStep == 1 && p.rowFactor == 1.0f && p.columnFactor == 1.0f;
+}
+
 bool MayReadDirectly(const Product& p)
 {
     return p.columns.columnStep == 1 && p.columnFactor == 1.0f && !WorthPacking(p);
@@ -293,22 +471,38 @@ bool MayReadDirectly(const Product& p)
 
 void Accumulate(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c)
 {
-    const Product p = Describe(M, N, K, alpha, a, b, c);
-    if (p.cColumn == 1) {
-        RunInPlace(p, MayReadDirectly(p));
-    } else {
-        RunBlocked<false>(p, MayReadDirectly(p));
+    Product p = Describe(M, N, K, alpha, a, b, c);
+    if (IsOneRow(p)) {
+        RunOneRow<false>(p);
     }
+    const bool direct = MayReadDirectly(p);
+    if (p.cColumn != 1) {
+        RunBlocked<false>(p, direct);
+    } else if (p.rowCount < kManyRows && p.columns.rowStep == 1) {
+        RunByColumns(p, direct);
+    } else {
+        RunInPlace(p, direct);
+    }
+}
+
+void AccumulateFrom(size_t M, size_t N, size_t K, float alpha, MatrixView a, const PanelSource& b, float* c)
+{
+    Product p = {a, {nullptr, 0, 0}, M, N, K, alpha, 1.0f, c, N, 1};
+    p.source = &b;
+    RunInPlace(p, false);
 }
 
 void AddSums(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c)
 {
-    const Product p = Describe(M, N, K, alpha, a, b, c);
+    Product p = Describe(M, N, K, alpha, a, b, c);
+    if (IsOneRow(p)) {
+        RunOneRow<true>(p);
+    }
     RunBlocked<true>(p, MayReadDirectly(p));
 }
 
 }  // namespace
 
-extern const GemmKernels gemmKernels = {Accumulate, AddSums};
+extern const GemmKernels gemmKernels = {Accumulate, AccumulateFrom, AddSums};
 
 }  // namespace opkit::OPKIT_LEVEL

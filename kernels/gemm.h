@@ -14,9 +14,17 @@ struct MatrixView {
     size_t columnStep;
 };
 
+// A matrix that is laid out part by part, on demand: row k of a part, from column j0 on, goes to `to` + k * step.
+struct PanelSource {
+    void (*fill)(const void* context, size_t k0, size_t depth, size_t j0, size_t columns, float* to, size_t step);
+    const void* context;
+};
+
 struct GemmKernels {
     // C[i * N + j] += ((A[i][k] * alpha) * B[k][j]) for k ascending, term by term onto C.
     void (*accumulate)(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c);
+    // The same with B from a source.
+    void (*accumulateFrom)(size_t M, size_t N, size_t K, float alpha, MatrixView a, const PanelSource& b, float* c);
     // The same terms summed apart from 0.0; then C[i * N + j] = sum + C[i * N + j].
     void (*addSums)(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c);
 };

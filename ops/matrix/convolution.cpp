@@ -5,12 +5,17 @@
 // point; Y is not cleared, so that its old content counts when both zero points are set; and the bias step adds the
 // weights, which it rescales in place once per image, times the bytes of the ones area read as floats.
 //
-// Work space: the column matrix, then the ones area of one byte per output position.
+// Work space: the column matrix, then the ones area of one byte per output position. Without zero points the product
+// takes its columns straight from the image, and the matrix is not laid out.
+
+#include <cstring>
 
 #include "common/bounded_memory.h"
 #include "common/convert.h"
+#include "kernels/gemm.h"
 #include "opkit/attributes/matrix.h"
 #include "opkit/operators.h"
+#include "ops/matrix/image_columns.h"
 #include "runtime/frame.h"
 
 namespace opkit {
@@ -91,30 +96,42 @@ void LayOutColumns(const ConvolutionAttr& attr, float* image, int32_t padValue, 
     Im2col(args);
 }
 
-bool Fits(uint64_t first, uint64_t second, uint64_t room)
+uint32_t ImageSize(const ConvolutionAttr& attr)
 {
-    return first <= room && second <= room - first;
+    return attr.channels * attr.height * attr.width;
 }
 
-// Whether the image can serve as its own column matrix: the kernel is a single place that moves by one without padding,
-// and the products stay inside the image and write elsewhere.
-bool ImageIsColumns(const ConvolutionAttr& attr, const float* image, const float* y)
+bool Overlap(const float* a, uint64_t countA, const float* b, uint64_t countB)
 {
-    const bool pointwise = attr.kernelH == 1 && attr.kernelW == 1 && attr.strideH == 1 && attr.strideW == 1;
-    if (!pointwise || (attr.padTop | attr.padBottom | attr.padLeft | attr.padRight) != 0 || attr.groupNum == 0 ||
-        image == nullptr) {
-        return false;
-    }
-    const uint64_t lastGroup = attr.groupNum - 1;
-    const uint32_t size = attr.channels * attr.height * attr.width;
-    if (!Fits(lastGroup * attr.colGroupOffset, uint64_t{attr.gemmK} * attr.gemmN, size) ||
-        !Fits(lastGroup * attr.outGroupOffset, uint64_t{attr.gemmM} * attr.gemmN, INT32_MAX)) {
-        return false;
-    }
-    const uint64_t written = lastGroup * attr.outGroupOffset + uint64_t{attr.gemmM} * attr.gemmN;
-    const uintptr_t from = reinterpret_cast<uintptr_t>(image);
-    const uintptr_t to = reinterpret_cast<uintptr_t>(y);
-    return to >= from + size * sizeof(float) || from >= to + written * sizeof(float);
+    const uintptr_t beginA = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t beginB = reinterpret_cast<uintptr_t>(b);
+    return beginA < beginB + countB * sizeof(float) && beginB < beginA + countA * sizeof(float);
+}
+
+// Whether the products write elsewhere than to these values: then it does not matter when they are read.
+bool StaysUntouched(const ConvolutionAttr& attr, const float* values, uint64_t count, const float* y)
+{
+    const uint64_t lastGroup = (attr.groupNum - uint64_t{1}) * attr.outGroupOffset;
+    const uint64_t group = uint64_t{attr.gemmM} * attr.gemmN;
+    return attr.groupNum != 0 && lastGroup <= INT32_MAX && group <= INT32_MAX &&
+           !Overlap(values, count, y, lastGroup + group);
+}
+
+// Whether the corrections leave the products of an image as they are. Without zero points they subtract 0 times the
+// sums of rows and columns: +0.0 or -0.0 while those are finite. That changes no sum that started from a cleared Y,
+// since none of these is -0.0.
+bool NeedsNoCorrection(const ConvolutionAttr& attr, const Operands& operands, const float* image, const float* y)
+{
+    constexpr uint64_t kTerms = 1 << 24;
+    constexpr float kLimit = 1e30f;  // so many of these stay finite
+    const uint64_t weights = (attr.groupNum - uint64_t{1}) * attr.weightGroupOffset + uint64_t{attr.gemmM} * attr.gemmK;
+    const uint64_t imageSize = ImageSize(attr);
+    const bool zeroPoints = (operands.forX.zeroPoint | operands.forW.zeroPoint | operands.forY.zeroPoint) != 0;
+    return !zeroPoints && operands.forY.scale == 1 && attr.gemmK <= kTerms && weights <= operands.w.count &&
+           static_cast<uint64_t>(image - operands.x.data) + imageSize <= operands.x.count &&
+           StaysUntouched(attr, operands.w.data, weights, y) &&
+           ImageColumnLoops().areWithin(operands.w.data, weights, kLimit) &&
+           ImageColumnLoops().areWithin(image, imageSize, kLimit);
 }
 
 int32_t GroupOffset(uint32_t group, uint32_t distance)
@@ -134,6 +151,20 @@ void MultiplyGroups(const ConvolutionAttr& attr, const Operands& operands, float
         args.b = {columns + GroupOffset(g, attr.colGroupOffset), operands.forX.scale, operands.forX.zeroPoint};
         args.c = {y + GroupOffset(g, attr.outGroupOffset), operands.forY.scale, operands.forY.zeroPoint};
         QGemm(args);
+    }
+}
+
+// The same for images that need no correction, straight from the image.
+void MultiplyImage(const ConvolutionAttr& attr, const Operands& operands, const float* image, float* y)
+{
+    const float scale = static_cast<float>(operands.forW.scale) * static_cast<float>(operands.forX.scale);
+    for (uint32_t g = 0; g < attr.groupNum; ++g) {
+        const float* const w = operands.w.data + GroupOffset(g, attr.weightGroupOffset);
+        float* const c = y + GroupOffset(g, attr.outGroupOffset);
+        const ImageColumns columns = FindColumns(attr, image, g, operands.padValue);
+        std::memset(c, 0, size_t{attr.gemmM} * attr.gemmN * sizeof(float));
+        GemmLoops().accumulateFrom(attr.gemmM, attr.gemmN, attr.gemmK, scale, {w, attr.gemmK, 1},
+                                   {ImageColumnLoops().fill, &columns}, c);
     }
 }
 
@@ -159,12 +190,15 @@ void AddBias(const ConvolutionAttr& attr, float* w, void* ones, float scale, flo
 template <class AfterImage>
 void ForEachImage(const ConvolutionAttr& attr, const Operands& operands, const WorkSpace& space, AfterImage afterImage)
 {
-    const uint32_t imageSize = attr.channels * attr.height * attr.width;
+    const uint32_t imageSize = ImageSize(attr);
     const uint32_t resultSize = attr.outHeight * attr.outWidth * attr.outChannels;
     for (uint32_t n = 0; n < operands.x.shape[0]; ++n) {
         float* const image = operands.x.data + imageSize * n;
         float* const y = operands.y.data + resultSize * n;
-        if (ImageIsColumns(attr, image, y)) {
+        const bool untouched = image != nullptr && StaysUntouched(attr, image, imageSize, y);
+        if (untouched && CanFindColumns(attr) && NeedsNoCorrection(attr, operands, image, y)) {
+            MultiplyImage(attr, operands, image, y);
+        } else if (untouched && ImageIsColumns(attr)) {
             MultiplyGroups(attr, operands, image, y);
         } else {
             LayOutColumns(attr, image, operands.padValue, space.columns);

@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "common/broadcast.h"
+#include "common/move_floats.h"
 #include "opkit/attributes/matrix.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -49,7 +50,7 @@ void PrepareSum(float* to, const Output& out, const Input& c, GemmAttr* attr)
 {
     WriteStrides(&attr->outputStrides[0], out);
     if (JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), c.shape, c.dimNum) == 0) {
-        memcpy(to, c.data, size_t{out.count} * sizeof(float));
+        MoveFloats(to, c.data, out.count);
         return;
     }
     WriteStrides(&attr->inputStrides[kIndexOfC], c);

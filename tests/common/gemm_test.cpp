@@ -79,6 +79,21 @@ TEST(Gemm, BetaScalesOrClears)
     });
 }
 
+// -0.0 * 1 + -0.0 stays -0.0 term by term; a sum that starts from 0.0 does not.
+TEST(Gemm, ZerosKeepTheirSigns)
+{
+    ForEachLevel([](Level) {
+        for (uint32_t n = 1; n <= 40; ++n) {
+            const Floats a(2, -0.0f);
+            const Floats b(n, 1.0f);
+            const Floats c(2 * size_t{n}, -0.0f);
+            EXPECT_TRUE(SameFloats(Product({0, 0}, {2, n, 1}, {1, 1}, a, b, c), c)) << n;
+            EXPECT_TRUE(SameFloats(Product({0, 0}, {2, n, 1}, {3, 1}, a, b, c), c)) << n;
+            EXPECT_TRUE(SameFloats(Product({0, 1}, {2, n, 1}, {1, 1}, a, b, c), Floats(c.size(), 0.0f))) << n;
+        }
+    });
+}
+
 TEST(Gemm, WithoutTerms)
 {
     ForEachLevel([](Level) {
@@ -175,6 +190,8 @@ TEST(Gemm, LargeAsReference)
         ExpectAsReference(random, {size(24, 40), size(512, 700), size(20, 40)}, Values::kPlain);
         ExpectAsReference(random, {size(24, 60), random.OneOf({128u, 256u}), size(250, 270)}, Values::kMixed);
         ExpectAsReference(random, {size(90, 300), size(1, 7), size(250, 400)}, Values::kPlain);
+        ExpectAsReference(random, {random.OneOf({1u, 2u, 13u}), size(60, 140), size(250, 600)}, Values::kPlain);
+        ExpectAsReference(random, {size(240, 260), size(66, 90), size(530, 600)}, Values::kMixed);
     });
 }
 

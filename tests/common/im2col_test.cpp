@@ -93,6 +93,8 @@ TEST(Im2col, StrideBelowZeroWalksBackward)
     // (1 + 1 - 5) / -1 + 1 = 4 columns at coordinates -1 + kw, then one less each
     ExpectColumns({1, 1, 1}, {{1, 5}, {0, 0, 1, 0}, {1, 0xFFFFFFFFu}}, 7,
                   {7, 7, 7, 7, 1, 7, 7, 7, 7, 1, 7, 7, 7, 7, 1, 7, 7, 7, 7, 1});
+    ExpectColumns({1, 1, 1}, {{5, 1}, {1, 0, 0, 0}, {0xFFFFFFFFu, 1}}, 7,  // the same for rows
+                  {7, 7, 7, 7, 1, 7, 7, 7, 7, 1, 7, 7, 7, 7, 1, 7, 7, 7, 7, 1});
 }
 
 TEST(Im2col, Failures)

@@ -398,5 +398,193 @@ TEST(Convolution, SameAsReference)
     });
 }
 
+// Without zero points the product may take its columns straight from the image. Inputs as the two forms have them, with
+// scales and zero points whose bytes are 1 and 0; padding of 256 all the same.
+LayerCase CaseWithoutZeroPoints(Random& random, const Problem& p, Values kind)
+{
+    const uint32_t count = random.OneOf({2u, 3u, 4u, 8u});
+    LayerCase layer = Case(count, p);
+    const auto images = [&] {
+        layer.Online(p.Images(), random.Floats(ElementCount(p.Images()), kind), random.Stride(p.size[1]));
+    };
+    const auto zero = [&] { layer.Online({1}, {random.OneOf({0.0f, 0.9f, 256.0f, -512.0f})}); };
+    const auto scale = [&] { layer.Online({1}, {random.OneOf({1.0f, 1.9f, 257.0f})}); };
+    images();
+    if (count == 8) {
+        layer.Attr<ConvolutionAttr>().hasBias = random.Chance(0.3) ? 1 : 0;
+        scale(), zero();
+    }
+    Shape weights = p.Weights();
+    while (ElementCount(weights) < p.Positions(0) * p.Positions(1)) {
+        weights[0] += 1;
+    }
+    AddInput(random, layer, weights, kind);
+    if (count == 8) {
+        scale(), zero(), scale(), zero(), zero();
+    } else {
+        for (uint32_t k = 2; k < count; ++k) {
+            zero();
+        }
+    }
+    const bool inPlace = p.Result() == p.Images() && random.Chance(0.3);
+    inPlace ? layer.OutputInPlace(0, p.Result()) : layer.Output(p.Result(), random.Stride(p.Positions(1)));
+    return layer;
+}
+
+TEST(Convolution, WithoutZeroPoints)
+{
+    ForRandomCases(200, [](Random& random) {
+        const auto number = [&random](int32_t least, int32_t most) {
+            return static_cast<uint32_t>(random.Int(least, most));
+        };
+        Problem p;
+        const bool deep = random.Chance(0.2);  // more terms than a panel takes at a time
+        p.groups = deep ? 1 : number(1, 3);
+        p.images = number(1, 2);
+        p.channels = p.groups * (deep ? number(24, 60) : number(1, 3));
+        p.outChannels = p.groups * number(1, 8);
+        const bool pointwise = random.Chance(0.2);
+        for (int axis = 0; axis < 2; ++axis) {
+            p.kernel[axis] = pointwise ? 1 : number(1, 3);
+            p.stride[axis] = pointwise ? 1 : number(1, 3);
+            p.dilation[axis] = number(0, 2);
+            p.size[axis] = deep ? number(5, 12) : number(5, 40);
+            p.pad[2 * axis] = pointwise ? 0 : number(0, 3);
+            p.pad[2 * axis + 1] = pointwise ? 0 : number(0, 3);
+        }
+        const Values kind = random.OneOf({Values::kPlain, Values::kPlain, Values::kIntegers, Values::kMixed});
+        const LayerCase layer = CaseWithoutZeroPoints(random, p, kind);
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    });
+}
+
+// Attributes that do not fit together are followed as they stand.
+TEST(Convolution, OddAttributes)
+{
+    ForRandomCases(200, [](Random& random) {
+        const auto number = [&random](int32_t least, int32_t most) {
+            return static_cast<uint32_t>(random.Int(least, most));
+        };
+        Problem p = {.images = number(1, 2), .channels = 4, .groups = random.OneOf({1u, 2u}), .outChannels = 4};
+        const bool pointwise = random.Chance(0.5);
+        for (int axis = 0; axis < 2; ++axis) {
+            p.size[axis] = number(3, 6);
+            p.kernel[axis] = pointwise ? 1 : number(1, 3);
+            p.pad[2 * axis] = pointwise ? 0 : number(0, 2);
+        }
+        LayerCase layer = CaseWithoutZeroPoints(random, p, Values::kPlain);
+        ConvolutionAttr& attr = layer.Attr<ConvolutionAttr>();
+        for (uint32_t* value : {&attr.gemmM, &attr.gemmN, &attr.gemmK, &attr.groupNum, &attr.outGroupOffset,
+                                &attr.weightGroupOffset, &attr.colGroupOffset, &attr.outWidth, &attr.channels}) {
+            if (random.Chance(0.2)) {
+                *value = number(0, static_cast<int32_t>(*value));
+            }
+        }
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    });
+}
+
+// Without an image there are no columns to lay out, and the product takes what the work space holds.
+TEST(Convolution, NoImage)
+{
+    for (const uint32_t kernel : {1u, 2u}) {
+        const Problem p = {.kernel = {kernel, kernel}};
+        LayerCase layer = Case(2, p);
+        layer.Online(p.Images(), kX).Offline(p.Weights(), Floats(kernel * kernel, 1.0f)).Output(p.Result());
+        layer.Tamper([](World& world) {
+            float* const space = static_cast<float*>(world.Param().opkitBuf);
+            std::fill(space, space + world.Param().opkitBufSize / sizeof(float), 3.0f);
+        });
+        NullInput(layer, 0);
+        ForEachLevel([&](Level) {
+            World world(layer);
+            const RunResult run = RunCaptured(world, ConvolutionOpkitForward);
+            EXPECT_EQ(run.result, 0u);
+            EXPECT_EQ(run.messages, Message("Im2col", "null point error!\n\n"));
+            const Floats expected(ElementCount(p.Result()), 3.0f * static_cast<float>(kernel * kernel));
+            EXPECT_TRUE(SameFloats(world.Output(0), expected));
+        });
+    }
+}
+
+// Numbers too large for the shortcuts, none at all, and ones that contradict the tensors.
+TEST(Convolution, AttributesForTheColumnMatrix)
+{
+    const auto expectSame = [](const Problem& p, const Shape& result,
+                               const std::function<void(ConvolutionAttr&)>& set) {
+        LayerCase layer = Case(2, p);
+        layer.Online(p.Images(), kX).Offline({1, 1, 4, 4}, Floats(16, 2.0f)).Output(Holding(result, {}));
+        set(layer.Attr<ConvolutionAttr>());
+        layer.Workspace(512);
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    };
+    const auto asItIs = [](ConvolutionAttr&) {};
+    expectSame({.stride = {1 << 20, 1 << 20}}, {1, 1, 1, 1}, asItIs);
+    expectSame({.kernel = {4, 4}}, {1, 1, 1, 1}, asItIs);  // no position at all
+    expectSame({}, {1, 1, 2, 2}, [](ConvolutionAttr& attr) { attr.kernelH = 0; });
+    expectSame({}, {1, 1, 2, 2}, [](ConvolutionAttr& attr) { attr.kernelW = 0; });
+    expectSame({}, {1, 1, 2, 2}, [](ConvolutionAttr& attr) { attr.strideH = 0; });
+    expectSame({}, {1, 1, 2, 2}, [](ConvolutionAttr& attr) { attr.strideW = 0; });
+    for (uint32_t ConvolutionAttr::*const field :
+         {&ConvolutionAttr::kernelH, &ConvolutionAttr::kernelW, &ConvolutionAttr::strideH, &ConvolutionAttr::strideW}) {
+        expectSame({.kernel = {1, 1}}, {1, 1, 3, 3}, [field](ConvolutionAttr& attr) { attr.*field = 0; });
+    }
+    expectSame({}, {1, 1, 2, 2}, [](ConvolutionAttr& attr) {  // the second group would lie far away, but has no rows
+        attr.groupNum = 2;
+        attr.outGroupOffset = 0x80000000u;
+        attr.gemmM = 0;
+    });
+}
+
+// The product clears its result before it looks at the weights.
+TEST(Convolution, ResultInTheWeights)
+{
+    LayerCase layer = Case(2, {});
+    layer.Online({1, 1, 3, 3}, kX).Online({1, 1, 2, 2}, kW).OutputInPlace(1, {1, 1, 2, 2});
+    ExpectOutput(layer, ConvolutionOpkitForward, {0, 0, 0, 0});
+    ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution);
+}
+
+// The shapes of X and W say less than the attributes; these are what counts.
+TEST(Convolution, TensorsSmallerThanTheAttributes)
+{
+    const auto shortImage = [](LayerParam* param) {
+        uint32_t shape[] = {1, 1, 1, 8};
+        param->inputs[0].shape = shape;
+        param->inputs[0].stride = 32;
+        return ConvolutionOpkitForward(param);
+    };
+    const auto fewWeights = [](LayerParam* param) {
+        uint32_t shape[] = {1, 1, 1, 2};
+        param->inputs[1].shape = shape;
+        return ConvolutionOpkitForward(param);
+    };
+    LayerCase layer = Case(2, {});
+    layer.Online({1, 1, 3, 3}, kX).Online({1, 1, 2, 2}, kW).Output({1, 1, 2, 2});
+    ExpectOutput(layer, shortImage, {6, 8, 12, 14});
+    ExpectOutput(layer, fewWeights, {6, 8, 12, 14});
+}
+
+// An image of more than 2^31 elements, of which one window is looked at.
+TEST(Convolution, HugeImage)
+{
+    LayerCase layer = Case(2, {.size = {1, 1}, .kernel = {1, 1}, .stride = {1 << 19, 1 << 19}});
+    layer.Attr<ConvolutionAttr>().height = layer.Attr<ConvolutionAttr>().width = 50000;
+    layer.Online({1, 1, 1, 1}, {7}).Offline({1, 1, 1, 1}, {3}).Output({1, 1, 1, 1});
+    static float memory[2];  // the result ahead of the image, so that it lies outside of it
+    const auto apart = [](LayerParam* param) {
+        memory[1] = *static_cast<const float*>(param->inputs[0].data);
+        param->inputs[0].data = &memory[1];
+        param->outputs[0].data = &memory[0];
+        return ConvolutionOpkitForward(param);
+    };
+    ForEachLevel([&](Level) {
+        World world(layer);
+        memory[0] = kNan;
+        ExpectSuccess(RunCaptured(world, apart));
+        EXPECT_EQ(memory[0], 21);
+    });
+}
+
 }  // namespace
 }  // namespace opkit

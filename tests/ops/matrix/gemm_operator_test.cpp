@@ -197,6 +197,15 @@ TEST(Gemm, Failures)
         Message("InsertAlignSpace", "Input data is NULL.\n\n") + Message(kName, "InsertAlignSpace failed.\n\n"));
 }
 
+TEST(Gemm, EmptyResultWithC)
+{
+    LayerCase layer = Case(3);
+    layer.Online({0, 2}, {}).Online({2, 2}, {1, 2, 3, 4}).Online({2}, {5, 6}).Output({0, 2});
+    ExpectOutput(layer, GemmOpkitForward, {});
+    layer.Workspace(0).Tamper([](World& world) { world.Param().opkitBuf = nullptr; });
+    ExpectOutput(layer, GemmOpkitForward, {});
+}
+
 TEST(Gemm, SameAsReference)
 {
     ForRandomCases(400, [](Random& random) {

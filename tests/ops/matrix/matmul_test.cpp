@@ -77,6 +77,21 @@ TEST(MatMul, EmptyStacks)
     ExpectFailure(emptyB, MatMulOpkitForward, Message(kName, "cannot divisor zero, len0 = 3, len1 = 0\n"));
 }
 
+// Rows of no columns, more than one product of both stacks could count.
+TEST(MatMul, ManyEmptyRows)
+{
+    LayerCase layer(kName);
+    layer.Online({2, 1, 1}, {1, 2}).Online({1, 1}, {3}).Output({2, 1, 1});
+    const auto empty = [](LayerParam* param) {
+        uint32_t a[] = {2, 0x40000000, 1};
+        uint32_t y[] = {2, 0x40000000, 0};
+        param->inputs[0].shape = a;
+        param->outputs[0].shape = y;
+        return MatMulOpkitForward(param);
+    };
+    ExpectFailure(layer, empty, Message(kName, "widthOut can't be zero.\n\n"));
+}
+
 TEST(MatMul, Failures)
 {
     LayerCase noAttr(kName);

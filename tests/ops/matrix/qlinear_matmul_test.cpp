@@ -152,6 +152,10 @@ TEST(QLinearMatMul, Failures)
     LayerCase flat = Case(2);
     flat.Online({2, 2, 2}, Floats(8, 1)).Online({2, 2}, {1, 2, 3, 4}).Output({4});
     ExpectFailure(flat, QLinearMatMulOpkitForward, text(1, 3, 2));
+    LayerCase scalar = Case(2);
+    scalar.Online(Shape{}, {1}).Online({2, 2}, {1, 2, 3, 4}).Output({2, 2});
+    scalar.Tamper([](World& world) { world.Param().inputs[0].stride = 0; });  // or it would be compacted, which fails
+    ExpectFailure(scalar, QLinearMatMulOpkitForward, text(2, 0, 2));
 
     for (int32_t count = 2; count <= 9; ++count) {
         const int32_t reads = count <= 4 ? count : 8;
