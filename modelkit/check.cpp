@@ -176,8 +176,6 @@ void CheckWrites(const ModelView& model, std::vector<StructureRange> ranges, con
 
 std::string Printable(std::string text)
 {
-    constexpr size_t kShown = 64;
-    text.resize(std::min(text.size(), kShown));
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
     return text;
@@ -187,10 +185,11 @@ std::string Printable(std::string text)
 
 std::string CheckPlace::Text() const
 {
+    constexpr size_t kShown = 64;
     std::string text = segment < 0 ? "model" : "segment " + std::to_string(segment);
     if (layer >= 0) {
         text += ", layer " + std::to_string(layer);
-        text += operatorName.empty() ? "" : " (" + Printable(operatorName) + ")";
+        text += operatorName.empty() ? "" : " (" + Printable(operatorName.substr(0, kShown)) + ")";
     }
     return text;
 }
@@ -203,7 +202,7 @@ std::string CheckRefusal::Text() const
 
 std::string CheckCondition::Text() const
 {
-    return place.Text() + ": safe if " + condition;
+    return place.Text() + ": safe if " + Printable(condition);
 }
 
 CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const ModelTable> tables,

@@ -54,6 +54,7 @@ struct CheckRefusal {
     int64_t value = 0;        // what the field holds, or what it leads to
     int64_t limit = 0;        // the nearest value that would do
     std::string reason;
+    bool leadsNowhere = false;  // the layer is sound, but leaves a segment id that no table has
 
     std::string Text() const;  // one line
 };
@@ -67,7 +68,7 @@ struct CheckCondition {
 
 struct CheckReport {
     uint32_t batch = 0;                  // the batch items of the request
-    std::vector<CheckRefusal> refusals;  // at most one per layer
+    std::vector<CheckRefusal> refusals;  // at most one per layer, and one of those that lead nowhere
     std::vector<CheckCondition> conditions;
 
     bool Accepted() const { return refusals.empty(); }

@@ -1,5 +1,7 @@
 #include "modelkit/file_io.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -46,6 +48,21 @@ bool HasNoOldContent(const fs::path& file)
 
 }  // namespace
 
+HoldInterrupts::HoldInterrupts()
+{
+    sigset_t interrupts;
+    sigemptyset(&interrupts);
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        sigaddset(&interrupts, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &interrupts, &before_);
+}
+
+HoldInterrupts::~HoldInterrupts()
+{
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
 std::string ReadFile(const fs::path& file)
 {
     const Stream stream(std::fopen(file.c_str(), "rb"));
@@ -71,6 +88,7 @@ void WriteFile(const fs::path& file, std::string_view content)
         }
         return;
     }
+    const HoldInterrupts hold;
     fs::path aside = file;
     aside += ".new";
     std::error_code error;

@@ -36,8 +36,10 @@ int Assemble(const Options& options)
 Action SetUpAssemble(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
-    app.add_option("TEXT", options->text, "the model's text form, as disassemble writes it")->required();
-    app.add_option("-o,--output", options->model, "the model to write: NAME, for NAME.json and NAME.bin")->required();
+    app.add_option("TEXT", options->text, "the model's text form, as disassemble writes it")->required()->type_name("");
+    app.add_option("-o,--output", options->model, "the model to write: NAME, for NAME.json and NAME.bin")
+        ->required()
+        ->type_name("MODEL");
     app.footer("Example:\n  opkit assemble digits.text.json --output copy");
     return [options] { return Assemble(*options); };
 }

@@ -54,10 +54,10 @@ int Check(const Options& options)
 Action SetUpCheck(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
-    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
+    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required()->type_name("");
     app.add_option("--batch", options->batch, "batch items of the largest request; by default what the model takes")
         ->check(CLI::Range(1, static_cast<int>(OPKIT_MAX_BATCH)));
-    app.add_flag("--strict", options->strict, "conditions that depend on data count as refusals");
+    app.add_flag("--strict", options->strict, "conditions count as refusals");
     app.footer("Example:\n  opkit check digits --strict");
     return [options] { return Check(*options); };
 }

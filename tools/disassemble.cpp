@@ -36,7 +36,7 @@ int Disassemble(const Options& options)
 Action SetUpDisassemble(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
-    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
+    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required()->type_name("");
     app.add_option("-o,--output", options->text, "the text to write (default: standard output)");
     app.footer("Example:\n  opkit disassemble digits --output digits.text.json");
     return [options] { return Disassemble(*options); };

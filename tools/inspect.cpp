@@ -256,7 +256,7 @@ int Inspect(const Options& options)
 Action SetUpInspect(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
-    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
+    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required()->type_name("");
     auto* const json = app.add_flag("--json", options->json, "for programs");
     app.add_flag("--dot", options->dot, "as a graph for dot")->excludes(json);
     app.footer("Example:\n  opkit inspect digits");

@@ -256,6 +256,7 @@ void SaveDump(const fs::path& path, const std::vector<DumpedTensor>& tensors)
 {
     const fs::path directory = WithoutDetours(path);
     CheckReplaceable(directory);
+    const HoldInterrupts hold;
     fs::path aside = directory;
     aside += ".new";
     try {
@@ -271,7 +272,13 @@ void SaveDump(const fs::path& path, const std::vector<DumpedTensor>& tensors)
         CheckReplaceable(directory);
         fs::remove_all(directory);
         fs::rename(aside, directory);
+    } catch (const FileError&) {
+        std::error_code ignored;
+        fs::remove_all(aside, ignored);
+        throw;
     } catch (const fs::filesystem_error& error) {
+        std::error_code ignored;
+        fs::remove_all(aside, ignored);
         throw ToolError(fmt::format("{}: cannot be written: {}", directory.string(), error.code().message()));
     }
 }

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -67,6 +68,7 @@ int Main(int argc, char** argv)
     app.set_version_flag("--version",
                          fmt::format("opkit {}.{}.{} ({})", OpkitGetVersion() >> 16, OpkitGetVersion() >> 8 & 0xff,
                                      OpkitGetVersion() & 0xff, OPKIT_GIT_VERSION));
+    std::signal(SIGXFSZ, SIG_IGN);  // a file beyond the limit is an error of its own
     app.require_subcommand(1);
     Action action;
     for (const Command& command : kCommands) {

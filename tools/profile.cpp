@@ -103,14 +103,16 @@ void Profile::SaveTrace(const std::filesystem::path& file) const
     using nlohmann::ordered_json;
     ordered_json events = ordered_json::array();
     events.push_back({{"name", "process_name"}, {"ph", "M"}, {"pid", 1}, {"args", {{"name", "opkit"}}}});
+    // The wall clock may be set back: nothing takes less than no time, or begins before the first layer.
+    const auto between = [](uint64_t begin, uint64_t end) { return end > begin ? end - begin : 0; };
     for (size_t r = 0; r + 1 < runs_.size(); ++r) {
         for (const Span& span : runs_[r]) {
             const ReadLayer& layer = layers_[span.table].layers[span.layer];
             events.push_back({{"name", ShortName(layer.name)},
                               {"cat", "layer"},
                               {"ph", "X"},
-                              {"ts", span.begin - runs_.front().front().begin},
-                              {"dur", span.end - span.begin},
+                              {"ts", between(runs_.front().front().begin, span.begin)},
+                              {"dur", between(span.begin, span.end)},
                               {"pid", 1},
                               {"tid", 1},
                               {"args",

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "modelkit/check.h"
 #include "modelkit/model_file.h"
 #include "opkit/opkit.h"
 #include "tools/command.h"
@@ -34,6 +35,7 @@ struct Options {
     std::string trace;
     std::string dump;
     std::string compare;
+    bool unchecked = false;
 };
 
 // The largest batch that divides the items and that the model takes. With several tables it is 1: a segment id is one
@@ -51,6 +53,20 @@ uint32_t ChooseBatch(const Model& model, uint32_t items, uint32_t wanted)
         --batch;
     }
     return batch;
+}
+
+// A model that would fault must not take the program with it. Where a segment id leads, the run itself finds out.
+void RefuseUnsafe(const Model& model, uint32_t batch, const Options& options)
+{
+    CheckReport report = CheckModel(model, batch);
+    std::erase_if(report.refusals, [](const CheckRefusal& refusal) { return refusal.leadsNowhere; });
+    if (options.unchecked || report.Accepted()) {
+        return;
+    }
+    const size_t more = report.refusals.size() - 1;
+    throw ToolError(fmt::format("{}: {}{} (opkit check tells all, --unchecked runs it nevertheless)",
+                                ModelPathsOf(options.model).buffer.string(), report.refusals[0].Text(),
+                                more == 0 ? "" : fmt::format("; and {} more", more)));
 }
 
 void SaveOutputs(const Model& model, const RunData& outputs, const std::vector<NamedFile>& files)
@@ -113,11 +129,12 @@ int Run(const Options& options)
     const RunData inputs = LoadInputs(model, inputFiles);
     const StreamOptions streamOptions = {ChooseBatch(model, inputs.items, options.batch), options.segment,
                                          options.maxPasses};
+    Stream stream(model, inputs, streamOptions);
+    RefuseUnsafe(model, streamOptions.batch, options);
     PrintEnvironment();
     PrintModelLine(options.model, model);
     PrintTensorLines("input", model.inputs, inputs, inputFiles);
 
-    Stream stream(model, inputs, streamOptions);
     std::vector<DumpedTensor> layers;
     const RunData outputs = FirstRun(model, stream, options, &layers);
     SaveOutputs(model, outputs, outputFiles);
@@ -162,7 +179,7 @@ Action SetUpRun(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
     const CLI::Validator namedFile(CheckNamedFile, "");
-    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required();
+    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required()->type_name("");
     app.add_option("-i,--input", options->inputs, "an input's data, f32; one item or a batch of them; repeat per input")
         ->check(namedFile)
         ->type_name("NAME=FILE.npy");
@@ -186,6 +203,7 @@ Action SetUpRun(CLI::App& app)
     app.add_option("--dump", options->dump, "write every layer's outputs into a directory")->type_name("DIR");
     app.add_option("--compare", options->compare, "compare every layer's outputs with an earlier dump")
         ->type_name("DIR");
+    app.add_flag("--unchecked", options->unchecked, "run a model that opkit check refuses; it may fault");
     auto* const threads =
         app.add_option("--threads", options->threads, "throughput of so many independent streams against one")
             ->check(Between(1, 1024))

@@ -59,7 +59,16 @@ std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments, con
         if (Find(files, name) != nullptr) {
             throw ToolError(fmt::format("{} \"{}\" is given twice", side, name));
         }
-        files.push_back({name, argument.substr(equals + 1)});
+        const std::filesystem::path file = argument.substr(equals + 1);
+        const auto same = [&](const NamedFile& other) {
+            return other.file.lexically_normal() == file.lexically_normal();
+        };
+        std::error_code ignored;
+        const bool keepsBoth = std::string_view(side) == "input" || std::filesystem::is_character_file(file, ignored);
+        if (!keepsBoth && std::any_of(files.begin(), files.end(), same)) {
+            throw ToolError(fmt::format("{}: is to take two outputs", file.string()));
+        }
+        files.push_back({name, file});
     }
     return files;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "modelkit/model_reader.h"
@@ -80,7 +81,13 @@ double RunStreams(const Model& model, const RunData& inputs, const RunData& expe
     };
     std::vector<std::thread> threads;
     for (uint32_t i = 0; i < threadCount; ++i) {
-        threads.emplace_back(run);
+        try {
+            threads.emplace_back(run);
+        } catch (const std::system_error& error) {
+            fail(
+                std::make_exception_ptr(ToolError(fmt::format("--threads: thread {}: {}", i, error.code().message()))));
+            warm.arrive_and_drop();
+        }
     }
     for (std::thread& thread : threads) {
         thread.join();

@@ -28,16 +28,16 @@ void CheckCopy(LayerCheck& layer, const Tensor& in, const Tensor& out)
 void CheckIf(LayerCheck& layer)
 {
     const IfAttr attr = layer.Attr<IfAttr>();
-    CheckFirstElement(layer, layer.NextRaw());
+    CheckFirstElement(layer, layer.Logical(0));
     if (attr.hasSecondOperand != 0) {
         layer.AtMost(OPKIT_ATTR_FIELD(layer, IfAttr, cmpType), attr.cmpType, OPKIT_IF_EQUAL,
                      "the operator fails on this code");
-        CheckFirstElement(layer, layer.NextRaw());
+        CheckFirstElement(layer, layer.Logical(1));
     }
     CheckFirstElement(layer, layer.OutRaw(0));
+    layer.MayShareAll();
     layer.Segment(OPKIT_ATTR_FIELD(layer, IfAttr, thenSegId), attr.thenSegId);
     layer.Segment(OPKIT_ATTR_FIELD(layer, IfAttr, elseSegId), attr.elseSegId);
-    layer.MayShareAll();
 }
 
 // Logical input first + i to output i.
@@ -85,8 +85,8 @@ void CheckLoopEnd(LayerCheck& layer, const CondEndAttr& attr)
         const Tensor& out = layer.OutRaw(i);
         CheckCopy(layer, layer.Logical(fromInput ? i : i - 1), out);
     }
-    layer.Segment(OPKIT_ATTR_FIELD(layer, CondEndAttr, nextSegId), attr.nextSegId);
     layer.MayShareAll();
+    layer.Segment(OPKIT_ATTR_FIELD(layer, CondEndAttr, nextSegId), attr.nextSegId);
 }
 
 void CheckCondEnd(LayerCheck& layer)
@@ -148,14 +148,23 @@ void CheckLoop(LayerCheck& layer)
                  "two outputs for each carried value");
     CheckFirstElement(layer, layer.OutRaw(0));
     layer.MayShareAll();
-    if (attr.condition != -1) {
+    const bool preset = attr.condition != -1;
+    if (preset) {
         CheckLoopPasses(layer, attr, true);
     }
-    CheckLoopPasses(layer, attr, false);  // also behind a preset condition, once the loop begins anew
-    layer.Segment(OPKIT_ATTR_FIELD(layer, LoopAttr, exitSegId), attr.exitSegId);
+    // A preset condition is gone once the loop begins anew, and then comes from an input.
+    const auto checkAnew = [&] { CheckLoopPasses(layer, attr, false); };
+    if (!preset || layer.Batch() > 1) {
+        checkAnew();
+    } else if (!layer.Holds(checkAnew)) {
+        layer.Condition(
+            "the model buffer is restored before the loop begins anew: its preset condition is gone then, and no input "
+            "takes its place");
+    }
     constexpr ModelWrite::What kState = ModelWrite::What::kState;
     layer.ModifiesAttr("iteration", offsetof(LoopAttr, iteration), 8, kState);
     layer.ModifiesAttr("outputTotal", offsetof(LoopAttr, outputTotal), 12, kState);
+    layer.Segment(OPKIT_ATTR_FIELD(layer, LoopAttr, exitSegId), attr.exitSegId);
 }
 
 constexpr OperatorCheck kControl[] = {

@@ -13,11 +13,17 @@ uint64_t Fields(uint32_t hasClassId)
     return hasClassId != 0 ? 6 : 5;
 }
 
-// Deltas and scores: the shape is one proposal's share, and rows are compacted for all proposals.
+// Deltas and scores: the shape is one proposal's share, and rows are compacted for all proposals. The shares of a
+// constant lie one behind the other.
 void CheckShare(LayerCheck& layer, const Tensor& share, uint64_t proposals, uint64_t floats, const char* reason)
 {
     const uint64_t count = Mul(share.Count(), proposals);
     layer.AtMost(share.shapeField, count, INT32_MAX, "elements of all proposals beyond 31 bits");
+    if (share.offline) {
+        layer.AtMost(share.placeField, Add(share.memory.begin, Mul(floats, 4)), layer.ModelSize(),
+                     "the shares of all proposals end behind the model buffer");
+        return;
+    }
     if (share.Align() != share.Width()) {
         layer.Floats(share, Span(count, share.Width(), share.Pitch()), "rows for all proposals do not fit");
         layer.Modifies(share);

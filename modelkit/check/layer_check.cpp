@@ -7,10 +7,16 @@ namespace opkit::modelkit::check {
 namespace {
 
 constexpr const char* kNoZero = "a dimension of 0 is a zero divisor";
+constexpr const char* kConstantRank = "a constant has 1 to 10 dimensions";
 
 int64_t Shown(uint64_t value)
 {
     return static_cast<int64_t>(std::min(value, kHuge));
+}
+
+Field RankField(const Tensor& constant)
+{
+    return {constant.shapeField.name + ".dimNum", constant.shapeField.at + offsetof(OfflineShape, dimNum)};
 }
 
 }  // namespace
@@ -18,7 +24,7 @@ int64_t Shown(uint64_t value)
 void ModelView::Refuse(const CheckPlace& place, const Field& field, int64_t value, int64_t limit,
                        std::string reason) const
 {
-    report->refusals.push_back({place, field.name, field.at, value, limit, std::move(reason)});
+    report->refusals.push_back({place, field.name, field.at, value, limit, std::move(reason), false});
     throw Refused();
 }
 
@@ -70,11 +76,13 @@ void LayerCheck::Floats(const Tensor& tensor, uint64_t count, const std::string&
     AtLeast(tensor.sizeField, tensor.memory.size, Mul(count, 4), reason);
 }
 
-void LayerCheck::Segment(const Field& field, uint32_t segmentId) const
+void LayerCheck::Segment(const Field& field, uint32_t segmentId)
 {
     constexpr uint32_t kNoJump = 0xFFFFFFFF;
-    if (segmentId != kNoJump && !model_.segments.contains(segmentId)) {
-        Refuse(field, segmentId, kNoJump, "no table has this segment id");
+    if (segmentId != kNoJump && !model_.segments.contains(segmentId) && !leadsNowhere_) {
+        leadsNowhere_ = true;
+        model_.report->refusals.push_back(
+            {layer_.place, field.name, field.at, segmentId, kNoJump, "no table has this segment id", true});
     }
 }
 
@@ -123,9 +131,7 @@ const Tensor& LayerCheck::Constant(uint32_t j)
     tensor.placeField = {"offlineOffset[" + std::to_string(j) + "]", offsetAt};
     tensor.shapeField = {"offlineShape[" + std::to_string(j) + "]", shapeAt};
     tensor.sizeField = tensor.strideField = tensor.shapeField;
-    const Field dimNum = {tensor.shapeField.name + ".dimNum", shapeAt + offsetof(OfflineShape, dimNum)};
-    AtLeast(dimNum, shape.dimNum, 1, "a constant has 1 to 10 dimensions");
-    AtMost(dimNum, shape.dimNum, OPKIT_MAX_DIMS, "a constant has 1 to 10 dimensions");
+    AtMost(RankField(tensor), shape.dimNum, OPKIT_MAX_DIMS, kConstantRank);
     tensor.dims.assign(shape.dims, shape.dims + shape.dimNum);
     tensor.stride = static_cast<uint32_t>(std::min<uint64_t>(Mul(tensor.Width(), 4), UINT32_MAX));
 
@@ -159,7 +165,7 @@ const Tensor& LayerCheck::Online(uint32_t index, const std::string& reason)
     return tensor;
 }
 
-const Tensor& LayerCheck::NextRaw()
+const Tensor& LayerCheck::Resolve()
 {
     const uint32_t k = logical_++;
     if (k >= OPKIT_MAX_LAYER_INPUTS) {
@@ -170,6 +176,15 @@ const Tensor& LayerCheck::NextRaw()
         return NoteUse(Constant(offline_++), false);
     }
     return OnlineRaw(online_++, "logical input " + std::to_string(k) + " is missing");
+}
+
+const Tensor& LayerCheck::NextRaw()
+{
+    const Tensor& tensor = Resolve();
+    if (tensor.offline) {
+        AtLeast(RankField(tensor), tensor.Rank(), 1, kConstantRank);
+    }
+    return tensor;
 }
 
 const Tensor& LayerCheck::Next()
@@ -196,7 +211,7 @@ const Tensor& LayerCheck::Logical(uint32_t k)
     }
     logical_ = k;
     online_ = k - offline_;
-    return NextRaw();
+    return Resolve();
 }
 
 const Tensor& LayerCheck::OutRaw(uint32_t index)

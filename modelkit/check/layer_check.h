@@ -77,6 +77,7 @@ public:
     uint32_t InputNum() const { return static_cast<uint32_t>(layer_.inputs.size()); }
     uint32_t OutputNum() const { return static_cast<uint32_t>(layer_.outputs.size()); }
     uint64_t ModelSize() const { return model_.bytes.size(); }
+    uint32_t Batch() const { return model_.request.batch; }
     char Flag(uint32_t k) const;
 
     // Requirements.
@@ -87,8 +88,23 @@ public:
     void Rank(const Tensor& tensor, size_t low, size_t high, const std::string& reason) const;
     void Elements(const Tensor& tensor, uint64_t count, const std::string& reason) const;  // by its shape
     void Floats(const Tensor& tensor, uint64_t count, const std::string& reason) const;    // by its size
-    void Segment(const Field& field, uint32_t segmentId) const;
+    void Segment(const Field& field, uint32_t segmentId);  // noted only, as the layer itself is sound
     void Condition(std::string text) const;
+
+    // Whether the requirements of `check` hold, instead of ending the layer's check.
+    template <class Check>
+    bool Holds(Check check)
+    {
+        const size_t before = model_.report->refusals.size();
+        try {
+            check();
+            return true;
+        } catch (const Refused&) {
+            model_.report->refusals.erase(model_.report->refusals.begin() + static_cast<ptrdiff_t>(before),
+                                          model_.report->refusals.end());
+            return false;
+        }
+    }
 
     // Inputs and outputs. Those without "Raw" have a rank of 1 to 10, no dimension of 0, an alignment, and rows that
     // fit their size.
@@ -96,11 +112,11 @@ public:
     const Tensor& NextCompacted();  // the same, compacted in place by the operator
     const Tensor& NextRaw();
     void SkipTo(uint32_t logical) { logical_ = logical; }
-    const Tensor& Logical(uint32_t k);  // whatever was resolved before
+    const Tensor& Logical(uint32_t k);  // whatever was resolved before; a constant may be without dimensions
     const Tensor& Online(uint32_t index, const std::string& reason);
     const Tensor& OnlineRaw(uint32_t index, const std::string& reason);
     const Tensor& OnlineUnread(uint32_t index, const std::string& reason) const;  // whose data does not count
-    const Tensor& Constant(uint32_t j);                                           // the j-th constant
+    const Tensor& Constant(uint32_t j);  // the j-th constant, with 0 to 10 dimensions
     const Tensor& Out(uint32_t index = 0);
     const Tensor& OutExpanded(uint32_t index = 0);  // written compactly and expanded by its own alignment
     const Tensor& OutRaw(uint32_t index);
@@ -129,6 +145,7 @@ private:
     };
 
     const Tensor& NoteUse(const Tensor& tensor, bool written);
+    const Tensor& Resolve();
     bool AliasAllowed(const Tensor& a, const Tensor& b) const;
     void CheckWorkSpace(const Tensor& tensor) const;
 
@@ -142,6 +159,7 @@ private:
     std::set<std::pair<const Tensor*, const Tensor*>> aliases_;
     bool shareAll_ = false;
     bool usesWorkSpace_ = false;
+    bool leadsNowhere_ = false;
     std::vector<ModelWrite> writes_;
 };
 

@@ -141,7 +141,7 @@ void CheckUnique(LayerCheck& layer)
     const uint64_t most = std::min({values.Room() / sliceSize, firsts.Room(), counts.Room()});
     if (most < slices) {
         layer.Condition("input 0 has at most " + std::to_string(most) + " distinct " +
-                        (sliceSize == 1 ? "elements" : "slices"));
+                        (sliceSize == 1 ? "elements, each NaN" : "slices, each with a NaN") + " being one of its own");
     }
 }
 

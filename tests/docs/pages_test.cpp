@@ -76,4 +76,23 @@ TEST(Pages, LinksLeadSomewhere)
     EXPECT_GT(count, 8u);
 }
 
+// What the first page shows of the program stands in a page whose commands are run.
+TEST(Pages, ReadmeShowsWhatGettingStartedRuns)
+{
+    const std::string readme = ReadText(kRoot / "README.md");
+    const std::string session = ReadText(kRoot / "docs/getting-started.md");
+    const std::string mark = "\n```console\n";
+    const size_t begin = readme.find(mark) + mark.size();
+    const std::string block = readme.substr(begin, readme.find("```", begin) - begin);
+    ASSERT_EQ(block.find("$ "), 0u);
+    size_t count = 0;
+    for (size_t at = 0, next; at < block.size(); at = next, ++count) {
+        next = block.find("\n$ ", at) + 1;
+        next = next == 0 ? block.size() : next;
+        const std::string part = block.substr(at, next - at);
+        EXPECT_NE(session.find(part), std::string::npos) << part;
+    }
+    EXPECT_EQ(count, 2u);
+}
+
 }  // namespace

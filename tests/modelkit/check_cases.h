@@ -30,14 +30,14 @@ public:
     {
         return static_cast<uint32_t>(random.Int(static_cast<int32_t>(low), static_cast<int32_t>(high)));
     }
-    // Ranks from 1 to maxRank, small dimensions.
+    // Ranks from 1 to maxRank, small dimensions; now and then rows of more than one vector.
     Shape Dims(uint32_t minRank, uint32_t maxRank)
     {
         Shape shape(Int(minRank, maxRank));
         for (uint32_t& dim : shape) {
             dim = Int(1, 4);
         }
-        shape.back() = Int(1, 9);
+        shape.back() = random.Chance(0.1) ? Int(10, 70) : Int(1, 9);
         return shape;
     }
     uint32_t Axis(const Shape& shape) { return Int(0, static_cast<uint32_t>(shape.size() - 1)); }

@@ -434,14 +434,15 @@ TEST_P(EveryOperator, RandomValidLayersAreAccepted)
 TEST_P(EveryOperator, CorruptionsAreRefusedOrRunClean)
 {
     Corruptions corruptions;
-    ForRandomCases(IsLong() ? 60 : 2, [&](Random& random) {
+    ForRandomCases(IsLong() ? 60 : 4, [&](Random& random) {
         const LayerCase layer = MakeCase(GetParam(), random);
         World world(layer);
         corruptions.Run(world.ModelInfo(), world.Param(), random, layer.Describe());
     });
     corruptions.Report(GetParam().name);
-    EXPECT_GT(corruptions.Total().refused, 100u);
-    EXPECT_GT(corruptions.Total().clean, 10u);
+    EXPECT_GT(corruptions.Total().corruptions, 1500u);
+    EXPECT_GT(corruptions.Total().refused, 1000u);
+    EXPECT_GT(corruptions.Total().clean, 100u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Operators, EveryOperator, testing::ValuesIn(CheckCases().begin(), CheckCases().end()),
@@ -483,7 +484,7 @@ TEST(CheckCorruption, Segments)
     for (const Model& model : {NegateInALoop(0), NegateInALoop(3), Branching()}) {
         EXPECT_TRUE(CheckModel(model).Unconditional()) << TextOf(CheckModel(model));
         Corruptions corruptions;
-        ForRandomCases(IsLong() ? 60 : 1, [&](Random& random) {
+        ForRandomCases(IsLong() ? 60 : 2, [&](Random& random) {
             Request request(model, 2);
             corruptions.Run(model, request.Param(), random, model.tables[0].name);
         });

@@ -584,7 +584,7 @@ TEST(Check, Selection)
         {topK([](auto& a) { a.axis = 2; }), "axis at byte # is 2, limit 1: not an axis of the tensor"},
         {topK([](auto& a) { a.k = OPKIT_TOPK_K_FROM_INPUT; }),
          "safe if the first element of inputs[1], k, lies from 0 to 3"},
-        {unique, "safe if input 0 has at most 4 distinct elements"},
+        {unique, "safe if input 0 has at most 4 distinct elements, each NaN being one of its own"},
         {With<UniqueAttr>(unique, [](auto& a) { a.axis = 1; }),
          "axis at byte # is 1, limit 0: not an axis of the tensor"},
         {With<UniqueAttr>(Op("Unique").Online({6}, {}).Output({6}).Output({6}).Output({5}).Output({6}),
@@ -876,6 +876,14 @@ TEST(Check, Detection)
          "bufSize at byte # is 28, limit 32: the work space holds the heap"},
     });
     EXPECT_THAT(TextsOf(Check(nms({1, 3, 4}, {1, 2, 3}, {6, 3}))), IsEmpty());
+    // The shares of a constant lie one behind the other, up to the buffer's end.
+    LayerCase constant = Op("DecBbox").Offline({8}, {1, 2, 3, 4, 5, 6, 7, 8}).Online({6}, {}).Online({4}, {});
+    constant.Online({1}, {}).Online({1, 1, 4, 3}, {}).Output({1, 2, 5, 3}).Attr<DecBboxAttr>().classNum = 2;
+    ExpectTexts({{constant, "safe if the first element of input 3, the number of proposals, lies from 0 to 3"}});
+    constant.Tamper(
+        [](World& w) { w.Attr<LayerAttrHead>().offlineOffset[0] = static_cast<int32_t>(w.ModelBytes().size()) - 92; });
+    EXPECT_THAT(TextsOf(Check(constant)),
+                ElementsAre(testing::HasSubstr("the shares of all proposals end behind the model buffer")));
     // Padded shares are compacted for all proposals.
     LayerCase padded = decode({3, 8}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep);
     padded.Tamper([](World& w) { Dim(w, false, 0, 1) = 7; });
@@ -972,12 +980,46 @@ TEST(Check, ControlAndCustom)
              a.params.sized.sizedSize = 4837;
          }),
          "params.sized.sizedSize at byte # is 4837, limit 4836: the parameters end behind the attribute block"},
-        {custom([](auto& a) {
-             a.head.offlineInputNum = 0;
-             a.totalInputNum = 1;
-         }).Flag(0, '2'),
+        {Changed(custom(keep).Flag(0, '2'), [](World& w) { w.Attr<CustomAttr>().head.offlineShape[0].dimNum = 11; }),
+         "offlineShape[0].dimNum at byte # is 11, limit 10: a constant has 1 to 10 dimensions"},
+        {custom([](auto& a) { std::copy_n("two\nlines", 10, a.funcName); }),
+         "safe if the function \"two?lines\" of libtvr_opkit_custom_x86.so keeps to the tensors and parameters that it "
+         "is given"},
+        // A preset condition leaves its place among the inputs to the first value, once.
+        {loop(3, [](auto& a) { a.condition = 1; }),
+         "safe if the model buffer is restored before the loop begins anew: its preset condition is gone then, and no "
+         "input takes its place"},
+        {loop(3, [](auto& a) { a.condition = 1; }).Batch(2),
+         "inputNum at byte # is 3, limit 4: an input of a pass is missing"},
+        {loop(2, [](auto& a) { a.condition = 1; }), "inputNum at byte # is 2, limit 3: an input of a pass is missing"},
+    });
+    EXPECT_THAT(TextsOf(Check(loop(4, [](auto& a) { a.condition = 1; }))), IsEmpty());
+    const auto lost = Check(With<IfAttr>(passed("If", {1}, {1}), [](auto& a) { a.thenSegId = a.elseSegId = 7; }));
+    ASSERT_EQ(lost.refusals.size(), 1u);
+    EXPECT_TRUE(lost.refusals[0].leadsNowhere);
+    EXPECT_FALSE(Check(loop(3, keep)).refusals.at(0).leadsNowhere);
+}
+
+// Of a constant without dimensions there is one element, which control flow takes and no other operator.
+TEST(Check, ConstantsWithoutDimensions)
+{
+    const auto scalar = [](const char* name) {
+        LayerCase layer = Op(name).Offline({1}, {3});
+        layer.Tamper([](World& w) { w.Attr<LayerAttrHead>().offlineShape[0].dimNum = 0; });
+        return layer;
+    };
+    const auto passes = [](auto& a) { a.tensorNum = 1; };
+    EXPECT_THAT(TextsOf(Check(scalar("If").Output({1}))), IsEmpty());
+    EXPECT_THAT(TextsOf(Check(With<ThenEndAttr>(scalar("ThenEnd").Output({1}), passes))), IsEmpty());
+    ExpectTexts({
+        {With<ThenEndAttr>(scalar("ThenEnd").Output({2}), passes),
+         "offlineShape[0] at byte # is 0, limit 1: the operator takes 1 to 10 dimensions"},
+        {scalar("Neg").Output({1}),
          "offlineShape[0].dimNum at byte # is 0, limit 1: a constant has 1 to 10 dimensions"},
     });
+    World world(With<ThenEndAttr>(scalar("ThenEnd").Output({1}), passes));
+    ASSERT_EQ(OpkitForward(&world.Param()), 0u);
+    EXPECT_EQ(*static_cast<const float*>(world.Param().outputs[0].data), 3.0f);
 }
 
 // Many logical inputs.

@@ -288,6 +288,7 @@ TEST_F(RunTest, NamesWhatIsWrongWithNamesAndModels)
     Bad("run net -i q=x.npy", {"the model has no input named \"q\"; it has x"});
     Bad("run net -i x=x.npy -i x=x.npy", {"input \"x\" is given twice"});
     Bad("run net -i x=x.npy -o x=y.npy", {"the model has no output named \"x\"; it has y, z"});
+    Bad("run net -i x=x.npy -o y=out.npy -o z=./out.npy", {"./out.npy: is to take two outputs"});
     Bad("run absent -i x=x.npy", {"absent.json: cannot be opened"});
     const std::string bytes = Read("net.bin");
     Write("net.bin", bytes.substr(0, bytes.size() - 100));
@@ -318,9 +319,25 @@ TEST_F(RunTest, ReportsAFailedRequest)
     builder.AddLayer("NoSuchOperator").Online(x).Output(builder.AddOutput({"y", {2, 3}}));
     SaveModel(builder.Build(), At("bad"));
     Write("y.npy", "old");
-    Bad("run bad -i x=x.npy -o y=y.npy", {"request 0, pass 0, segment 5 (only): the request failed"});
+    Bad("run bad -i x=x.npy -o y=y.npy",
+        {"bad.bin: segment 5, layer 0 (NoSuchOperator): nameOffset at byte ", "the library has no such operator"});
+    Bad("run bad -i x=x.npy -o y=y.npy --unchecked", {"request 0, pass 0, segment 5 (only): the request failed"});
     EXPECT_EQ(Read("y.npy"), "old");
-    EXPECT_THAT(Tool("run bad -i x=x.npy").out, HasSubstr("Get NoSuchOperator func failed."));
+    EXPECT_THAT(Tool("run bad -i x=x.npy --unchecked").out, HasSubstr("Get NoSuchOperator func failed."));
+}
+
+// The first layer writes more than its output's shape holds, the second divides by zero.
+TEST_F(RunTest, RefusesAModelThatWouldFault)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {2, 3}});
+    const TensorRef y = builder.AddOutput({"y", {2, 3}});
+    builder.AddLayer("NegOpkitForward").Online(x).Output(y.As({2, 2}));
+    builder.AddLayer("NegOpkitForward").Online(x).Output(y.As({0, 3}));
+    SaveModel(builder.Build(), At("unsound"));
+    Bad("run unsound -i x=x.npy -o y=y.npy",
+        {"unsound.bin: segment 0, layer 0 (NegOpkitForward): outputs[0].shape at byte ",
+         "; and 1 more (opkit check tells all, --unchecked runs it nevertheless)"});
 }
 
 TEST_F(RunTest, NeverHalfWritesAnOutput)
@@ -333,8 +350,45 @@ TEST_F(RunTest, NeverHalfWritesAnOutput)
     const ToolResult result = Shell("opkit run net -i x=x.npy >/dev/full");
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.err, "opkit: standard output cannot be written: No space left on device\n");
-    Good("run net -i x=x.npy -o y=/dev/null");
+    Good("run net -i x=x.npy -o y=/dev/null -o z=/dev/null");
     EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+}
+
+// A file beyond the limit.
+TEST_F(RunTest, LeavesNothingOfAFileThatDoesNotFit)
+{
+    WriteNpy("many.npy", "(100, 2, 3)", std::vector<float>(600));
+    const auto before = Files();
+    const ToolResult result = Shell("ulimit -f 4; opkit run net -i x=many.npy -o y=y.npy");  // 2048 bytes
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "opkit: y.npy: cannot be written: File too large\n");
+    const ToolResult dump = Shell("ulimit -f 4; opkit run net -i x=many.npy --dump layers");
+    EXPECT_EQ(dump.code, 1);
+    EXPECT_THAT(dump.err, testing::ContainsRegex("^opkit: layers.new/.*npy: cannot be written: File too large\n$"));
+    EXPECT_EQ(Files(), before);
+}
+
+// Whenever the interrupt comes, the dump is there as a whole or not at all.
+TEST_F(RunTest, AnInterruptLeavesNoPieces)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {2, 3}});
+    TensorRef last = x;
+    for (int i = 0; i < 100; ++i) {
+        const TensorRef next = builder.AddScratch({"t" + std::to_string(i), {2, 3}});
+        builder.AddLayer("NegOpkitForward").Online(last).Output(next);
+        last = next;
+    }
+    builder.AddLayer("NegOpkitForward").Online(last).Output(builder.AddOutput({"y", {2, 3}}));
+    SaveModel(builder.Build(), At("long"));
+    const auto before = Files();
+    Good("run long -i x=x.npy --dump layers");
+    const auto whole = Files();
+    for (int milliseconds = 0; milliseconds < 40; milliseconds += 2) {
+        std::filesystem::remove_all(At("layers"));
+        Shell("timeout -s INT 0.0" + std::to_string(10 + milliseconds) + " opkit run long -i x=x.npy --dump layers");
+        EXPECT_THAT(Files(), testing::AnyOf(before, whole)) << milliseconds;
+    }
 }
 
 TEST_F(RunTest, ShowsNoProgressBarInAFile)
