@@ -23,6 +23,7 @@ struct LiveBlock {
 };
 
 __thread bool armed = false;
+[[maybe_unused]] __thread bool reached = false;  // a malloc of this program came by
 uint64_t failAt = 0;
 uint64_t seen = 0;
 size_t liveCount = 0;
@@ -57,6 +58,7 @@ namespace {
 
 bool Refused()
 {
+    reached = true;
     if (!armed || seen++ != failAt) {
         return false;
     }
@@ -89,7 +91,13 @@ void Forget(void* block)
 
 bool AllocFaultAvailable()
 {
-    return true;
+    const bool wasArmed = armed;
+    armed = false;
+    reached = false;
+    void* volatile block = malloc(1);
+    free(block);
+    armed = wasArmed;
+    return reached;
 }
 
 }  // namespace opkit::test

@@ -1,5 +1,5 @@
 // Makes the n-th allocation fail and counts what stays allocated. Link opkit_test_alloc_fault; it replaces malloc in
-// the test program. With a sanitizer, which has a malloc of its own, all of this does nothing and
+// the test program. With a sanitizer or under valgrind, which have a malloc of their own, all of this does nothing and
 // AllocFaultAvailable() says so.
 //
 //     for (uint64_t n = 0;; ++n) {

@@ -87,7 +87,8 @@ class AllocationSweep : public testing::Environment {
         if (AllocFaultAvailable()) {
             EXPECT_EQ(cases.size(), 72u) << "operators are missing";
             for (const char* name :
-                 {"TopKOpkitForward", "UniqueOpkitForward", "ResizeOpkitForward", "NMSOpkitForward"}) {
+                 {"ArgminOpkitForward", "FilterBoxOpkitForward", "NMSOpkitForward", "ResizeOpkitForward",
+                  "SortOpkitForward", "TopKOpkitForward", "UniqueOpkitForward"}) {
                 EXPECT_GT(allocations[name], 2u) << name << " allocated nothing beside the two tensor arrays";
             }
         }

@@ -35,6 +35,28 @@ if(nlohmann_json_FOUND)
   set_target_properties(opkit_fuzz_seeds PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 endif()
 
+set(opkit_smoke_runs_request 200000)
+set(opkit_smoke_runs_check 20000)
+set(opkit_smoke_runs_reader 40000)
+# The fuzz targets for some seconds, without a fuzzer, where the sanitizers look on.
+if(TARGET opkit_fuzz_seeds AND OPKIT_SANITIZE MATCHES "address")
+  set_target_properties(opkit_fuzz_seeds PROPERTIES EXCLUDE_FROM_ALL OFF)
+  foreach(target IN ITEMS request check reader)
+    set(seeds ${CMAKE_CURRENT_BINARY_DIR}/fuzz_seeds/${target})
+    file(MAKE_DIRECTORY ${seeds})
+    add_executable(${target}_fuzz_smoke ${PROJECT_SOURCE_DIR}/fuzz/smoke.cpp
+                                        ${PROJECT_SOURCE_DIR}/fuzz/${target}_fuzz.cpp)
+    target_link_libraries(${target}_fuzz_smoke PRIVATE opkit_modelkit opkit_objects)
+    target_include_directories(${target}_fuzz_smoke PRIVATE ${PROJECT_SOURCE_DIR})
+    add_test(NAME trust/${target}_fuzz_seeds
+             COMMAND opkit_fuzz_seeds ${target} ${seeds} ${PROJECT_SOURCE_DIR}/examples/digits/data/digits)
+    add_test(NAME trust/${target}_fuzz_smoke COMMAND ${target}_fuzz_smoke ${seeds} ${opkit_smoke_runs_${target}})
+    set_tests_properties(trust/${target}_fuzz_seeds PROPERTIES FIXTURES_SETUP ${target}_fuzz_seeds)
+    set_tests_properties(trust/${target}_fuzz_smoke PROPERTIES FIXTURES_REQUIRED ${target}_fuzz_seeds TIMEOUT 300)
+  endforeach()
+  target_sources(reader_fuzz_smoke PRIVATE ${PROJECT_SOURCE_DIR}/tools/npy.cpp)
+endif()
+
 if(NOT OPKIT_SANITIZE AND NOT OPKIT_COVERAGE)
   add_executable(reload_test trust/reload_test.c)
   target_include_directories(reload_test PRIVATE ${PROJECT_SOURCE_DIR}/include)
