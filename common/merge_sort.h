@@ -46,7 +46,7 @@ private:
 template <class Item, class Compare>
 void MergeSortFirst(Item* items, size_t count, size_t keep, Item* buffer, Compare compare)
 {
-    if (count < 2 || keep == 0) {
+    if (count < 2) {
         return;
     }
     if (count == 2) {

@@ -14,6 +14,14 @@ constexpr uint32_t RowPitch(uint32_t width, uint32_t alignNum)
     return ((width + alignNum - 1) / alignNum) * alignNum;
 }
 
+// Rows without width have no places: a hardware fault, as the division by the width would be.
+inline void TrapWithoutWidth(uint32_t width)
+{
+    if (width == 0) {
+        __builtin_trap();
+    }
+}
+
 // Where the last element of a tensor of `count` compact elements goes when its rows spread to `rowDistance`.
 constexpr uint32_t LastIndex(uint32_t count, uint32_t width, uint32_t rowDistance)
 {
@@ -37,7 +45,11 @@ public:
     RowCursor(uint32_t width, uint32_t rowPitch) : width_(width), gap_(size_t{rowPitch} - width), left_(width) {}
 
     size_t Offset() const { return offset_; }
-    uint32_t LeftInRow() const { return left_; }
+    uint32_t LeftInRow() const
+    {
+        TrapWithoutWidth(width_);
+        return left_;
+    }
 
     // Steps over `count` elements of the current row, at most LeftInRow().
     void Advance(uint32_t count)
@@ -58,16 +70,12 @@ private:
 };
 
 // Calls run(offset, offset2, length) for the longest runs in which both layouts are contiguous, in ascending order,
-// until `count` elements are covered. Each side has its own width and pitch.
+// until `count` elements, at least one, are covered. Each side has its own width and pitch.
 template <class Run>
 void ForEachRowRun(uint32_t count, uint32_t width, uint32_t pitch, uint32_t width2, uint32_t pitch2, Run run)
 {
-    if (count == 0) {
-        return;
-    }
-    if (width == 0 || width2 == 0) {
-        __builtin_trap();  // a hardware fault, as the division by the width would be
-    }
+    TrapWithoutWidth(width);
+    TrapWithoutWidth(width2);
     if (width == pitch && width2 == pitch2) {
         run(size_t{0}, size_t{0}, count);
         return;

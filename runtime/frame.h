@@ -29,10 +29,12 @@ struct Tensor {
 
     uint32_t Pitch() const { return RowPitch(width, alignNum); }
 
-    // Floats up to the end of the last row, its gap included: what the tensor occupies.
+    // Floats up to the end of the last row, its gap included: what the tensor occupies. Without an alignment, which not
+    // every operator needs, rows have no gaps.
     size_t Extent() const
     {
-        return dimNum > 0 ? size_t{ElementCount(shape, static_cast<uint32_t>(dimNum) - 1)} * Pitch() : 0;
+        const size_t rows = dimNum > 0 ? ElementCount(shape, static_cast<uint32_t>(dimNum) - 1) : 0;
+        return rows * (alignNum != 0 ? Pitch() : width);
     }
 };
 using Input = Tensor;

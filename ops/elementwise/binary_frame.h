@@ -124,7 +124,7 @@ bool MayPassOnce(const Operands<N>& operands)
 {
     constexpr uint32_t kLongRow = 32;
     const Output& out = operands.out;
-    if (out.data == nullptr || out.dimNum < 1 || out.count == 0 || out.width < kLongRow || out.alignNum <= out.width) {
+    if (out.data == nullptr || out.count == 0 || out.width < kLongRow || out.alignNum <= out.width) {
         return false;
     }
     for (const Input& in : operands.in) {

@@ -77,12 +77,10 @@ BilinearParams* BuildBilinearParams(const ResizeAxis& y, const ResizeAxis& x, ui
 
 void FreeBilinearParams(BilinearParams* params)
 {
-    if (params != nullptr) {
-        std::free(params->sourceX);
-        std::free(params->sourceY);
-        std::free(params->indexBlock);
-        std::free(params);
-    }
+    std::free(params->sourceX);
+    std::free(params->sourceY);
+    std::free(params->indexBlock);
+    std::free(params);
 }
 
 }  // namespace opkit

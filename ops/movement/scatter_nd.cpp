@@ -52,7 +52,7 @@ uint32_t ScatterNDOpkitCheck(const ScatterInputs& in)
             return kFailure;
         }
     }
-    for (int32_t i = in.tupleLength, j = indexRank - 1; i < rank && j < in.updates.dimNum; ++i, ++j) {
+    for (int32_t i = in.tupleLength, j = indexRank - 1; i < rank; ++i, ++j) {
         if (in.data.shape[i] != in.updates.shape[j]) {
             Report(Here(),
                    "The shape of the update tensor after (indiceRank - 1) should match the shape of the input tensor "
@@ -138,8 +138,9 @@ uint32_t ScatterNDOpkitForwardInner(LayerParam* param, const ScatterInputs& in)
         kSuccess) {
         return kFailure;
     }
-    // A slice, or what a refused copy of it clears, stays within the output.
-    const size_t touched = std::min<size_t>(size_t{slice} * sizeof(float), out.size);
+    // A slice, or what a refused copy of it clears, stays within the output. Without updates that is all of the bound.
+    const size_t sliceBytes = size_t{slice} * sizeof(float);
+    const size_t touched = in.updates.data != nullptr ? std::min<size_t>(sliceBytes, out.size) : out.size;
     const size_t room = std::max<size_t>(out.Extent() * sizeof(float), out.size);
     const float* from = in.updates.data;
     uint32_t column = 0;  // of a row of single updates

@@ -34,8 +34,8 @@ struct PoolAxis {
         return {start > 0 ? start : 0, static_cast<int32_t>(end < limit ? end : limit)};
     }
 
-    // Whether window i lies inside the input as a whole.
-    bool Whole(uint32_t i) const { return Start(i) >= 0 && Clip(i).Length() == kernel; }
+    // Whether window i lies inside the input as a whole. One without extent does not: it may lie behind the padding.
+    bool Whole(uint32_t i) const { return kernel != 0 && Start(i) >= 0 && Clip(i).Length() == kernel; }
 };
 
 // Windows of one output row side by side. Those from `firstWhole` to `endWhole` run together, the others, cut at the
@@ -60,8 +60,7 @@ struct PoolColumns {
     // End of the run of windows of one size that begins at window i, among the first `columns` ones.
     uint32_t RunEnd(uint32_t i, uint32_t columns) const
     {
-        const bool together = i == firstWhole && endWhole > firstWhole;
-        return together ? (endWhole < columns ? endWhole : columns) : i + 1;
+        return i == firstWhole ? (endWhole < columns ? endWhole : columns) : i + 1;
     }
 
     // Calls run(windows, first) for runs of windows of the first `columns` columns, `first` being a run's first column.

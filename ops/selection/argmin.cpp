@@ -35,6 +35,7 @@ template <class FirstOf>
 void WritePlaces(const Input& in, int32_t axis, const Lanes& lanes, const Output& out, SortEntry* entries,
                  FirstOf firstOf)
 {
+    TrapWithoutWidth(out.width);
     RowCursor place(out.width, out.Pitch());
     ForEachPaddedLane(in, axis, lanes, [&](uint32_t, size_t start, size_t step) {
         firstOf(in.data + start, step, entries);

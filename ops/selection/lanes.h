@@ -21,14 +21,11 @@ inline Lanes LanesAlong(const Input& in, int32_t axis)
     return {length, ShapeCount(in.shape, in.dimNum, axis + 1, in.dimNum), in.count / length};
 }
 
-// Calls visit(g, start, step) for every lane in order: where its first element lies in the padded rows, and how far
-// apart its elements lie there.
+// Calls visit(g, start, step) for every lane in order, of which there is at least one: where its first element lies in
+// the padded rows, and how far apart its elements lie there.
 template <class Visit>
 void ForEachPaddedLane(const Input& in, int32_t axis, const Lanes& lanes, Visit visit)
 {
-    if (lanes.count == 0) {
-        return;
-    }
     const size_t pitch = in.Pitch();
     const bool alongRow = axis == in.dimNum - 1;
     const size_t step = alongRow ? 1 : lanes.inner / in.width * pitch;

@@ -167,10 +167,11 @@ struct LoopNest {
 };
 
 // False unless different kept coordinates lead to different outputs in row-major order: entries of `axes` behind
-// `axesNum` count for the distances but not for the walk, and may break that.
+// `axesNum` count for the distances but not for the walk, and may break that. The input's rows are plain, so it has at
+// least one dimension.
 bool PlanLoops(const Input& in, ReductionAttr& attr, const uint32_t* outDistant, LoopNest* nest)
 {
-    if (in.dimNum < 1 || in.dimNum > kMaxGroups) {
+    if (in.dimNum > kMaxGroups) {
         return false;
     }
     const size_t pitch = in.Pitch();

@@ -204,7 +204,7 @@ inline uint32_t RefScatterNDInner(LayerParam* param, const RefTensor (&in)[3])
         }
         cursor += slice;
         if (slice == 1 && (t + 1) % u == 0) {
-            cursor += updates.AlignNum() - u;
+            cursor += static_cast<int32_t>(updates.AlignNum() - u);
         }
     }
     return 0;

@@ -112,6 +112,25 @@ TEST(BinaryInterface, NoConstructorRunsAtLoad)
     EXPECT_TRUE(std::regex_search(sections, std::regex("\\.init_array +INIT_ARRAY +\\w+ \\w+ 0*8 ")));
 }
 
+// A host with functions of the same names is never called in the library's place: no function of its own is looked up
+// by the loader. The variables are, as the host may read and set them.
+TEST(BinaryInterface, CallsOfItsOwnFunctionsAreBound)
+{
+    const std::set<std::string> listed = ListedExports();
+    std::set<std::string> lookedUp;
+    const std::regex entry("R_X86_64_\\w+ +[0-9a-f]+ +([A-Za-z_]\\w*)");
+    for (const std::string& line : Lines(OutputOf("readelf -rW " OPKIT_LIBRARY_FILE))) {
+        std::smatch match;
+        if (std::regex_search(line, match, entry)) {
+            lookedUp.insert(match[1]);
+        }
+    }
+    EXPECT_TRUE(lookedUp.contains("malloc"));
+    for (const std::string& name : lookedUp) {
+        EXPECT_TRUE(!listed.contains(name) || name.starts_with("g_")) << name;
+    }
+}
+
 // A product rounds before the sum takes it: no fused multiply-add anywhere, and no x87 arithmetic.
 TEST(BinaryInterface, NoFusedMultiplyAddAndNoX87)
 {

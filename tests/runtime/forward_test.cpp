@@ -416,6 +416,27 @@ TEST(Forward, NothingStaysAllocated)
     }
 }
 
+// Nor after a layer that fails, or whose operator does not exist.
+TEST(Forward, NothingStaysAllocatedAfterFailure)
+{
+    for (const char* name : {"AcosOpkitForward", "NoSuchOpkitForward"}) {
+        SCOPED_TRACE(name);
+        LayerCase layer(name);
+        layer.Output({1});
+        World world(layer);
+        CaptureStdout capture;
+        AllocFault watch;
+        EXPECT_EQ(OpkitForward(&world.Param()), OPKIT_FAILURE);
+        watch.Disarm();
+        EXPECT_EQ(watch.Live(), 0);
+        if (AllocFaultAvailable()) {
+            EXPECT_EQ(watch.Seen(), 2u);
+        }
+        watch.FreeLive();
+        EXPECT_NE(capture.Stop(), "");
+    }
+}
+
 TEST(OperatorTable, Lookup)
 {
     EXPECT_EQ(GetForwardFunc(nullptr), nullptr);

@@ -81,6 +81,20 @@ TEST(InsertAlignSpace, NothingToMove)
     EXPECT_EQ(value, 5.0f);
 }
 
+// A width of 0 never ends a row, and a last place of its own moves all rows.
+TEST(InsertAlignSpace, RowsThatAreNotTheTensors)
+{
+    std::vector<float> noWidth = {1, 2, 8, 9};
+    EXPECT_TRUE(InsertAlignSpace(noWidth.data(), 2, 0, 4, 3));
+    EXPECT_THAT(noWidth, ElementsAre(1, 2, 1, 2));
+    std::vector<float> negative = {1, 2, 8, 9};
+    EXPECT_TRUE(InsertAlignSpace(negative.data(), 2, -1, 4, 3));
+    EXPECT_THAT(negative, ElementsAre(1, 2, 1, 2));
+    std::vector<float> moved = {1, 2, 3, 4, 8, 9};
+    EXPECT_TRUE(InsertAlignSpace(moved.data(), 4, 2, 3, 5));
+    EXPECT_THAT(moved, ElementsAre(1, 1, 2, 4, 3, 4));
+}
+
 // Whether every place that the expansion writes lies inside `room` floats.
 bool StaysInside(uint32_t count, uint32_t width, uint32_t rowDistance, uint32_t lastIndex, size_t room)
 {

@@ -20,7 +20,7 @@ enum class Values {
     kPlain,     // -4 to 4
     kUnit,      // 0 to 1
     kIntegers,  // whole numbers from -8 to 8, so that ties and equal values abound
-    kMixed,     // plain, whole, quiet NaN, infinities, signed zeros, denormals, near-equal, huge
+    kMixed,     // plain, whole, quiet NaN, infinities, signed zeros, denormals, near-equal, huge; at times mostly zeros
     kBits,      // any bit pattern, signalling NaN included: for operators that move values
 };
 
@@ -44,7 +44,8 @@ public:
     // every tail of a vector loop occurs.
     std::vector<uint32_t> Shape(uint32_t minRank, uint32_t maxRank, uint32_t maxCount = 4096);
     // A row stride in bytes that holds `width` floats: compact, a multiple of 16, 32 or 64 bytes, or wider. Always at
-    // least one row, as valid tensors have it.
+    // least one row, as valid tensors have it; with OPKIT_TEST_NARROW_ROWS in the environment half of them are small
+    // numbers instead. Then a row takes several strides, and operators that do not round write rows over each other.
     uint32_t Stride(uint32_t width);
 
 private:

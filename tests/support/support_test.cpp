@@ -268,6 +268,20 @@ TEST(RandomData, RepeatsAndCovers)
     }
 }
 
+TEST(RandomData, NarrowRowsOnRequest)
+{
+    setenv("OPKIT_TEST_NARROW_ROWS", "1", 1);
+    Random random(1);
+    int narrow = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const uint32_t stride = random.Stride(70);
+        EXPECT_TRUE(stride >= 4 && stride % 4 == 0);
+        narrow += stride < 280 ? 1 : 0;
+    }
+    unsetenv("OPKIT_TEST_NARROW_ROWS");
+    EXPECT_TRUE(narrow > 400 && narrow < 600);
+}
+
 TEST(RandomData, AFailingCaseNamesItsSeed)
 {
     testing::TestPartResultArray failures;

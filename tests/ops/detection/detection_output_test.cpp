@@ -284,6 +284,20 @@ TEST(DetectionOutput, NoBoxes)
     }
 }
 
+TEST(DetectionOutput, DumpOfAnEmptyOutputClearsNothing)
+{
+    SetCounts({0, 0});
+    World world(TwoClasses(OPKIT_STAGE_NMS).Layer(kTwoClasses));
+    const auto dumpNothing = [](LayerParam* param) {
+        uint32_t shape[] = {1, 0, 6, 4};
+        param->outputs[0].shape = shape;
+        param->dumpHook.dumpAll = 1;
+        return DetectionOutputOpkitForward(param);
+    };
+    ASSERT_EQ(world.RunDirect(dumpNothing), 0u);
+    EXPECT_THAT(world.Output(), Each(-9.0f));
+}
+
 TEST(DetectionOutput, WithoutClassIdsTheRowIsLeftOut)
 {
     Stage stage;
@@ -473,6 +487,7 @@ TEST(DetectionSteps, IntersectionAndUnion)
         return std::vector<float>{inter, uni};
     };
     EXPECT_THAT(of(Box(0, 0, 9, 9), Box(5, 0, 14, 9)), ElementsAre(50, 150));
+    EXPECT_THAT(of(Box(5, 5, 14, 14), Box(0, 0, 9, 9)), ElementsAre(25, 175));   // the first one lies behind
     EXPECT_THAT(of(Box(0, 0, 9, 9), Box(9, 0, 18, 9)), ElementsAre(10, 190));    // one shared column
     EXPECT_THAT(of(Box(0, 0, 9, 9), Box(10, 0, 19, 9)), ElementsAre(0, 200));    // side by side
     EXPECT_THAT(of(Box(0, 0, 9, 9), Box(30, 30, 39, 39)), ElementsAre(0, 200));  // negative extents are 0

@@ -167,5 +167,33 @@ TEST(Logical, Messages)
     }
 }
 
+// Long padded output rows, but inputs that may not go along with them row by row.
+TEST(Logical, LongRowsWithUnfitInputs)
+{
+    const std::vector<float> ones(80, 1.0f);
+    const auto expectRefused = [&](std::function<void(World&)> change, const std::string& message) {
+        LayerCase layer = Case(0);
+        layer.Online({2, 40}, ones, 176).Online({2, 40}, ones, 176).Output({2, 40}, 176).Tamper(change);
+        ExpectRun(layer, LogicalOpkitForward, OPKIT_FAILURE,
+                  "[DelAlignSpace:#]" + message + "[AndOrXorForward:#]DelAlignSpace failed.\n\n");
+    };
+    expectRefused([](World& world) { world.Param().inputs[1].data = nullptr; }, "Input data is NULL.\n\n");
+    expectRefused([](World& world) { world.Param().inputs[1].stride = 3; },
+                  "Illegal value, widthIn = 40, alignNumIn = 0\n");
+    LayerCase noWidth = Case(0);
+    noWidth.Online({2, 40}, ones, 176).Online({2, 0}, {}, 16).Output({2, 40}, 176);
+    ExpectRun(noWidth, LogicalOpkitForward, OPKIT_FAILURE,
+              "[DelAlignSpace:#]Illegal value, widthIn = 0, alignNumIn = 4\n"
+              "[AndOrXorForward:#]DelAlignSpace failed.\n\n");
+
+    Random random(TestSeed());
+    LayerCase twice = Case(2);  // one tensor as both inputs is compacted twice
+    twice.Online({3, 40}, random.Floats(120, Values::kMixed), 176).Online({3, 40}, std::vector<float>(120), 176);
+    twice.Output({3, 40}, 176).Tamper([](World& world) {
+        world.Param().inputs[1].data = world.Param().inputs[0].data;
+    });
+    ExpectSameAsReference(twice, LogicalOpkitForward, RefLogical);
+}
+
 }  // namespace
 }  // namespace opkit

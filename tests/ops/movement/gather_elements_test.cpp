@@ -1,3 +1,5 @@
+#include <csignal>
+
 #include "tests/ops/movement/movement_cases.h"
 #include "tests/reference/gather.h"
 
@@ -38,6 +40,19 @@ TEST(GatherElements, BothAxesOfPaddedTensors)
     LayerCase columns = GatherElements(1);
     columns.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Offline({2, 2}, {2, 0, -1, -3}).Output({2, 2}, 16);
     EXPECT_THAT(RunOutput(columns, GatherElementsOpkitForward), ElementsAre(3, 1, 6, 4));
+}
+
+TEST(GatherElementsDeathTest, OutputWithoutWidthFaults)
+{
+    LayerCase layer = GatherElements(0);
+    layer.Online({3}, {1, 2, 3}).Online({2}, {0, 1}).Output({2, 0}, 16);
+    World world(layer);
+    EXPECT_EXIT(world.RunDirect(GatherElementsOpkitForward), testing::KilledBySignal(SIGILL), "");
+
+    LayerCase empty = GatherElements(0);  // where there is nothing to write, there is no fault
+    empty.Online({3, 0}, {}, 16).Online({2, 0}, {}, 16).Output({2, 0}, 16);
+    World nothing(empty);
+    EXPECT_EQ(nothing.RunDirect(GatherElementsOpkitForward), 0u);
 }
 
 // The sign test looks at the unrounded index, so just below 0 the sum is D, one past the axis.
@@ -124,6 +139,16 @@ TEST(GatherElements, SameAsReference)
         layer.Output(out, random.Stride(out.back())).Batch(RandomBatch(random));
         ExpectSameAsReference(layer, GatherElementsOpkitForward, RefGatherElements);
     });
+}
+
+// The last axis of the data is not the last of the indices: the column counts besides the index, and the base has the
+// coordinates of the data's outer axes only.
+TEST(GatherElements, IndicesOfAHigherRank)
+{
+    LayerCase layer = GatherElements(1);
+    layer.Online({2, 3}, Iota(6), 16).Online({2, 1, 2}, {0, 1, 2, 0}, 16).Output({2, 1, 2}, 16);
+    EXPECT_THAT(RunOutput(layer, GatherElementsOpkitForward), ElementsAre(0, 2, 5, 4));
+    ExpectSameAsReference(layer, GatherElementsOpkitForward, RefGatherElements);
 }
 
 }  // namespace

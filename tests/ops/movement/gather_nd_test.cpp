@@ -147,5 +147,34 @@ TEST(GatherND, SameAsReference)
     });
 }
 
+// Full tuples count elements: [1, 2] is 1 * 3 + 2, whatever the alignment of the data.
+TEST(GatherND, FullTuplesWithoutAlignment)
+{
+    LayerCase layer = GatherND(0);
+    layer.Online({2, 3}, {5, 6, 7, 8, 9, 10}).Online({2, 2}, {1, 2, 0, 1}).Output({2}).Tamper(NoInputStride);
+    EXPECT_THAT(RunOutput(layer, GatherNDOpkitForward), ElementsAre(10, 6));
+}
+
+TEST(GatherND, SlicesOutsideTheData)
+{
+    LayerCase batches = GatherND(1);  // three of them, the data has two
+    batches.Online({2, 2}, Iota(4)).Online({3, 1, 0}, {}, 16).Output({3, 2});
+    World world(batches);
+    const RunResult run = RunCaptured(world, GatherNDOpkitForward);
+    EXPECT_EQ(run.result, ~0u);
+    EXPECT_EQ(run.messages, "[GatherNDOpkitForward:#]GatherND index 0.000000 reads outside the data.\n\n");
+    EXPECT_THAT(world.OutputRows().first(4), ElementsAre(0, 1, 2, 3)) << "what was written stays";
+
+    LayerCase wraps = GatherND(0);  // 0x30000000 slices of 4 are a negative offset
+    wraps.Online({1, 4}, Iota(4)).Online({1, 1}, {805306368}).Output({4});
+    const auto manySlices = [](LayerParam* param) {
+        uint32_t shape[] = {0x40000000, 4};
+        param->inputs[0].shape = shape;
+        return GatherNDOpkitForward(param);
+    };
+    ExpectRun(wraps, manySlices, ~0u,
+              "[GatherNDOpkitForward:#]GatherND index 805306368.000000 reads outside the data.\n\n");
+}
+
 }  // namespace
 }  // namespace opkit::test

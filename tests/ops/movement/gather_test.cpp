@@ -92,6 +92,20 @@ TEST(Gather, NoWork)
     LayerCase width = Gather(0);
     width.Online({2, 0}, {}, 16).Online({1}, {9}).Output({2});
     ExpectRun(width, GatherOpkitForward, 0, "");
+    LayerCase inner = Gather(0);
+    inner.Online({2, 0, 2}, {}).Online({1}, {9}).Output({2});
+    ExpectRun(inner, GatherOpkitForward, 0, "");
+}
+
+// Rows of the data lie at multiples of the alignment, not of a pitch: without one they all start at element 0.
+TEST(Gather, DataWithoutAlignment)
+{
+    LayerCase row = Gather(0);
+    row.Online({4}, {5, 6, 7, 8}).Online({3}, {2, 0, 3}).Output({3}).Tamper(NoInputStride);
+    EXPECT_THAT(RunOutput(row, GatherOpkitForward), ElementsAre(7, 5, 8));
+    LayerCase rows = Gather(0);
+    rows.Online({2, 2}, {5, 6, 7, 8}).Online({2}, {1, 0}).Output({2, 2}).Tamper(NoInputStride);
+    EXPECT_THAT(RunOutput(rows, GatherOpkitForward), ElementsAre(5, 6, 5, 6));
 }
 
 TEST(Gather, UnresolvedInputs)

@@ -71,6 +71,17 @@ inline void NoOutputData(World& world)
     world.Param().outputs[0].data = nullptr;
 }
 
+// A row alignment of 0 floats, for operators that never divide by it.
+inline void NoInputStride(World& world)
+{
+    world.Param().inputs[0].stride = 0;
+}
+
+inline void NoOutputStride(World& world)
+{
+    world.Param().outputs[0].stride = 0;
+}
+
 inline const std::string kNullDelAlign = "[DelAlignSpace:#]Input data is NULL.\n\n";
 inline const std::string kNullInsertAlign = "[InsertAlignSpace:#]Input data is NULL.\n\n";
 

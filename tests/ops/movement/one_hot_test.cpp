@@ -52,6 +52,21 @@ TEST(OneHot, FlagOneIsNotLookedAt)
     EXPECT_THAT(RunOutput(online, OneHotOpkitForward), ElementsAre(3, 4));
 }
 
+TEST(OneHot, OneElement)
+{
+    for (const float on : {8.0f, -8.0f}) {
+        LayerCase layer = OneHot(1);
+        layer.Online({1}, {0}).Online({2}, {3, on}).Output({1, 1});
+        EXPECT_THAT(RunOutput(layer, OneHotOpkitForward), ElementsAre(on));
+    }
+    LayerCase off = OneHot(1);
+    off.Online({1}, {-2}).Online({2}, {3, 4}).Output({1, 1});
+    World world(off);
+    EXPECT_EQ(RunCaptured(world, OneHotOpkitForward).messages,
+              "[OneHotOpkitForward:#]Invalid input idx : -1.000000\n\n");
+    EXPECT_THAT(world.Output(), ElementsAre(3));
+}
+
 TEST(OneHot, RefusedIndices)
 {
     const auto run = [](float index, const std::string& shown, std::vector<float> left) {
@@ -78,6 +93,14 @@ TEST(OneHot, TooNegativeIndexWritesEarlier)
     LayerCase layer = OneHot(1);
     layer.Online({2}, {0, -7}).Online({2}, {5, 7}).Output({2, 5});
     EXPECT_THAT(RunOutput(layer, OneHotOpkitForward), ElementsAre(7, 5, 5, 7, 5, 5, 5, 5, 5, 5));
+}
+
+// -3.5 + 3 truncates to 0. One row needs no alignment.
+TEST(OneHot, TooNegativeIndexWithoutAlignment)
+{
+    LayerCase layer = OneHot(0);
+    layer.Online({1}, {-3.5f}).Online({2}, {5, 7}).Output({3}).Tamper(NoOutputStride);
+    EXPECT_THAT(RunOutput(layer, OneHotOpkitForward), ElementsAre(7, 5, 5));
 }
 
 TEST(OneHot, Messages)
@@ -138,6 +161,18 @@ TEST(OneHot, SameAsReference)
         layer.Output(out, random.Stride(out.back())).Batch(RandomBatch(random));
         ExpectSameAsReference(layer, OneHotOpkitForward, RefOneHot);
     });
+}
+
+// -0x30000000 steps of 3 elements wrap to 0x70000000, far behind the output.
+TEST(OneHot, TooNegativeIndexThatWraps)
+{
+    LayerCase layer = OneHot(0);
+    layer.Online({3}, {0, -805306368, 0}).Online({2}, {5, 7}).Output({2, 3});
+    World world(layer);
+    const RunResult run = RunCaptured(world, OneHotOpkitForward);
+    EXPECT_EQ(run.result, ~0u);
+    EXPECT_EQ(run.messages, "[OneHotOpkitForward:#]Invalid input idx : -805306368.000000\n\n");
+    EXPECT_THAT(world.Output(), ElementsAre(7, 5, 5, 5, 5, 5));
 }
 
 }  // namespace

@@ -112,6 +112,16 @@ TEST(Pad, ByHand)
     }
 }
 
+// One row needs no alignment, and how far it reaches is known all the same.
+TEST(Pad, ReflectWithoutOutputAlignment)
+{
+    LayerCase layer = PadCase({3}, OPKIT_PAD_REFLECT, {1, 1});
+    layer.Tamper([](World& world) { world.Param().outputs[0].stride = 0; });
+    World world(layer);
+    EXPECT_EQ(world.RunDirect(PadOpkitForward), 0u);
+    EXPECT_THAT(world.Output(), ElementsAre(2, 1, 2, 3, 2));
+}
+
 // All of an axis cropped away and padded again: no row is visited, so nothing is written.
 TEST(Pad, CroppedToNothing)
 {
@@ -198,6 +208,18 @@ TEST(Pad, EmptyInput)
         }
         ExpectSameAsReference(layer, PadOpkitForward, RefPad);
     }
+}
+
+// Columns around rows of no elements.
+TEST(Pad, EmptyRows)
+{
+    LayerCase layer("PadOpkitForward");
+    layer.Online({2, 0}, {}, 16).Output({2, 3});
+    SetPads(layer, 0, {0, 1, 0, 2});
+    World world(layer);
+    EXPECT_EQ(world.RunDirect(PadOpkitForward), 0u);
+    EXPECT_THAT(world.Output(), Each(0.5f));
+    ExpectSameAsReference(layer, PadOpkitForward, RefPad);
 }
 
 TEST(Pad, SilentRefusals)
@@ -460,6 +482,12 @@ TEST(PadHelpers, PadSliceIterator)
     PadSliceIteratorInit(&iterator, 8, 3);  // merged: steps by the dimension, starts by the row distance
     EXPECT_EQ(iterator.current, &input[9]);
     EXPECT_THAT(skips, ElementsAre(4, 2));
+
+    iterator.innerExtent = 0;  // steps all the same
+    next = CopyInnermostAxisSolitaryInnerStepImpl(&iterator, &output[4]);
+    EXPECT_EQ(next, &output[4]);
+    EXPECT_EQ(iterator.current, &input[11]);
+    EXPECT_THAT(output, ElementsAre(9, 10, 17, 18, -1));
 }
 
 TEST(PadHelpers, TensorPictchesInit)

@@ -131,5 +131,50 @@ TEST(Permute, LargePlane)
     ExpectSameAsReference(layer, PermuteOpkitForward, RefPermute);
 }
 
+const std::string kPermLeadsOutside = "[PermuteOpkitForward:#]perm leads outside the tensor.\n\n";
+
+// 65537 * 65536 elements wrap to a count of one row, and no more than that moves.
+TEST(Permute, CountsBeyond32Bits)
+{
+    constexpr uint32_t kWidth = 65536;
+    LayerCase layer = Permute({0, 1});
+    layer.Online({1, kWidth}, Iota(kWidth)).Output({1, kWidth});
+    World world(layer);
+    const auto manyRows = [](LayerParam* param) {
+        uint32_t shape[] = {kWidth + 1, kWidth};
+        param->inputs[0].shape = param->outputs[0].shape = shape;
+        return PermuteOpkitForward(param);
+    };
+    EXPECT_EQ(world.RunDirect(manyRows), 0u);
+    const auto rows = world.OutputRows().first(kWidth);
+    EXPECT_EQ(std::vector<float>(rows.begin(), rows.end()), Iota(kWidth));
+}
+
+TEST(Permute, OutputsThatAreTooSmall)
+{
+    LayerCase row = Permute({0, 1});
+    row.Online({2, 3}, {1, 2, 3, 4, 5, 6}).Output({1, 3});
+    World world(row);
+    const RunResult run = RunCaptured(world, PermuteOpkitForward);
+    EXPECT_EQ(run.result, ~0u);
+    EXPECT_EQ(run.messages, kPermLeadsOutside);
+    EXPECT_THAT(world.Output(), ElementsAre(1, 2, 3)) << "what was written stays";
+    LayerCase nothing = Permute({0});
+    nothing.Online({1}, {1}).Output(Shape{});
+    ExpectRun(nothing, PermuteOpkitForward, ~0u, kPermLeadsOutside);
+}
+
+// An entry behind both arrays of pitches, and more axes than perm has entries.
+TEST(Permute, EntriesAndRanksBeyondTheLast)
+{
+    LayerCase entry = Permute({0, 4});
+    entry.Online({2, 3}, Iota(6)).Output({2, 3});
+    ExpectRun(entry, PermuteOpkitForward, ~0u, kPermLeadsOutside);
+    LayerCase rank = Permute({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+    rank.Online(Shape(11, 1), {5}).Output(Shape(11, 1));
+    rank.Attr<PermuteAttr>().permDimCount = rank.Attr<PermuteAttr>().permOutDimCount = 11;
+    ExpectRun(rank, PermuteOpkitForward, ~0u, "");
+}
+
 }  // namespace
 }  // namespace opkit::test

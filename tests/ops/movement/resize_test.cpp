@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "opkit/opkit.h"
+#include "ops/movement/resize.h"
 #include "tests/support/alloc_fault.h"
 #include "tests/support/twin.h"
 
@@ -501,6 +502,46 @@ TEST(Resize, EmptyInput)
         World world(layer);
         const World before = world.Clone();
         EXPECT_EQ(world.RunDirect(ResizeOpkitForward), 0u);
+        EXPECT_EQ(World::Difference(world, before, NanPolicy::kExactBits), "");
+    }
+}
+
+// All of the output lies outside of it.
+TEST(Resize, EmptyInputWithExtrapolation)
+{
+    for (const uint32_t resizeMode : {0u, 1u}) {
+        LayerCase layer("ResizeOpkitForward");
+        layer.Online({1, 1, 0, 3}, {}).Output({1, 1, 2, 3});
+        SetScales(layer, {1, 1, 2, 1});
+        layer.Attr<ResizeAttr>().resizeMode = resizeMode;
+        layer.Attr<ResizeAttr>().extrapolate = 1;
+        layer.Attr<ResizeAttr>().extrapolationValue = -7;
+        World world(layer);
+        EXPECT_EQ(world.RunDirect(ResizeOpkitForward), 0u);
+        EXPECT_THAT(world.Output(), ElementsAre(-7, -7, -7, -7, -7, -7));
+    }
+}
+
+// The two modes by themselves take a missing input for no work.
+TEST(Resize, ModesWithoutX)
+{
+    LayerCase layer("ResizeOpkitForward");
+    layer.Output({1, 1, 2, 3});
+    layer.Attr<ResizeAttr>();
+    const ForwardFunc modes[] = {
+        [](LayerParam* param) {
+            return ResizeNearest({param, &AttrOf<ResizeAttr>(param), nullptr, nullptr});
+        },
+        [](LayerParam* param) {
+            return ResizeLinear({param, &AttrOf<ResizeAttr>(param), nullptr, nullptr});
+        },
+    };
+    for (const ForwardFunc mode : modes) {
+        World world(layer);
+        const World before = world.Clone();
+        const RunResult run = RunCaptured(world, mode);
+        EXPECT_EQ(run.result, 0u);
+        EXPECT_EQ(run.messages, "");
         EXPECT_EQ(World::Difference(world, before, NanPolicy::kExactBits), "");
     }
 }

@@ -178,6 +178,41 @@ TEST(ScatterND, SlicesLongerThanTheOutputsRows)
     ExpectSameAsReference(leaves, ScatterNDOpkitForward, RefScatterND);
 }
 
+TEST(ScatterND, SingleUpdatesThatCannotBeCopied)
+{
+    const auto withoutUpdates = [](float column) {
+        LayerCase layer = ScatterND();
+        layer.Online({2, 2}, Iota(4, 1)).Online({1, 2}, {0, column}).Online({1}, {7}).Output({2, 2});
+        return layer.Tamper([](World& world) { world.Param().inputs[2].data = nullptr; });
+    };
+    World first(withoutUpdates(0));
+    EXPECT_EQ(RunCaptured(first, ScatterNDOpkitForward).messages,
+              "[ScatterNDOpkitForwardInner:#]memcpy_s failed at offset 0, ret = 150\n");
+    EXPECT_THAT(first.Output(), ElementsAre(0, 0, 0, 0)) << "cleared";
+    World second(withoutUpdates(1));  // from there on, as much would reach behind the output
+    EXPECT_EQ(RunCaptured(second, ScatterNDOpkitForward).messages,
+              "[ScatterNDOpkitForwardInner:#]ScatterND slice at offset 1 leaves the output.\n\n");
+    EXPECT_THAT(second.Output(), ElementsAre(1, 2, 3, 4));
+
+    LayerCase narrow = ScatterND();  // a NaN passes for an index of the empty axis
+    narrow.Online({0, 2}, {}).Online({1, 2}, {kNan, 0}).Online({1}, {7}).Output({1, 2});
+    World small(narrow);
+    const auto twoBytes = [](LayerParam* param) {
+        param->outputs[0].size = 2;
+        return ScatterNDOpkitForward(param);
+    };
+    EXPECT_EQ(RunCaptured(small, twoBytes).messages,
+              "[ScatterNDOpkitForwardInner:#]memcpy_s failed at offset 0, ret = 162\n");
+}
+
+// Only the next to last axis steps by the output's alignment; one axis has none.
+TEST(ScatterND, OneAxisWithoutAlignment)
+{
+    LayerCase layer = ScatterND();
+    layer.Online({4}, Iota(4)).Online({2, 1}, {3, 0}).Online({2}, {7, 8}).Output({4}).Tamper(NoOutputStride);
+    EXPECT_THAT(RunOutput(layer, ScatterNDOpkitForward), ElementsAre(8, 1, 2, 7));
+}
+
 TEST(ScatterND, NoTuplesCopy)
 {
     LayerCase layer = ScatterND();

@@ -111,6 +111,28 @@ TEST(LpNorm, OrderZeroFollowsPow)
     EXPECT_THAT(RunOk(Norm({2, 1}, {5, -7}, 1, 0)), ElementsAre(5, -7));
 }
 
+// The count of a shape beyond 32 bits wraps: here to 8, which is two vectors of three, though four lie side by side.
+TEST(LpNorm, CountBeyond32Bits)
+{
+    CaseTensor y;
+    y.shape = {3, 4};
+    y.data = std::vector<float>(12, 9.0f);
+    LayerCase layer("LpNormOpkitForward");
+    layer.Online({3, 4}, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}).Output(y);
+    layer.Attr<LpNormAttr>().axis = 1;
+    layer.Attr<LpNormAttr>().p = 1;
+    World world(layer);
+    const auto manyBlocks = [](LayerParam* param) {
+        uint32_t shape[] = {357913942, 3, 4};
+        param->inputs[0].shape = shape;
+        param->inputs[0].dimNum = 3;
+        return LpNormOpkitForward(param);
+    };
+    EXPECT_EQ(world.RunDirect(manyBlocks), 0u);
+    EXPECT_THAT(world.Output(),
+                ElementsAre(1 / 15.0f, 2 / 18.0f, 9, 9, 5 / 15.0f, 6 / 18.0f, 9, 9, 9 / 15.0f, 10 / 18.0f, 9, 9));
+}
+
 // In place, the first two elements are zeros when the norms of two vectors are taken.
 TEST(LpNorm, ClearsAsManyElementsAsVectors)
 {

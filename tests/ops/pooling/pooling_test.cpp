@@ -106,8 +106,8 @@ RandomLayer RandomPooling(Random& random)
     layer.in = random.Shape(1, 5, 1200);
     layer.out = layer.in;
     Window& w = layer.window;
-    w.kernelH = static_cast<uint32_t>(random.Int(1, 4));
-    w.kernelW = static_cast<uint32_t>(random.Int(random.Chance(0.1) ? 0 : 1, 5));
+    w.kernelH = random.Chance(0.05) ? 0 : static_cast<uint32_t>(random.Int(1, 4));
+    w.kernelW = random.Chance(0.1) ? 0 : static_cast<uint32_t>(random.Int(1, 5));
     w.strideH = static_cast<uint32_t>(random.Int(1, 3));
     w.strideW = random.Chance(0.5) ? 1 : static_cast<uint32_t>(random.Int(1, 4));
     const int32_t mostPad = random.Chance(0.2) ? 7 : 2;
@@ -284,6 +284,18 @@ TEST(PoolingAve, WindowInPaddingAlone)
         std::isnan(RunOk(Pooling<PoolingAveAttr>({2, 2}, {1, 2, 3, 4}, {2, 1}, empty), PoolingAveOpkitForward)[1]));
 }
 
+// Windows of no columns have an area of 0 up to the edge, and a negative one behind it, all of it padding.
+TEST(PoolingAve, KernelOfNoColumns)
+{
+    const Window w = {.kernelH = 1, .kernelW = 0, .padValue = 7, .includePad = 1};
+    const std::vector<float> means = RunOk(Pooling<PoolingAveAttr>({1, 2}, {1, 2}, {1, 5}, w), PoolingAveOpkitForward);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_TRUE(std::isnan(means[i])) << i;
+    }
+    EXPECT_EQ(means[3], 7);
+    EXPECT_EQ(means[4], 7);
+}
+
 // Elements before the failing one are finished, it is 0, later ones are untouched; the operator succeeds.
 TEST(PoolingAve, NoElementFailsTheCoreOnly)
 {
@@ -380,6 +392,22 @@ TEST(PoolingMax, EmptyOutputs)
     noPlane.Online({0, 2, 2}, {}).Output(Filled({1, 1}, {4}));
     SetAttr<PoolingMaxAttr>(noPlane, {});
     EXPECT_THAT(RunOk(noPlane, PoolingMaxOpkitForwardCore), ElementsAre(4));
+    const LayerCase noRow = Pooling<PoolingMaxAttr>({2, 2}, {1, 2, 3, 4}, {0, 1}, {});
+    EXPECT_THAT(RunOk(noRow, PoolingMaxOpkitForwardCore), ElementsAre());
+}
+
+TEST(PoolingAve, EmptyOutputs)
+{
+    LayerCase noPlane("PoolingAveOpkitForward");
+    noPlane.Online({0, 2, 2}, {}).Output(Filled({1, 1}, {4}));
+    SetAttr<PoolingAveAttr>(noPlane, {});
+    EXPECT_THAT(RunOk(noPlane, AveCore), ElementsAre(4));
+    for (const Shape& out : {Shape{0, 1}, Shape{1, 0}}) {
+        LayerCase empty("PoolingAveOpkitForward");
+        empty.Online({2, 2}, {1, 2, 3, 4}).Output(out, 16);
+        SetAttr<PoolingAveAttr>(empty, {});
+        EXPECT_THAT(RunOk(empty, AveCore), ElementsAre());
+    }
 }
 
 TEST(PoolingLp, Norms)
@@ -458,6 +486,8 @@ TEST(Pooling, Failures)
     EXPECT_EQ(nullRun.result, OPKIT_FAILURE);
     EXPECT_EQ(nullRun.messages,
               "[DelAlignSpace:#]Input data is NULL.\n\n[PoolingLpOpkitForwardCore:#]DelAlignSpace failed.\n\n");
+    World nullCore(nullInput);
+    EXPECT_EQ(RunCaptured(nullCore, LpCore).result, OPKIT_FAILURE);
     LayerCase nullOutput("PoolingLpOpkitForward");
     nullOutput.Online({0, 2, 2}, {}).Output({2, 2}).Tamper([](World& w) { w.Param().outputs[0].data = nullptr; });
     SetAttr<PoolingLpAttr>(nullOutput, {});

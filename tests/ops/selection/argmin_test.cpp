@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <limits>
 
 #include "opkit/opkit.h"
@@ -107,6 +108,15 @@ TEST(Argmin, NoLanes)
     const World before = world.Clone();
     EXPECT_EQ(world.RunDirect(ArgminOpkitForward), 0u);
     EXPECT_EQ(World::Difference(world, before, NanPolicy::kExactBits), "");
+}
+
+TEST(ArgminDeathTest, OutputWithoutWidthFaults)
+{
+    LayerCase layer("ArgminOpkitForward");
+    layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}).Output({2, 0}, 16).Workspace(24);
+    layer.Attr<ArgminAttr>().axis = 1;
+    World world(layer);
+    EXPECT_EXIT(world.RunDirect(ArgminOpkitForward), testing::KilledBySignal(SIGILL), "");
 }
 
 TEST(Argmin, OutOfMemory)

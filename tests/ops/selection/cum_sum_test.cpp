@@ -107,6 +107,17 @@ TEST(CumSum, EmptyInput)
     EXPECT_EQ(World::Difference(world, before, NanPolicy::kExactBits), "");
 }
 
+TEST(CumSum, EmptyOutput)
+{
+    LayerCase layer("CumSumOpkitForward");
+    layer.Online({0, 2}, {}).Output({0, 2});
+    layer.Attr<CumSumAttr>().axis = 1;
+    World world(layer);
+    const RunResult run = RunCaptured(world, CumSumOpkitForward);
+    EXPECT_EQ(run.result, 0u);
+    EXPECT_EQ(run.messages, "");
+}
+
 TEST(CumSum, SameAsReference)
 {
     ForRandomCases(400, [](Random& random) {

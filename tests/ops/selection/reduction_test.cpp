@@ -236,6 +236,63 @@ TEST(Reduction, OutputInInputMemory)
     }
 }
 
+// What makes no plan of loops: no elements, more axes than a layer's attributes name, a count that wraps.
+TEST(Reduction, UnplannedShapes)
+{
+    EXPECT_THAT(Reduce(OPKIT_REDUCE_SUM, {0, 3}, {}, {}, {1}, true), ElementsAre(0));
+    EXPECT_THAT(Reduce(OPKIT_REDUCE_MAX, {0, 3}, {}, {0}, {3}), ElementsAre(kLowest, kLowest, kLowest));
+    Shape deep(11, 1);
+    deep.back() = 3;
+    EXPECT_THAT(Reduce(OPKIT_REDUCE_SUM, deep, {1, 2, 4}, {}, {1}, true), ElementsAre(7));
+
+    LayerCase wraps("ReductionOpkitForward");
+    wraps.Online({1, 65536}, std::vector<float>(65536, 1.0f)).Output({1});
+    SetReduction(wraps, OPKIT_REDUCE_SUM, {}, true);
+    World world(wraps);
+    const auto manyRows = [](LayerParam* param) {
+        uint32_t shape[] = {65537, 65536};
+        param->inputs[0].shape = shape;
+        return ReductionOpkitForward(param);
+    };
+    EXPECT_EQ(world.RunDirect(manyRows), 0u);
+    EXPECT_THAT(world.Output(), ElementsAre(65536));  // one row, where the count stops
+}
+
+// Accumulators behind the output's own elements start from what is there.
+TEST(Reduction, OutputSmallerThanTheResult)
+{
+    LayerCase layer("ReductionOpkitForward");
+    CaseTensor out;
+    out.shape = {2, 1};
+    out.data = {9, 100};
+    layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}).Output(out);
+    SetReduction(layer, OPKIT_REDUCE_SUM, {1});
+    World world(layer);
+    const auto oneRow = [](LayerParam* param) {
+        uint32_t shape[] = {1, 1};
+        param->outputs[0].shape = shape;
+        return ReductionOpkitForward(param);
+    };
+    EXPECT_EQ(world.RunDirect(oneRow), 0u);
+    EXPECT_THAT(world.Output(), ElementsAre(6, 115));
+}
+
+// A row of 2^32 - 1 elements has a pitch that wraps to 0; the first of them is all that counts.
+TEST(Reduction, PitchBeyond32Bits)
+{
+    LayerCase layer("ReductionOpkitForward");
+    layer.Online({3}, {1, 2, 4}).Output({1, 4});
+    SetReduction(layer, OPKIT_REDUCE_SUM, {}, true);
+    World world(layer);
+    const auto wideRows = [](LayerParam* param) {
+        uint32_t shape[] = {0xFFFFFFFFu, 0xFFFFFFFFu};  // one element
+        param->outputs[0].shape = shape;
+        return ReductionOpkitForward(param);
+    };
+    EXPECT_EQ(world.RunDirect(wideRows), 0u);
+    EXPECT_EQ(world.Output()[0], 7);
+}
+
 Shape OutputShape(Random& random, const Shape& shape, const ReductionAttr& attr)
 {
     Shape kept;

@@ -179,6 +179,24 @@ TEST(TopK, OneWidthForBothOutputs)
     ExpectSameAsReference(layer, TopKOpkitForward, RefTopK);
 }
 
+// A lane that is longer than the output's rows goes on in the next ones.
+TEST(TopK, LanesOverSeveralRows)
+{
+    LayerCase layer("TopKOpkitForward");
+    layer.Online({2, 5}, {1, 2, 3, 4, 5, 10, 9, 8, 7, 6}).Output({4, 3}, 16).Output({4, 3}, 16).Workspace(40);
+    SetTopK(layer, 5, 1, 1);
+    World world(layer);
+    EXPECT_EQ(world.RunDirect(TopKOpkitForward), 0u);
+    const auto firstTen = [&world](size_t output) {
+        std::vector<float> all = world.Output(output);
+        all.resize(10);
+        return all;
+    };
+    EXPECT_THAT(firstTen(0), ElementsAre(5, 4, 3, 2, 1, 10, 9, 8, 7, 6));
+    EXPECT_THAT(firstTen(1), ElementsAre(4, 3, 2, 1, 0, 0, 1, 2, 3, 4));
+    ExpectSameAsReference(layer, TopKOpkitForward, RefTopK);
+}
+
 TEST(TopK, NoLanes)
 {
     LayerCase layer("TopKOpkitForward");

@@ -186,6 +186,15 @@ TEST(Unique, ValuesBeyondSize)
     EXPECT_EQ(world.Output(1)[1], 1.0f);
     ExpectSameAsReference(layer, UniqueOpkitForward, RefUnique, kWithSize);
 
+    // The sizes of the other outputs do not matter.
+    LayerCase roomy("UniqueOpkitForward");
+    roomy.Online({3, 2}, {1, 2, 3, 4, 5, 6}).Output({5}).Output({16}).Output({16}).Output({16});
+    SetUnique(roomy, 0, 0);
+    World roomyWorld(roomy);
+    EXPECT_EQ(RunCaptured(roomyWorld, UniqueOpkitForward).messages,
+              "[UniqueOpkitForward:#]memcpy failed, errnum = 162\n");
+    EXPECT_THAT(roomyWorld.Output(0), ElementsAre(1, 2, 3, 4, 0));
+
     LayerCase none("UniqueOpkitForward");
     none.Online({3, 2}, {1, 2, 3, 4, 5, 6}).Output({4}).Output({3}).Output({3}).Output({3});
     SetUnique(none, 0, 0);
@@ -313,6 +322,26 @@ TEST(Unique, ManyEntries)
         expected[i] = again ? expected[i - 2] : static_cast<float>(next++);
     }
     EXPECT_EQ(result.inverse, expected);
+}
+
+// Two pairs whose hashes meet, in the table's own hash: 0x29cfb4c5 and 0x3562c579.
+TEST(Unique, EqualHashesAreNotEqualSlices)
+{
+    const std::vector<float> data = {101962, 3670, 101962, 123190, 3670, 68455};
+    const UniqueResult result = ResultOf(UniqueCase({6}, data, OPKIT_UNIQUE_FLAT, 0, {4}, 4));
+    EXPECT_THAT(result.values, ElementsAre(101962, 3670, 123190, 68455));
+    EXPECT_THAT(result.inverse, ElementsAre(0, 1, 0, 2, 1, 3));
+    EXPECT_THAT(result.counts, ElementsAre(2, 2, 1, 1));
+}
+
+TEST(Unique, NoMemoryForValues)
+{
+    LayerCase layer = UniqueCase({2, 2}, {1, 2, 3, 4}, 0, 0, {2, 2}, 2);
+    layer.Tamper([](World& world) { world.Param().outputs[0].data = nullptr; });
+    World world(layer);
+    const RunResult run = RunCaptured(world, UniqueOpkitForward);
+    EXPECT_EQ(run.result, UINT32_MAX);
+    EXPECT_EQ(run.messages, "[UniqueOpkitForward:#]memcpy failed, errnum = 22\n");
 }
 
 TEST(Unique, Helpers)
