@@ -1,7 +1,5 @@
 // Element-wise operators: broadcast shapes on padded rows against oneDNN and memcpy, formulas against plain loops.
 
-#include <cstring>
-
 #include "bench/one_layer.h"
 #include "bench/peers.h"
 #include "bench/plain_loops.h"
@@ -37,17 +35,6 @@ Spec Padded(const Shape& shape)
 peers::Dims DimsOf(const Shape& shape)
 {
     return {shape.begin(), shape.end()};
-}
-
-Work CopyOf(size_t count)
-{
-    const auto from = MakeFloats(count);
-    const auto to = MakeFloats(count);
-    Fill(from->Floats());
-    return [=] {
-        std::memcpy(to->data(), from->data(), count * sizeof(float));
-        Keep(to->data());
-    };
 }
 
 Row Broadcast(const std::shared_ptr<OneLayer>& layer, const Other& other, const peers::BinaryOp* op)

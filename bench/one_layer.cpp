@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "opkit/opkit.h"
 
@@ -71,6 +72,26 @@ bool SameBits(std::span<const float> a, std::span<const float> b)
 std::shared_ptr<modelkit::Buffer> MakeFloats(size_t count)
 {
     return std::make_shared<modelkit::Buffer>(count * sizeof(float));
+}
+
+Work CopyOf(size_t count)
+{
+    const auto from = MakeFloats(count);
+    const auto to = MakeFloats(count);
+    Fill(from->Floats());
+    return [=] {
+        std::memcpy(to->data(), from->data(), count * sizeof(float));
+        Keep(to->data());
+    };
+}
+
+Work ClearOf(size_t count)
+{
+    const auto to = MakeFloats(count);
+    return [=] {
+        std::memset(to->data(), 0, count * sizeof(float));
+        Keep(to->data());
+    };
 }
 
 }  // namespace opkit::bench

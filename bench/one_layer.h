@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/table.h"
 #include "modelkit/model_builder.h"
 #include "modelkit/request.h"
 
@@ -66,6 +67,10 @@ bool SameBits(std::span<const float> a, std::span<const float> b);
 
 // Memory for candidates that are no layers, aligned for every instruction set.
 std::shared_ptr<modelkit::Buffer> MakeFloats(size_t count);
+
+// Moving or clearing so many floats: what work on memory cannot beat.
+Work CopyOf(size_t count);
+Work ClearOf(size_t count);
 
 }  // namespace opkit::bench
 

@@ -66,6 +66,9 @@ Row Resample(bool linear)
                   })
                        : Work(),
                   Ratio::kTime, linear ? 0.5 : 0.8}};
+    if (!linear) {
+        row.peers.push_back({"memset of the output", ClearOf(layer->Out().size()), Ratio::kTime});
+    }
     if (dnnl && !linear) {
         row.same = [=] { return SameBits(layer->Out(), other->Floats()); };
     }
@@ -140,13 +143,15 @@ Row Unpool()
         layer->In(1)[i] = static_cast<float>(row * 2 * kIn + column);
     }
     const auto other = MakeFloats(layer->Out().size());
-    return AgainstLiteral(
+    Row row = AgainstLiteral(
         layer,
         [=] {
             plain::MaxUnpool(layer->In(0).data(), layer->In(1).data(), other->Floats().data(), kChannels, kIn * kIn,
                              4 * kIn * kIn);
         },
         other, kChannels * kIn * kIn * 6 * 4.0);
+    row.peers.push_back({"memset of the output", ClearOf(layer->Out().size()), Ratio::kTime});
+    return row;
 }
 
 }  // namespace
