@@ -247,6 +247,21 @@ TEST(Convolution, BiasStep)
     });
 }
 
+// A column matrix longer than its area runs into the ones, and the bias step reads what it left there.
+TEST(Convolution, ColumnMatrixInTheOnesArea)
+{
+    const Problem p = {.size = {2, 2}};
+    LayerCase layer = QuantizedCase(8, p, {1, 2, 3, 4}, {1, 1, 1, 1}, {1, 0, 1, 0, 1, 0}, {0});
+    layer.Attr<ConvolutionAttr>().hasBias = 1;
+    layer.Attr<ConvolutionAttr>().colChannels = 3;
+    layer.Online({1}, {12345});
+    ForEachLevel([&](Level) {
+        World world(layer);
+        ExpectSuccess(RunCaptured(world, ConvolutionOpkitForward));
+        EXPECT_TRUE(SameFloats(world.Output(0), Floats{1 + 2 + 3 + 4 + 1 * 4}));
+    });
+}
+
 TEST(Convolution, WhatIsCompacted)
 {
     LayerCase layer = QuantizedCase(8, {}, kX, kW, {1, 0, 1, 0, 1, 0});
