@@ -21,8 +21,8 @@ Row NonMaxSuppression()
     NonMaxSuppressionAttr attr = {};
     attr.inputCount = 5;
     const auto layer = MakeLayer("NonMaxSuppressionOpkitForward",
-                                 std::vector<Spec>{{{1, kBoxes, 4}}, {{1, kClasses, kBoxes}}, {{1}}, {{1}}, {{1}}},
-                                 std::vector<Spec>{{{kClasses * kLimit, 3}}}, attr, uint32_t{(kBoxes + 1) * 8});
+                                 std::vector<Layout>{{{1, kBoxes, 4}}, {{1, kClasses, kBoxes}}, {{1}}, {{1}}, {{1}}},
+                                 std::vector<Layout>{{{kClasses * kLimit, 3}}}, attr, uint32_t{(kBoxes + 1) * 8});
     for (size_t i = 0; i < kBoxes; ++i) {
         float random[4];
         Fill(random, 0, 1, static_cast<uint32_t>(i + 1));

@@ -27,7 +27,7 @@ const Other kOthers[] = {
     {"scalar", {1, 1, 1, 1}, 1.5},
 };
 
-Spec Padded(const Shape& shape)
+Layout Padded(const Shape& shape)
 {
     return {shape, shape.back() == 1 ? 16 : kPaddedBytes};
 }
@@ -69,7 +69,8 @@ Row Broadcast(const std::shared_ptr<OneLayer>& layer, const Other& other, const 
 template <class Attr>
 std::shared_ptr<OneLayer> TwoOperands(const char* name, const Shape& second, const Attr& attr)
 {
-    return MakeLayer(name, std::vector<Spec>{Padded(kShape), Padded(second)}, std::vector<Spec>{Padded(kShape)}, attr);
+    return MakeLayer(name, std::vector<Layout>{Padded(kShape), Padded(second)}, std::vector<Layout>{Padded(kShape)},
+                     attr);
 }
 
 Row Math(uint32_t type, const Other& other, peers::BinaryOp op)
@@ -99,8 +100,8 @@ Row WhereBroadcast(const Other& other)
     WhereAttr attr = {};
     attr.inputCount = 3;
     const auto layer =
-        MakeLayer("WhereOpkitForward", std::vector<Spec>{Padded(kShape), Padded(kShape), Padded(other.shape)},
-                  std::vector<Spec>{Padded(kShape)}, attr);
+        MakeLayer("WhereOpkitForward", std::vector<Layout>{Padded(kShape), Padded(kShape), Padded(other.shape)},
+                  std::vector<Layout>{Padded(kShape)}, attr);
     Fill(layer->In(2), 3, 4, 3);
     Row row = Broadcast(layer, other, nullptr);
     row.work = 1e6 * 4 * (other.shape == kShape ? 4 : 3);
@@ -113,7 +114,7 @@ Row AgainstLoop(const char* name, const Attr& attr, plain::BinaryLoop loop, floa
                 float highB)
 {
     const Shape shape = {1000, kWidth};
-    const auto layer = MakeLayer(name, std::vector<Spec>{{shape}, {shape}}, std::vector<Spec>{{shape}}, attr);
+    const auto layer = MakeLayer(name, std::vector<Layout>{{shape}, {shape}}, std::vector<Layout>{{shape}}, attr);
     Fill(layer->In(0), low, high, 1);
     Fill(layer->In(1), lowB, highB, 2);
     const auto other = MakeFloats(1000000);
@@ -133,8 +134,8 @@ Row WhereAgainstLoop()
     const Shape shape = {1000, kWidth};
     WhereAttr attr = {};
     attr.inputCount = 3;
-    const auto layer =
-        MakeLayer("WhereOpkitForward", std::vector<Spec>{{shape}, {shape}, {shape}}, std::vector<Spec>{{shape}}, attr);
+    const auto layer = MakeLayer("WhereOpkitForward", std::vector<Layout>{{shape}, {shape}, {shape}},
+                                 std::vector<Layout>{{shape}}, attr);
     for (size_t k = 0; k < 3; ++k) {
         Fill(layer->In(k), 0, 1, static_cast<uint32_t>(k + 1));
     }
@@ -175,8 +176,8 @@ Row Formula(const std::shared_ptr<OneLayer>& layer, plain::UnaryLoop loop, doubl
 template <class... Attr>
 std::shared_ptr<OneLayer> FormulaLayer(const char* name, const Attr&... attr)
 {
-    const std::vector<Spec> spec = {{{64, 1024}}};
-    return MakeLayer(name, spec, spec, attr...);
+    const std::vector<Layout> layout = {{{64, 1024}}};
+    return MakeLayer(name, layout, layout, attr...);
 }
 
 CeluAttr CeluOf(float alpha)

@@ -77,7 +77,7 @@ void UniqueGrowth(benchmark::State& state)
     UniqueAttr attr = {};
     attr.axis = OPKIT_UNIQUE_FLAT;
     attr.sorted = 1;
-    const Spec flat = {{count}};
+    const Layout flat = {{count}};
     OneLayer layer("UniqueOpkitForward", {flat}, {flat, flat, flat, flat}, attr);
     Fill(layer.In());
     RunLayer(state, layer);

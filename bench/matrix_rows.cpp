@@ -117,8 +117,8 @@ Row ConvolutionLayer(peers::Conv conv)
     attr.outChannels = attr.gemmM = outC;
     attr.gemmN = size * size;
     const auto layer =
-        MakeLayer("ConvolutionOpkitForward", std::vector<Spec>{{{1, inC, size, size}}, {{outC, inC, kernel, kernel}}},
-                  std::vector<Spec>{{{1, outC, size, size}}}, attr, size * size * attr.colChannels * 4 + size * size);
+        MakeLayer("ConvolutionOpkitForward", std::vector<Layout>{{{1, inC, size, size}}, {{outC, inC, kernel, kernel}}},
+                  std::vector<Layout>{{{1, outC, size, size}}}, attr, size * size * attr.colChannels * 4 + size * size);
     Fill(layer->In(0), -1, 1, 1);
     Fill(layer->In(1), -1, 1, 2);
     const auto other = MakeFloats(size_t{outC} * size * size);

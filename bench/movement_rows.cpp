@@ -40,8 +40,8 @@ Row ToNhwc()
 {
     constexpr uint32_t kChannels = 64;
     constexpr uint32_t kSize = 112;
-    const auto layer = MakeLayer("PermuteOpkitForward", std::vector<Spec>{{{1, kChannels, kSize, kSize}}},
-                                 std::vector<Spec>{{{1, kSize, kSize, kChannels}}}, PermutationOf({0, 2, 3, 1}), 32u);
+    const auto layer = MakeLayer("PermuteOpkitForward", std::vector<Layout>{{{1, kChannels, kSize, kSize}}},
+                                 std::vector<Layout>{{{1, kSize, kSize, kChannels}}}, PermutationOf({0, 2, 3, 1}), 32u);
     Fill(layer->In());
     const auto other = MakeFloats(layer->Out().size());
     return Transposition(layer, kChannels, kSize * kSize,
@@ -50,8 +50,8 @@ Row ToNhwc()
 
 Row Transpose()
 {
-    const Spec square = {{1024, 1024}};
-    const auto layer = MakeLayer("PermuteOpkitForward", std::vector<Spec>{square}, std::vector<Spec>{square},
+    const Layout square = {{1024, 1024}};
+    const auto layer = MakeLayer("PermuteOpkitForward", std::vector<Layout>{square}, std::vector<Layout>{square},
                                  PermutationOf({1, 0}), 16u);
     Fill(layer->In());
     const auto other = MakeFloats(layer->Out().size());
@@ -87,8 +87,8 @@ Row DepthToSpace()
 {
     DepthToSpaceAttr attr = {};
     attr.blockSize = 2;
-    const auto layer = MakeLayer("DepthToSpaceOpkitForward", std::vector<Spec>{{{1, 64, 112, 112}}},
-                                 std::vector<Spec>{{{1, 16, 224, 224}}}, attr);
+    const auto layer = MakeLayer("DepthToSpaceOpkitForward", std::vector<Layout>{{{1, 64, 112, 112}}},
+                                 std::vector<Layout>{{{1, 16, 224, 224}}}, attr);
     Fill(layer->In());
     Row row = AgainstCopy(layer, CopyRows(layer, 64 * 112, 112));
     const auto other = MakeFloats(layer->Out().size());
@@ -104,9 +104,9 @@ Row Concat()
     ConcatAttr attr = {};
     attr.concatInputCount = 4;
     attr.concatAxis = 1;
-    const Spec part = {{100, 10, 250}};
-    const auto layer = MakeLayer("ConcatOpkitForward", std::vector<Spec>{part, part, part, part},
-                                 std::vector<Spec>{{{100, 40, 250}}}, attr);
+    const Layout part = {{100, 10, 250}};
+    const auto layer = MakeLayer("ConcatOpkitForward", std::vector<Layout>{part, part, part, part},
+                                 std::vector<Layout>{{{100, 40, 250}}}, attr);
     for (size_t k = 0; k < 4; ++k) {
         Fill(layer->In(k), -1, 1, static_cast<uint32_t>(k));
     }
@@ -123,8 +123,8 @@ Row Concat()
 
 Row Expand()
 {
-    const auto layer = MakeLayer("ExpandOpkitForward", std::vector<Spec>{{{10, 1, 1000}}},
-                                 std::vector<Spec>{{{10, 100, 1000}}}, ExpandAttr{});
+    const auto layer = MakeLayer("ExpandOpkitForward", std::vector<Layout>{{{10, 1, 1000}}},
+                                 std::vector<Layout>{{{10, 100, 1000}}}, ExpandAttr{});
     Fill(layer->In());
     const auto to = MakeFloats(1000000);
     return AgainstCopy(layer, [=] {
@@ -147,8 +147,8 @@ Row Pad(uint32_t mode)
     for (const int axis : {2, 3}) {
         attr.padsAttr[axis] = attr.padsAttr[kRank + axis] = 2;
     }
-    const auto layer = MakeLayer("PadOpkitForward", std::vector<Spec>{{{1, 64, 112, 112}}},
-                                 std::vector<Spec>{{{1, 64, 116, 116}}}, attr, uint32_t{17 * kRank * 4});
+    const auto layer = MakeLayer("PadOpkitForward", std::vector<Layout>{{{1, 64, 112, 112}}},
+                                 std::vector<Layout>{{{1, 64, 116, 116}}}, attr, uint32_t{17 * kRank * 4});
     Fill(layer->In());
     return AgainstCopy(layer, CopyRows(layer, 64 * 112, 112));
 }
@@ -156,8 +156,8 @@ Row Pad(uint32_t mode)
 Row Gather()
 {
     constexpr uint32_t kRows = 4000;
-    const auto layer = MakeLayer("GatherOpkitForward", std::vector<Spec>{{{kRows, 256}}, {{kRows}}},
-                                 std::vector<Spec>{{{kRows, 256}}}, GatherAttr{});
+    const auto layer = MakeLayer("GatherOpkitForward", std::vector<Layout>{{{kRows, 256}}, {{kRows}}},
+                                 std::vector<Layout>{{{kRows, 256}}}, GatherAttr{});
     Fill(layer->In());
     for (size_t i = 0; i < kRows; ++i) {
         layer->In(1)[i] = static_cast<float>(i * 1237 % kRows);
@@ -171,8 +171,8 @@ Row ScatterNdSlices()
     constexpr uint32_t kRows = 4000;
     constexpr uint32_t kUpdates = 1000;
     const auto layer =
-        MakeLayer("ScatterNDOpkitForward", std::vector<Spec>{{{kRows, 256}}, {{kUpdates, 1}}, {{kUpdates, 256}}},
-                  std::vector<Spec>{{{kRows, 256}}}, LayerAttrHead{}, uint32_t{(kUpdates + 2) * 4});
+        MakeLayer("ScatterNDOpkitForward", std::vector<Layout>{{{kRows, 256}}, {{kUpdates, 1}}, {{kUpdates, 256}}},
+                  std::vector<Layout>{{{kRows, 256}}}, LayerAttrHead{}, uint32_t{(kUpdates + 2) * 4});
     Fill(layer->In());
     Fill(layer->In(2), -1, 1, 3);
     for (size_t i = 0; i < kUpdates; ++i) {
@@ -194,8 +194,8 @@ Row ScatterNdElements()
     constexpr uint32_t kColumns = 100;
     constexpr uint32_t kUpdates = 100000;
     const auto layer =
-        MakeLayer("ScatterNDOpkitForward", std::vector<Spec>{{{kRows, kColumns}}, {{kUpdates, 2}}, {{kUpdates}}},
-                  std::vector<Spec>{{{kRows, kColumns}}}, LayerAttrHead{}, uint32_t{(kUpdates + 2) * 4});
+        MakeLayer("ScatterNDOpkitForward", std::vector<Layout>{{{kRows, kColumns}}, {{kUpdates, 2}}, {{kUpdates}}},
+                  std::vector<Layout>{{{kRows, kColumns}}}, LayerAttrHead{}, uint32_t{(kUpdates + 2) * 4});
     Fill(layer->In(0));
     Fill(layer->In(2), -1, 1, 3);
     for (size_t i = 0; i < kUpdates; ++i) {
@@ -223,8 +223,8 @@ Row Reshape()
     attr.reshapeDims[0] = 500;
     attr.reshapeDims[1] = 2000;
     attr.reshapeDimCount = 2;
-    const auto layer = MakeLayer("ReshapeOpkitForward", std::vector<Spec>{{{1000, 1000}, 4096}},
-                                 std::vector<Spec>{{{500, 2000}, 8192}}, attr);
+    const auto layer = MakeLayer("ReshapeOpkitForward", std::vector<Layout>{{{1000, 1000}, 4096}},
+                                 std::vector<Layout>{{{500, 2000}, 8192}}, attr);
     Fill(layer->In());
     const auto to = MakeFloats(500 * 2048);
     Row row = AgainstCopy(layer, [=] {

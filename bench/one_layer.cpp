@@ -11,8 +11,8 @@
 namespace opkit::bench {
 namespace {
 
-modelkit::Model BuildModel(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs,
-                           uint32_t workspace, std::span<const std::byte> attr)
+modelkit::Model BuildModel(const std::string& name, const std::vector<Layout>& inputs,
+                           const std::vector<Layout>& outputs, uint32_t workspace, std::span<const std::byte> attr)
 {
     modelkit::ModelBuilder builder;
     modelkit::LayerBuilder& layer = builder.AddLayer(name);
@@ -31,7 +31,7 @@ modelkit::Model BuildModel(const std::string& name, const std::vector<Spec>& inp
 
 }  // namespace
 
-OneLayer::OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs,
+OneLayer::OneLayer(const std::string& name, const std::vector<Layout>& inputs, const std::vector<Layout>& outputs,
                    AttrBytes attr, uint32_t workspace)
     : name_(name), request_(BuildModel(name, inputs, outputs, workspace, attr))
 {

@@ -17,7 +17,7 @@ namespace opkit::bench {
 using modelkit::Shape;
 
 // Compact without a stride.
-struct Spec {
+struct Layout {
     Shape shape;
     uint32_t strideBytes = 0;
 };
@@ -25,7 +25,7 @@ struct Spec {
 class OneLayer {
 public:
     template <class Attr>
-    OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs,
+    OneLayer(const std::string& name, const std::vector<Layout>& inputs, const std::vector<Layout>& outputs,
              const Attr& attr, uint32_t workspace = 0)
         : OneLayer(name, inputs, outputs,
                    AttrBytes(reinterpret_cast<const std::byte*>(&attr) + sizeof(LayerAttrHead),
@@ -33,7 +33,7 @@ public:
                    workspace)
     {
     }
-    OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs)
+    OneLayer(const std::string& name, const std::vector<Layout>& inputs, const std::vector<Layout>& outputs)
         : OneLayer(name, inputs, outputs, AttrBytes(), 0)
     {
     }
@@ -46,8 +46,8 @@ public:
 private:
     using AttrBytes = std::span<const std::byte>;
 
-    OneLayer(const std::string& name, const std::vector<Spec>& inputs, const std::vector<Spec>& outputs, AttrBytes attr,
-             uint32_t workspace);
+    OneLayer(const std::string& name, const std::vector<Layout>& inputs, const std::vector<Layout>& outputs,
+             AttrBytes attr, uint32_t workspace);
 
     std::string name_;
     modelkit::Request request_;

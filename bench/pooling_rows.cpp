@@ -21,8 +21,8 @@ Row Pool(const char* name, Attr attr, bool average)
     attr.kernelH = attr.kernelW = 3;
     attr.strideH = attr.strideW = 2;
     attr.padTop = attr.padLeft = 1;
-    const auto layer = MakeLayer(name, std::vector<Spec>{{{1, kChannels, kSize, kSize}}},
-                                 std::vector<Spec>{{{1, kChannels, kSize / 2, kSize / 2}}}, attr);
+    const auto layer = MakeLayer(name, std::vector<Layout>{{{1, kChannels, kSize, kSize}}},
+                                 std::vector<Layout>{{{1, kChannels, kSize / 2, kSize / 2}}}, attr);
     Fill(layer->In());
     const auto other = MakeFloats(size_t{kChannels} * kSize * kSize / 4);
     Row row;
@@ -50,8 +50,8 @@ Row Resample(bool linear)
     attr.resizeMode = linear ? OPKIT_RESIZE_LINEAR : OPKIT_RESIZE_NEAREST;
     attr.scales[0] = attr.scales[1] = 1;
     attr.scales[2] = attr.scales[3] = 2;
-    const auto layer = MakeLayer("ResizeOpkitForward", std::vector<Spec>{{{1, kChannels, kFrom, kFrom}}},
-                                 std::vector<Spec>{{{1, kChannels, 2 * kFrom, 2 * kFrom}}}, attr);
+    const auto layer = MakeLayer("ResizeOpkitForward", std::vector<Layout>{{{1, kChannels, kFrom, kFrom}}},
+                                 std::vector<Layout>{{{1, kChannels, 2 * kFrom, 2 * kFrom}}}, attr);
     Fill(layer->In());
     const auto other = MakeFloats(size_t{kChannels} * kFrom * kFrom * 4);
     Row row;
@@ -92,10 +92,10 @@ Row InstanceNorm()
     constexpr uint32_t kPlane = 56;
     InstanceNormalizationAttr attr = {};
     attr.epsilon = 1;
-    const Spec image = {{1, kChannels, kPlane, kPlane}};
+    const Layout image = {{1, kChannels, kPlane, kPlane}};
     const auto layer =
-        MakeLayer("InstanceNormalizationOpkitForward", std::vector<Spec>{image, {{kChannels}}, {{kChannels}}},
-                  std::vector<Spec>{image}, attr, kPlane * kPlane * 4);
+        MakeLayer("InstanceNormalizationOpkitForward", std::vector<Layout>{image, {{kChannels}}, {{kChannels}}},
+                  std::vector<Layout>{image}, attr, kPlane * kPlane * 4);
     for (size_t k = 0; k < 3; ++k) {
         Fill(layer->In(k), -1, 1, static_cast<uint32_t>(k + 1));
     }
@@ -114,7 +114,8 @@ Row LpNorm(Shape shape, int32_t axis)
     LpNormAttr attr = {};
     attr.axis = axis;
     attr.p = 2;
-    const auto layer = MakeLayer("LpNormOpkitForward", std::vector<Spec>{{shape}}, std::vector<Spec>{{shape}}, attr);
+    const auto layer =
+        MakeLayer("LpNormOpkitForward", std::vector<Layout>{{shape}}, std::vector<Layout>{{shape}}, attr);
     Fill(layer->In(), -100, 100);
     const auto other = MakeFloats(layer->Out().size());
     const size_t a = static_cast<size_t>(axis);
@@ -132,9 +133,9 @@ Row LpNorm(Shape shape, int32_t axis)
 Row Unpool()
 {
     constexpr uint32_t kIn = 56;
-    const Spec pooled = {{1, kChannels, kIn, kIn}};
-    const auto layer = MakeLayer("MaxUnpoolOpkitForward", std::vector<Spec>{pooled, pooled},
-                                 std::vector<Spec>{{{1, kChannels, 2 * kIn, 2 * kIn}}});
+    const Layout pooled = {{1, kChannels, kIn, kIn}};
+    const auto layer = MakeLayer("MaxUnpoolOpkitForward", std::vector<Layout>{pooled, pooled},
+                                 std::vector<Layout>{{{1, kChannels, 2 * kIn, 2 * kIn}}});
     Fill(layer->In(0));
     // As a pooling of 2 x 2 leaves them: one place in each window.
     for (size_t i = 0; i < layer->In(1).size(); ++i) {

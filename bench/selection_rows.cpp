@@ -27,7 +27,7 @@ std::shared_ptr<OneLayer> ReductionLayer(uint32_t type, const Shape& shape, uint
     attr.reductionType = type;
     Shape out = shape;
     out.erase(out.begin() + axis);
-    return MakeLayer("ReductionOpkitForward", std::vector<Spec>{{shape}}, std::vector<Spec>{{out}}, attr,
+    return MakeLayer("ReductionOpkitForward", std::vector<Layout>{{shape}}, std::vector<Layout>{{out}}, attr,
                      static_cast<uint32_t>(shape.size() * 8));
 }
 
@@ -81,8 +81,8 @@ Row TopK(uint32_t lanes, uint32_t length, uint32_t k, bool withNan, double targe
     attr.k = k;
     attr.axis = 1;
     attr.largest = attr.hasValues = attr.hasIndices = 1;
-    const auto layer = MakeLayer("TopKOpkitForward", std::vector<Spec>{{{lanes, length}}},
-                                 std::vector<Spec>{{{lanes, k}}, {{lanes, k}}}, attr, length * 8);
+    const auto layer = MakeLayer("TopKOpkitForward", std::vector<Layout>{{{lanes, length}}},
+                                 std::vector<Layout>{{{lanes, k}}, {{lanes, k}}}, attr, length * 8);
     Fill(layer->In());
     for (size_t i = 50; withNan && i < layer->In().size(); i += 101) {
         layer->In()[i] = std::numeric_limits<float>::quiet_NaN();
@@ -108,9 +108,9 @@ Row Unique()
     constexpr uint32_t kCount = 100000;
     UniqueAttr attr = {};
     attr.axis = OPKIT_UNIQUE_FLAT;
-    const Spec flat = {{kCount}};
+    const Layout flat = {{kCount}};
     const auto layer =
-        MakeLayer("UniqueOpkitForward", std::vector<Spec>{flat}, std::vector<Spec>{flat, flat, flat, flat}, attr);
+        MakeLayer("UniqueOpkitForward", std::vector<Layout>{flat}, std::vector<Layout>{flat, flat, flat, flat}, attr);
     Fill(layer->In());
     const auto outputs = MakeFloats(size_t{4} * kCount);
     float* const out = outputs->Floats().data();
@@ -144,7 +144,8 @@ Row CumSum(const Shape& shape, int32_t axis, size_t outer, size_t length, size_t
 {
     CumSumAttr attr = {};
     attr.axis = axis;
-    const auto layer = MakeLayer("CumSumOpkitForward", std::vector<Spec>{{shape}}, std::vector<Spec>{{shape}}, attr);
+    const auto layer =
+        MakeLayer("CumSumOpkitForward", std::vector<Layout>{{shape}}, std::vector<Layout>{{shape}}, attr);
     Fill(layer->In());
     const auto other = MakeFloats(layer->Out().size());
     return AgainstLoop(
@@ -156,7 +157,8 @@ Row Hardmax(const Shape& shape, int32_t axis, size_t outer, size_t length, size_
     HardmaxAttr attr = {};
     attr.axis = axis;
     attr.opsetVersion = 13;
-    const auto layer = MakeLayer("HardmaxOpkitForward", std::vector<Spec>{{shape}}, std::vector<Spec>{{shape}}, attr);
+    const auto layer =
+        MakeLayer("HardmaxOpkitForward", std::vector<Layout>{{shape}}, std::vector<Layout>{{shape}}, attr);
     Fill(layer->In());
     const auto other = MakeFloats(layer->Out().size());
     Row row = AgainstLoop(
@@ -167,8 +169,8 @@ Row Hardmax(const Shape& shape, int32_t axis, size_t outer, size_t length, size_
 
 Row NonZero()
 {
-    const auto layer = MakeLayer("NonZeroOpkitForward", std::vector<Spec>{{{kRows, kColumns}}},
-                                 std::vector<Spec>{{{2, kRows * kColumns}}});
+    const auto layer = MakeLayer("NonZeroOpkitForward", std::vector<Layout>{{{kRows, kColumns}}},
+                                 std::vector<Layout>{{{2, kRows * kColumns}}});
     Fill(layer->In());
     for (size_t i = 0; i < layer->In().size(); ++i) {
         layer->In()[i] = i * 2654435761u >> 7 & 1 ? layer->In()[i] : 0.0f;

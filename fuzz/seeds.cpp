@@ -50,9 +50,9 @@ std::string RequestSeed(const modelkit::Model& model)
     const uint32_t outputs = std::min<uint32_t>(static_cast<uint32_t>(model.outputs.size()), 3);
     Append(&seed, inputs | outputs << 2);
     for (uint32_t i = 0; i < inputs + outputs; ++i) {
-        const modelkit::TensorSpec& spec = i < inputs ? model.inputs[i] : model.outputs[i - inputs];
-        Append(&seed, modelkit::PaddedBytes(spec.shape, spec.strideBytes));
-        Append(&seed, spec.strideBytes);
+        const modelkit::TensorSpec& tensorSpec = i < inputs ? model.inputs[i] : model.outputs[i - inputs];
+        Append(&seed, modelkit::PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes));
+        Append(&seed, tensorSpec.strideBytes);
         Append(&seed, 0);
     }
     for (const uint32_t word :
@@ -71,9 +71,9 @@ std::string CheckSeed(const modelkit::Model& model, uint32_t batch)
         Append(&seed, word);
     }
     for (const auto* side : {&model.inputs, &model.outputs}) {
-        for (const modelkit::TensorSpec& spec : *side) {
-            Append(&seed, modelkit::PaddedBytes(spec.shape, spec.strideBytes) * batch);
-            Append(&seed, spec.strideBytes);
+        for (const modelkit::TensorSpec& tensorSpec : *side) {
+            Append(&seed, modelkit::PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes) * batch);
+            Append(&seed, tensorSpec.strideBytes);
         }
     }
     return seed + BytesOf(model);

@@ -13,12 +13,12 @@ namespace {
 using namespace opkit::modelkit::check;
 
 // Bytes of one batch item of a described tensor, without limits.
-uint64_t BytesOf(const TensorSpec& spec)
+uint64_t BytesOf(const TensorSpec& tensorSpec)
 {
     Tensor tensor;
-    tensor.dims = spec.shape;
-    tensor.stride = spec.strideBytes;
-    if (spec.strideBytes == 0) {
+    tensor.dims = tensorSpec.shape;
+    tensor.stride = tensorSpec.strideBytes;
+    if (tensorSpec.strideBytes == 0) {
         return Mul(tensor.Count(), 4);
     }
     return tensor.Rank() == 0 ? tensor.Pitch() * 4 + 4 : Mul(tensor.Rows(), tensor.Pitch(), 4);
@@ -27,10 +27,11 @@ uint64_t BytesOf(const TensorSpec& spec)
 std::vector<CheckTensor> TensorsOf(const std::vector<TensorSpec>& specs, uint32_t batch)
 {
     std::vector<CheckTensor> tensors;
-    for (const TensorSpec& spec : specs) {
-        const uint64_t width = std::max<uint64_t>(spec.shape.empty() ? 1 : spec.shape.back(), 1);
-        const uint64_t stride = spec.strideBytes != 0 ? spec.strideBytes : Mul(width, 4);
-        tensors.push_back({Mul(BytesOf(spec), batch), static_cast<uint32_t>(std::min<uint64_t>(stride, UINT32_MAX))});
+    for (const TensorSpec& tensorSpec : specs) {
+        const uint64_t width = std::max<uint64_t>(tensorSpec.shape.empty() ? 1 : tensorSpec.shape.back(), 1);
+        const uint64_t stride = tensorSpec.strideBytes != 0 ? tensorSpec.strideBytes : Mul(width, 4);
+        tensors.push_back(
+            {Mul(BytesOf(tensorSpec), batch), static_cast<uint32_t>(std::min<uint64_t>(stride, UINT32_MAX))});
     }
     return tensors;
 }
@@ -238,8 +239,8 @@ CheckReport CheckModel(const Model& model, uint32_t batch)
     }
     uint64_t largest = 1;
     for (const std::vector<TensorSpec>* specs : {&model.inputs, &model.outputs}) {
-        for (const TensorSpec& spec : *specs) {
-            largest = std::max(largest, BytesOf(spec));
+        for (const TensorSpec& tensorSpec : *specs) {
+            largest = std::max(largest, BytesOf(tensorSpec));
         }
     }
     const uint64_t most = std::clamp<uint64_t>(UINT32_MAX / largest, 1, OPKIT_MAX_BATCH);

@@ -185,16 +185,17 @@ std::vector<TensorSpec> JsonFields::Tensors(const char* name) const
     std::vector<TensorSpec> specs;
     for (const json& entry : List(root_, "", name)) {
         const std::string path = std::string(name) + "[" + std::to_string(specs.size()) + "].";
-        TensorSpec spec = {Text(entry, path, "name"), Dimensions(entry, path), Number(entry, path, "strideBytes")};
-        if (spec.strideBytes == 0 || spec.strideBytes % 4 != 0) {
+        TensorSpec tensorSpec = {Text(entry, path, "name"), Dimensions(entry, path),
+                                 Number(entry, path, "strideBytes")};
+        if (tensorSpec.strideBytes == 0 || tensorSpec.strideBytes % 4 != 0) {
             Fail("field " + path + "strideBytes is not a positive multiple of 4");
         }
         try {
-            PaddedBytes(spec.shape, spec.strideBytes);
+            PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes);
         } catch (const BuildError& error) {
             Fail("field " + path + "shape: " + error.what());
         }
-        specs.push_back(std::move(spec));
+        specs.push_back(std::move(tensorSpec));
     }
     if (specs.empty()) {
         Fail("field " + std::string(name) + " is empty");
@@ -215,9 +216,10 @@ void JsonFields::CheckFormat(const std::string& name, uint32_t version) const
 ordered_json TensorsToJson(const std::vector<TensorSpec>& specs)
 {
     ordered_json list = ordered_json::array();
-    for (const TensorSpec& spec : specs) {
-        list.push_back(
-            {{"name", spec.name}, {"shape", spec.shape}, {"strideBytes", StrideOf(spec.shape, spec.strideBytes)}});
+    for (const TensorSpec& tensorSpec : specs) {
+        list.push_back({{"name", tensorSpec.name},
+                        {"shape", tensorSpec.shape},
+                        {"strideBytes", StrideOf(tensorSpec.shape, tensorSpec.strideBytes)}});
     }
     return list;
 }

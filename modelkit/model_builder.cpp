@@ -25,13 +25,13 @@ void CheckElements(const std::string& what, const Shape& shape, size_t given)
     }
 }
 
-TensorSpec Resolved(TensorSpec spec)
+TensorSpec Resolved(TensorSpec tensorSpec)
 {
-    spec.strideBytes = StrideOf(spec.shape, spec.strideBytes);
-    if (spec.strideBytes % 4 != 0) {
-        throw BuildError("tensor \"" + spec.name + "\": a stride is a multiple of 4 bytes");
+    tensorSpec.strideBytes = StrideOf(tensorSpec.shape, tensorSpec.strideBytes);
+    if (tensorSpec.strideBytes % 4 != 0) {
+        throw BuildError("tensor \"" + tensorSpec.name + "\": a stride is a multiple of 4 bytes");
     }
-    return spec;
+    return tensorSpec;
 }
 
 }  // namespace
@@ -125,38 +125,38 @@ LayerBuilder& LayerBuilder::LayerId(uint32_t id)
     return *this;
 }
 
-TensorRef ModelBuilder::AddInput(TensorSpec spec)
+TensorRef ModelBuilder::AddInput(TensorSpec tensorSpec)
 {
-    spec = Resolved(std::move(spec));
+    tensorSpec = Resolved(std::move(tensorSpec));
     const uint32_t index = static_cast<uint32_t>(inputs_.size());
-    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index,
-                           spec.shape,        false};
-    inputs_.push_back(std::move(spec));
+    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes), index,
+                           tensorSpec.shape,  false};
+    inputs_.push_back(std::move(tensorSpec));
     return ref;
 }
 
-TensorRef ModelBuilder::AddOutput(TensorSpec spec)
+TensorRef ModelBuilder::AddOutput(TensorSpec tensorSpec)
 {
-    spec = Resolved(std::move(spec));
+    tensorSpec = Resolved(std::move(tensorSpec));
     const uint32_t index = static_cast<uint32_t>(outputs_.size());
-    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(spec.shape, spec.strideBytes), index,
-                           spec.shape,        true};
-    outputs_.push_back(std::move(spec));
+    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes), index,
+                           tensorSpec.shape,  true};
+    outputs_.push_back(std::move(tensorSpec));
     return ref;
 }
 
-TensorRef ModelBuilder::AddScratch(TensorSpec spec, bool batched, std::optional<uint32_t> offset)
+TensorRef ModelBuilder::AddScratch(TensorSpec tensorSpec, bool batched, std::optional<uint32_t> offset)
 {
-    spec = Resolved(std::move(spec));
-    const uint32_t size = PaddedBytes(spec.shape, spec.strideBytes);
+    tensorSpec = Resolved(std::move(tensorSpec));
+    const uint32_t size = PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes);
     const uint64_t begin = offset ? *offset : RoundUp(scratchEnd_, kScratchAlignment);
     const uint64_t end = begin + uint64_t{size} * (batched ? maxBatch_ : 1);
     if (end > UINT32_MAX) {
-        throw BuildError("scratch tensor \"" + spec.name + "\" ends beyond 4 GiB");
+        throw BuildError("scratch tensor \"" + tensorSpec.name + "\" ends beyond 4 GiB");
     }
     scratchEnd_ = std::max(scratchEnd_, end);
     const uint32_t kind = batched ? OPKIT_MEM_SCRATCH_BATCHED : OPKIT_MEM_SCRATCH;
-    return {kind, static_cast<uint32_t>(begin), size, spec.strideBytes, std::move(spec.shape), false};
+    return {kind, static_cast<uint32_t>(begin), size, tensorSpec.strideBytes, std::move(tensorSpec.shape), false};
 }
 
 ConstantRef ModelBuilder::AddConstant(std::string name, Shape shape, std::vector<float> data)

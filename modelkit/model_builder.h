@@ -94,11 +94,11 @@ public:
     ModelBuilder(const ModelBuilder&) = delete;
     ModelBuilder& operator=(const ModelBuilder&) = delete;
 
-    TensorRef AddInput(TensorSpec spec);
-    TensorRef AddOutput(TensorSpec spec);
+    TensorRef AddInput(TensorSpec tensorSpec);
+    TensorRef AddOutput(TensorSpec tensorSpec);
     // An intermediate tensor in opkitBuf; batched: one slice per batch item. Each gets a place of its own, at a
     // multiple of 64 bytes, unless `offset` sets one (for tensors that share memory).
-    TensorRef AddScratch(TensorSpec spec, bool batched = false, std::optional<uint32_t> offset = std::nullopt);
+    TensorRef AddScratch(TensorSpec tensorSpec, bool batched = false, std::optional<uint32_t> offset = std::nullopt);
     // A constant that several layers may use.
     ConstantRef AddConstant(std::string name, Shape shape, std::vector<float> data);
     // Starts a further layer table; AddLayer appends to the latest. Without a call there is one table, segment 0.

@@ -70,18 +70,18 @@ Request::Request(const Model& model, uint32_t batch)
 void Request::BindTensors(const std::vector<TensorSpec>& specs, std::vector<Buffer>* buffers,
                           std::vector<TensorInfo>* infos)
 {
-    for (const TensorSpec& spec : specs) {
-        const uint64_t size = uint64_t{PaddedBytes(spec.shape, spec.strideBytes)} * batch_;
+    for (const TensorSpec& tensorSpec : specs) {
+        const uint64_t size = uint64_t{PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes)} * batch_;
         if (size > UINT32_MAX) {
-            throw BuildError("tensor \"" + spec.name + "\" takes more than 4 GiB for " + std::to_string(batch_) +
+            throw BuildError("tensor \"" + tensorSpec.name + "\" takes more than 4 GiB for " + std::to_string(batch_) +
                              " items");
         }
         buffers->emplace_back(size);
         TensorInfo info = {};
-        info.stride = StrideOf(spec.shape, spec.strideBytes);
+        info.stride = StrideOf(tensorSpec.shape, tensorSpec.strideBytes);
         info.batch = batch_;
-        info.dimNum = static_cast<uint32_t>(spec.shape.size());
-        info.shape = const_cast<uint32_t*>(spec.shape.data());
+        info.dimNum = static_cast<uint32_t>(tensorSpec.shape.size());
+        info.shape = const_cast<uint32_t*>(tensorSpec.shape.data());
         info.data = buffers->back().data();
         info.size = static_cast<uint32_t>(size);
         infos->push_back(info);
@@ -90,15 +90,15 @@ void Request::BindTensors(const std::vector<TensorSpec>& specs, std::vector<Buff
 
 void Request::SetInput(size_t index, std::span<const float> values)
 {
-    const TensorSpec& spec = inputSpecs_.at(index);
-    const uint64_t count = ElementCount(spec.shape);
+    const TensorSpec& tensorSpec = inputSpecs_.at(index);
+    const uint64_t count = ElementCount(tensorSpec.shape);
     if (values.size() != count * batch_) {
-        throw BuildError("input \"" + spec.name + "\" takes " + std::to_string(count * batch_) + " elements, not " +
-                         std::to_string(values.size()));
+        throw BuildError("input \"" + tensorSpec.name + "\" takes " + std::to_string(count * batch_) +
+                         " elements, not " + std::to_string(values.size()));
     }
-    const size_t pitch = PaddedFloats(spec.shape, spec.strideBytes);
+    const size_t pitch = PaddedFloats(tensorSpec.shape, tensorSpec.strideBytes);
     for (uint32_t item = 0; item < batch_; ++item) {
-        PadRows(values.subspan(item * count, count), spec.shape, spec.strideBytes,
+        PadRows(values.subspan(item * count, count), tensorSpec.shape, tensorSpec.strideBytes,
                 InputRows(index).subspan(item * pitch, pitch));
     }
 }
@@ -116,12 +116,12 @@ void Request::SetInput(std::string_view name, std::span<const float> values)
 
 std::vector<float> Request::GetOutput(size_t index) const
 {
-    const TensorSpec& spec = outputSpecs_.at(index);
-    const size_t pitch = PaddedFloats(spec.shape, spec.strideBytes);
+    const TensorSpec& tensorSpec = outputSpecs_.at(index);
+    const size_t pitch = PaddedFloats(tensorSpec.shape, tensorSpec.strideBytes);
     std::vector<float> values;
     for (uint32_t item = 0; item < batch_; ++item) {
         const auto rows = outputBuffers_[index].Floats().subspan(item * pitch, pitch);
-        const std::vector<float> compact = CompactRows(rows, spec.shape, spec.strideBytes);
+        const std::vector<float> compact = CompactRows(rows, tensorSpec.shape, tensorSpec.strideBytes);
         values.insert(values.end(), compact.begin(), compact.end());
     }
     return values;

@@ -29,9 +29,9 @@ RATE = 2e-3
 
 def find_digits():
     folders = []
-    spec = importlib.util.find_spec("sklearn")
-    if spec is not None:
-        folders += list(spec.submodule_search_locations)
+    found = importlib.util.find_spec("sklearn")
+    if found is not None:
+        folders += list(found.submodule_search_locations)
     folders += glob.glob("/usr/lib/python3*/dist-packages/sklearn")
     for folder in folders:
         for name in glob.glob(folder + "/**/digits.csv.gz", recursive=True):

@@ -78,7 +78,7 @@ class Model:
         request. Every request runs as on a model just loaded. Models of several tables run segment by segment.
         """
         arrays = {**(inputs or {}), **named}
-        specs = {spec.name: spec for spec in self.inputs}
+        specs = {tensor.name: tensor for tensor in self.inputs}
         if set(arrays) != set(specs):
             raise OpkitError(f"{self.name}: its inputs are {', '.join(specs)}, not {', '.join(arrays) or 'none'}")
         split = {name: _split_items(specs[name], np.asarray(array)) for name, array in arrays.items()}
@@ -92,9 +92,10 @@ class Model:
         parts = [self._run_part({n: a[first:first + batch] for n, (a, _) in split.items()}, min(batch, total - first))
                  for first in range(0, total, batch)]
         results = {}
-        for spec in self.outputs:
-            whole = np.concatenate([part[spec.name] for part in parts]) if parts else np.zeros((0, *spec.shape), "<f4")
-            results[spec.name] = whole[0] if items is None else whole
+        for tensor in self.outputs:
+            items_of = [part[tensor.name] for part in parts]
+            whole = np.concatenate(items_of) if parts else np.zeros((0, *tensor.shape), "<f4")
+            results[tensor.name] = whole[0] if items is None else whole
         return results
 
     def _run_part(self, arrays, count):
@@ -105,7 +106,7 @@ class Model:
             request.run_segments()
         else:
             request.run()
-        return {spec.name: request.get_output(spec.name) for spec in self.outputs}
+        return {tensor.name: request.get_output(tensor.name) for tensor in self.outputs}
 
     def _slice(self, begin, size, what):
         if begin < 0 or begin + size > len(self.bytes):
@@ -273,12 +274,12 @@ class Request:
     def _bind(self, specs):
         tensors, infos = {}, (TensorInfo * len(specs))()
         infos.kept = []  # what the records point to lives as long as they do
-        for k, spec in enumerate(specs):
-            rows = Rows(spec.shape, spec.stride)
+        for k, tensor in enumerate(specs):
+            rows = Rows(tensor.shape, tensor.stride)
             memory = rows.allocate(self.batch)
             infos[k], kept = tensor_info(rows, memory, self.batch)
             infos.kept.append(kept)
-            tensors[spec.name] = (rows, memory)
+            tensors[tensor.name] = (rows, memory)
         return tensors, infos
 
     def _find(self, tensors, name, what):
@@ -294,20 +295,21 @@ class Request:
             layer = layers[0] if len(layers) == 1 else None
             values = None
             if layer:
-                spec = Rows(layer.outputs[record.outputIndex].shape, record.stride)
-                values = spec.elements(rows[:spec.rows * spec.pitch].reshape(spec.rows, spec.pitch), spec.shape)
+                layout = Rows(layer.outputs[record.outputIndex].shape, record.stride)
+                padded = rows[:layout.rows * layout.pitch].reshape(layout.rows, layout.pitch)
+                values = layout.elements(padded, layout.shape)
             self._dump(Dump(record.layerId, record.outputIndex, rows.copy(), record.stride, values, layer))
         except BaseException as error:  # an exception cannot cross the library
             self._error = self._error or error
         return 0
 
 
-def _split_items(spec, array):
+def _split_items(tensor, array):
     """The array as [items, elements], and the number of items; None where no dimension counts them."""
-    shape = spec.shape
+    shape = tensor.shape
     while array.shape[max(array.ndim - len(shape), 0):] != shape:
         if not shape or shape[0] != 1:
-            raise OpkitError(f"input {spec.name} has shape {spec.shape}; "
+            raise OpkitError(f"input {tensor.name} has shape {tensor.shape}; "
                              f"the array's {array.shape} does not end like it")
         shape = shape[1:]
     front = array.shape[:array.ndim - len(shape)]

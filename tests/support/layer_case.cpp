@@ -234,11 +234,11 @@ World::World(const LayerCase& layer)
     auto& built = builder.AddLayer(layer.operatorName_);
 
     const auto place = [&](const char* side, size_t index, const CaseTensor& tensor, bool isOutput) {
-        const TensorSpec spec = SpecOf(side, index, tensor);
+        const TensorSpec tensorSpec = SpecOf(side, index, tensor);
         if (tensor.memKind > OPKIT_MEM_REQUEST_1) {
-            return builder.AddScratch(spec, tensor.memKind == OPKIT_MEM_SCRATCH_BATCHED).WithKind(tensor.memKind);
+            return builder.AddScratch(tensorSpec, tensor.memKind == OPKIT_MEM_SCRATCH_BATCHED).WithKind(tensor.memKind);
         }
-        return (isOutput ? builder.AddOutput(spec) : builder.AddInput(spec)).WithKind(tensor.memKind);
+        return (isOutput ? builder.AddOutput(tensorSpec) : builder.AddInput(tensorSpec)).WithKind(tensor.memKind);
     };
     for (const LayerCase::LogicalInput& input : layer.inputs_) {
         if (input.offline) {
@@ -345,20 +345,20 @@ void World::Bind(const Model& model, uint32_t batch, const std::vector<int>& out
     tensors_ = std::make_unique<TensorInfo[]>(count);
     for (size_t i = 0; i < count; ++i) {
         const bool isOutput = i >= model.inputs.size();
-        const TensorSpec& spec = isOutput ? model_->outputs[i - model.inputs.size()] : model_->inputs[i];
+        const TensorSpec& tensorSpec = isOutput ? model_->outputs[i - model.inputs.size()] : model_->inputs[i];
         const int alias = isOutput ? outputAliases[i - model.inputs.size()] : -1;
-        const uint32_t itemBytes = PaddedBytes(spec.shape, spec.strideBytes);
-        AddRegion((isOutput ? "output \"" : "input \"") + spec.name + "\"", alias < 0 ? size_t{itemBytes} * batch : 0,
-                  seed);
+        const uint32_t itemBytes = PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes);
+        AddRegion((isOutput ? "output \"" : "input \"") + tensorSpec.name + "\"",
+                  alias < 0 ? size_t{itemBytes} * batch : 0, seed);
         Region& region = regions_.back();
-        region.shape = spec.shape;
-        region.strideBytes = spec.strideBytes;
+        region.shape = tensorSpec.shape;
+        region.strideBytes = tensorSpec.strideBytes;
         region.itemBytes = itemBytes;
         TensorInfo& info = tensors_[i];
-        info.stride = StrideOf(spec.shape, spec.strideBytes);
+        info.stride = StrideOf(tensorSpec.shape, tensorSpec.strideBytes);
         info.batch = batch;
-        info.dimNum = static_cast<uint32_t>(spec.shape.size());
-        info.shape = const_cast<uint32_t*>(spec.shape.data());
+        info.dimNum = static_cast<uint32_t>(tensorSpec.shape.size());
+        info.shape = const_cast<uint32_t*>(tensorSpec.shape.data());
         info.data = alias < 0 ? region.block.data() : tensors_[static_cast<size_t>(alias)].data;
         info.size = itemBytes * batch;
     }
@@ -512,12 +512,12 @@ std::span<float> World::OfflineData(size_t j)
 
 void World::SetInput(size_t requestIndex, std::span<const float> compactItems)
 {
-    const TensorSpec& spec = model_->inputs.at(requestIndex);
+    const TensorSpec& tensorSpec = model_->inputs.at(requestIndex);
     CaseTensor tensor;
-    tensor.shape = spec.shape;
+    tensor.shape = tensorSpec.shape;
     tensor.data.assign(compactItems.begin(), compactItems.end());
     const Region& region = regions_[kFirstTensorRegion + requestIndex];
-    Store({kFirstTensorRegion + requestIndex, 0, region.itemBytes, spec.shape, spec.strideBytes}, tensor,
+    Store({kFirstTensorRegion + requestIndex, 0, region.itemBytes, tensorSpec.shape, tensorSpec.strideBytes}, tensor,
           tensors_[requestIndex].batch);
 }
 
