@@ -17,8 +17,8 @@ void Sigmoid(const float* in, float* out, size_t count)
     MapCertain(
         in, out, count,
         [](Narrow x) {
-            Result result = RoundCertain(Reciprocal(Exp(Widen(Clamp(-x, 110.0f))) + 1.0));
-            result.doubtful |= Lanes(((x < -87.0f) & (x > -105.0f)) | (x != x));
+            Result result = RoundCertain(Reciprocal(Exp<-1>(Widen(Clamp(x, 110.0f))) + 1.0));
+            result.doubtful |= NanOrSubnormal(result.value);
             return result;
         },
         SigmoidCalcFunc);
@@ -36,47 +36,52 @@ void Softplus(const float* in, float* out, size_t count)
             const Wide spread = ((exponential + margin) + 1.0) - sum;
             const Wide log = Log(sum);
             const Wide logMargin = log * (2 * kWideError);
-            Result result = RoundBetween(log - logMargin, log + (logMargin + 2.0 * spread * Reciprocal(sum)));
-            result.doubtful |= Lanes((x > 120.0f) | (x != x));
+            // The logarithm grows by less than spread / sum. That is no more than spread, and no more than the limit,
+            // as spread is two margins and a rounding.
+            const Wide limit = Splat(4 * kWideError);
+            const Wide growth = spread < limit ? spread : limit;
+            Result result = RoundBetween(log - logMargin, log + (logMargin + growth));
+            result.doubtful |= NotAtMost(x, 120.0f);
             return result;
         },
         SoftplusCalcFunc);
 }
 
-// Both ends of an exponential, and the lanes for which they do not hold: beyond `kLimit` and NaN.
-struct ExpEnds {
-    static constexpr float kLimit = 120.0f;
-
+// The ends between which a value lies that is known up to a relative error.
+struct Ends {
     Wide low;
     Wide high;
-    WideBits outside;
 
-    explicit ExpEnds(Narrow x)
-    {
-        const Wide exponential = Exp(Widen(Clamp(x, kLimit)));
-        const Wide margin = exponential * kWideError;
-        low = exponential - margin;
-        high = exponential + margin;
-        outside = Lanes((x > kLimit) | (x < -kLimit) | (x != x));
-    }
+    Ends(Wide value, Wide error) : low(MultiplyAdd(value, -error, value)), high(MultiplyAdd(value, error, value)) {}
+};
+
+// Ends of e^x. They hold up to `kLimit`; below -kLimit they are those of -kLimit, 2^-173.
+struct ExpEnds : Ends {
+    static constexpr float kLimit = 120.0f;
+
+    explicit ExpEnds(Narrow x) : Ends(Exp(Widen(Clamp(x, kLimit))), Splat(kWideError)) {}
 };
 
 // x + 0 from 0 on; below, both ends of the exponential go through the formula. Each of its steps is monotonic, so the
 // formula's own value lies between the results, and clipping at 0 keeps that. Below -kLimit the growth is -1 at both
-// ends, as it is for every exponential below 2^-54.
+// ends, as it is for every exponential below 2^-54. Next to 0 the difference from 1 is small: there Exp takes 1 from
+// its table and what its series leaves out is below the sixth power of the exponent, so its error shrinks, too.
 void Celu(const float* in, float* out, size_t count, float alpha)
 {
     MapCertain(
         in, out, count,
         [alpha](Narrow x) {
             const Narrow quotient = x / alpha;
-            const ExpEnds ends(quotient);
+            const Wide exponent = Widen(Clamp(quotient, ExpEnds::kLimit));
+            const Wide shrinking = (Wide)((WideBits)exponent & INT64_MAX) * (16 * kWideError);
+            const Wide error = (shrinking < kWideError ? shrinking : Splat(kWideError)) + 0x1p-51;
+            const Ends ends(Exp(exponent), error);
             const Result term = RoundBetween((ends.low - 1.0) * static_cast<double>(alpha),
                                              (ends.high - 1.0) * static_cast<double>(alpha));
             const Narrow below = term.value < 0.0f ? term.value : Narrow{};
-            const NarrowBits upper = x >= 0.0f;
-            const WideBits outside = ends.outside & Lanes((NarrowBits)(quotient > 0.0f) | (quotient != quotient));
-            return Result{upper ? x + 0.0f : below, (term.doubtful | outside) & ~Lanes(upper)};
+            Flags doubtful = term.doubtful | NotAtMost(quotient, ExpEnds::kLimit);
+            doubtful &= NotAtLeast(x, 0.0f);
+            return Result{x >= 0.0f ? x + 0.0f : below, doubtful};
         },
         [alpha](float x) { return CeluElement(x, alpha); });
 }
@@ -87,11 +92,14 @@ void Selu(const float* in, float* out, size_t count, float alpha, float gamma)
     MapCertain(
         in, out, count,
         [alpha, gamma](Narrow x) {
-            const ExpEnds ends(x - alpha);
+            const Narrow difference = x - alpha;
+            const ExpEnds ends(difference);
             const Result below = RoundBetween(ends.low * static_cast<double>(alpha) * static_cast<double>(gamma),
                                               ends.high * static_cast<double>(alpha) * static_cast<double>(gamma));
-            const NarrowBits lower = x <= 0.0f;
-            return Result{lower ? below.value : x * gamma, (below.doubtful | ends.outside) & Lanes(lower)};
+            Flags doubtful = below.doubtful | NotAtLeast(difference, -ExpEnds::kLimit);
+            doubtful |= NotAtMost(difference, ExpEnds::kLimit);
+            doubtful &= ~NotAtMost(x, 0.0f);
+            return Result{x <= 0.0f ? below.value : x * gamma, doubtful};
         },
         [alpha, gamma](float x) { return SeluElement(x, alpha, gamma); });
 }
@@ -109,16 +117,12 @@ void Sinh(const float* in, float* out, size_t count)
             const Wide exponential = Exp(magnitude);
             const Wide difference = 0.5 * exponential - 0.5 * Reciprocal(exponential);
             const Wide square = magnitude * magnitude;
-            constexpr double kOdd[] = {6.0, 120.0, 5040.0, 362880.0, 39916800.0, 6227020800.0};
-            Wide series = Splat(1.0 / 1307674368000.0);
-#pragma GCC unroll 6
-            for (int i = 5; i >= 0; --i) {
-                series = series * square + 1.0 / kOdd[i];
-            }
-            series = magnitude + magnitude * (square * series);
+            constexpr double kSeries[] = {1.0 / 6,        1.0 / 120,        1.0 / 5040,         1.0 / 362880,
+                                          1.0 / 39916800, 1.0 / 6227020800, 1.0 / 1307674368000};
+            const Wide series = MultiplyAdd(magnitude * square, Polynomial(kSeries, square), magnitude);
             const Wide value = magnitude < 1.0 ? series : difference;
             Result result = RoundCertain((Wide)((WideBits)value | sign));
-            result.doubtful |= Lanes(x != x);
+            result.doubtful |= Differ(x, x);
             return result;
         },
         SinhElement);
@@ -146,7 +150,7 @@ void Acosh(const float* in, float* out, size_t count)
             const Wide log = Log(wide + SquareRoot(wide * wide - 1.0));
             const Wide margin = log * (2 * kWideError) + 0x1p-50;
             Result result = RoundBetween(log - margin, log + margin);
-            result.doubtful |= Lanes(~(x > 1.0f) | (x > FLT_MAX));
+            result.doubtful |= NotAtLeast(x, 0x1.000002p+0f) | NotAtMost(x, FLT_MAX);
             return result;
         },
         AcoshElement);
@@ -174,26 +178,17 @@ constexpr FoldKernels kSum = {SumColumnsExactly, SumRowsExactly};
 
 #else
 
-// The ends of an exponential in a sum. Far below 0 it is less than 2^-150: nothing, or next to nothing.
-struct TermEnds : ExpEnds {
-    explicit TermEnds(Narrow x) : ExpEnds(x)
-    {
-        const WideBits tiny = Lanes(x < -kLimit);
-        low = tiny ? Wide{} : low;
-        outside &= ~tiny;
-    }
-};
-
-// Adds e^x to a lane's accumulator, rounded as the definition has it: the sum is monotonic in the exponential.
+// Adds e^x to a lane's accumulator, rounded as the definition has it: the sum is monotonic in the exponential. What
+// lies below -kLimit adds less than half of the smallest float, and so nothing, like the ends that stand for it.
 inline void AddExp(Narrow& acc, Narrow x)
 {
-    const TermEnds ends(x);
+    const ExpEnds ends(x);
     const Wide wide = Widen(acc);
     Result sum = RoundBetween(ends.low + wide, ends.high + wide);
-    sum.doubtful |= ends.outside;
-    if (__builtin_expect(AnyLane(sum.doubtful), 0)) {
+    sum.doubtful |= NotAtMost(x, ExpEnds::kLimit);
+    if (__builtin_expect(AnyOf(sum.doubtful), 0)) {
         for (size_t lane = 0; lane < kWide; ++lane) {
-            sum.value[lane] = sum.doubtful[lane] != 0 ? AddExpElement(acc[lane], x[lane]) : sum.value[lane];
+            sum.value[lane] = IsSet(sum.doubtful, lane) ? AddExpElement(acc[lane], x[lane]) : sum.value[lane];
         }
     }
     acc = sum.value;
@@ -227,14 +222,15 @@ void SumRow(float* acc, const float* x, size_t length)
     for (; j + kBlock <= length; j += kBlock) {
         alignas(64) double low[kBlock];
         alignas(64) double high[kBlock];
-        WideBits outside = {};
+        Flags outside = {};
         for (size_t i = 0; i < kBlock; i += kWide) {
-            const TermEnds ends(*reinterpret_cast<const Narrow*>(x + j + i));
+            const Narrow terms = *reinterpret_cast<const Narrow*>(x + j + i);
+            const ExpEnds ends(terms);
             *reinterpret_cast<Wide*>(low + i) = ends.low;
             *reinterpret_cast<Wide*>(high + i) = ends.high;
-            outside |= ends.outside;
+            outside |= NotAtMost(terms, ExpEnds::kLimit);
         }
-        const bool certain = !AnyLane(outside);
+        const bool certain = !AnyOf(outside);
         for (size_t i = 0; i < kBlock; ++i) {
             const float below = RoundToF32(low[i] + static_cast<double>(sum));
             const float above = RoundToF32(high[i] + static_cast<double>(sum));

@@ -25,8 +25,8 @@ Level Detect()
     uint32_t b = 0;
     uint32_t c = 0;
     uint32_t d = 0;
-    constexpr uint32_t kOsXsave = 1U << 27;
-    if (__get_cpuid(1, &a, &b, &c, &d) == 0 || (c & kOsXsave) == 0) {
+    constexpr uint32_t kOsXsaveAndFma = (1U << 27) | (1U << 12);
+    if (__get_cpuid(1, &a, &b, &c, &d) == 0 || (c & kOsXsaveAndFma) != kOsXsaveAndFma) {
         return Level::kBaseline;
     }
     constexpr uint64_t kAvxState = 0x6;      // xmm and the upper halves of ymm

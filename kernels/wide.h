@@ -6,6 +6,7 @@
 #ifndef OPKIT_KERNELS_WIDE_H
 #define OPKIT_KERNELS_WIDE_H
 
+#include <float.h>
 #include <immintrin.h>
 
 #include "kernels/vector.h"
@@ -19,7 +20,6 @@ typedef double Wide __attribute__((vector_size(kWide * sizeof(double)), may_alia
 typedef int64_t WideBits __attribute__((vector_size(kWide * sizeof(int64_t)), may_alias));
 typedef uint64_t WideWords __attribute__((vector_size(kWide * sizeof(uint64_t)), may_alias));  // wrap around
 typedef float Narrow __attribute__((vector_size(kWide * sizeof(float)), aligned(sizeof(float)), may_alias));
-typedef int32_t NarrowBits __attribute__((vector_size(kWide * sizeof(int32_t)), may_alias));
 
 inline Wide Widen(Narrow x)
 {
@@ -40,79 +40,180 @@ inline Wide Splat(double x)
     return Wide{} + x;
 }
 
-// Lanes beyond a limit, and NaN, take the limit; such lanes come out the same or are the caller's to decide.
+// a * b + c, rounded once where the level can: an approximation's error is bounded either way.
+inline Wide MultiplyAdd(Wide a, Wide b, Wide c)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return (Wide)_mm512_fmadd_pd((__m512d)a, (__m512d)b, (__m512d)c);
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Wide)_mm256_fmadd_pd((__m256d)a, (__m256d)b, (__m256d)c);
+#else
+    return a * b + c;
+#endif
+}
+
+// coefficients[0] + coefficients[1] x + ...
+template <size_t kCount>
+inline Wide Polynomial(const double (&coefficients)[kCount], Wide x)
+{
+    Wide sum = Splat(coefficients[kCount - 1]);
+#pragma GCC unroll 16
+    for (size_t i = kCount - 1; i > 0; --i) {
+        sum = MultiplyAdd(sum, x, Splat(coefficients[i - 1]));
+    }
+    return sum;
+}
+
+// One flag for each lane: a bit of a mask register, or all bits of the lane.
+#if defined(OPKIT_LEVEL_avx512)
+typedef __mmask8 Flags;
+#else
+typedef WideBits Flags;
+#endif
+
+inline bool AnyOf(Flags flags)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return flags != 0;
+#elif defined(OPKIT_LEVEL_avx2)
+    return _mm256_testz_si256((__m256i)flags, (__m256i)flags) == 0;
+#else
+    return (flags[0] | flags[1]) != 0;
+#endif
+}
+
+inline bool IsSet(Flags flags, size_t lane)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return ((flags >> lane) & 1) != 0;
+#else
+    return flags[lane] != 0;
+#endif
+}
+
+// Comparisons that NaN answers with yes.
+inline Flags NotAtLeast(Narrow x, float limit)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return _mm256_cmp_ps_mask((__m256)x, _mm256_set1_ps(limit), _CMP_NGE_UQ);
+#else
+    return __builtin_convertvector(~(x >= limit), WideBits);
+#endif
+}
+
+inline Flags NotAtMost(Narrow x, float limit)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return _mm256_cmp_ps_mask((__m256)x, _mm256_set1_ps(limit), _CMP_NLE_UQ);
+#else
+    return __builtin_convertvector(~(x <= limit), WideBits);
+#endif
+}
+
+inline Flags Differ(Narrow a, Narrow b)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return _mm256_cmp_ps_mask((__m256)a, (__m256)b, _CMP_NEQ_UQ);
+#else
+    return __builtin_convertvector(a != b, WideBits);
+#endif
+}
+
+// NaN and what is positive but less than the least normal float.
+inline Flags NanOrSubnormal(Narrow x)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    constexpr int kNanOrSubnormal = 0x81 | 0x20;  // both kinds of NaN
+    return _mm256_fpclass_ps_mask((__m256)x, kNanOrSubnormal);
+#else
+    return __builtin_convertvector(~(x >= FLT_MIN) & ~(x <= 0.0f), WideBits);
+#endif
+}
+
+// Lanes beyond a limit take the limit; they come out the same or are the caller's to decide. NaN stays.
 inline Narrow Clamp(Narrow x, float limit)
 {
     const Narrow high = Narrow{} + limit;
-    x = x < high ? x : high;
-    return x > -high ? x : -high;
+#if defined(OPKIT_LEVEL_avx512)
+    return (Narrow)_mm256_max_ps((__m256)-high, _mm256_min_ps((__m256)high, (__m256)x));
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Narrow)_mm_max_ps((__m128)-high, _mm_min_ps((__m128)high, (__m128)x));
+#else
+    x = high < x ? high : x;
+    return -high > x ? -high : x;
+#endif
 }
 
-// 1 / x, relative error below 2^-50: the division unit is slow for whole vectors, so AVX-512 refines an estimate.
+// 1 / x, relative error below 2^-41: the division unit is slow for whole vectors, so AVX-512 refines an estimate.
 inline Wide Reciprocal(Wide x)
 {
 #if defined(OPKIT_LEVEL_avx512)
-    Wide y = (Wide)_mm512_rcp14_pd((__m512d)x);
-    y = y + y * (1.0 - x * y);
-    return y + y * (1.0 - x * y);
+    const Wide estimate = (Wide)_mm512_rcp14_pd((__m512d)x);
+    const Wide error = MultiplyAdd(-x, estimate, Splat(1.0));
+    return MultiplyAdd(estimate, MultiplyAdd(error, error, error), estimate);
 #else
     return 1.0 / x;
 #endif
 }
 
-// 2^(i / kWide) for every lane's i, rounded to f64.
-inline Wide FractionalPower(WideWords i)
+// 2^(i / 16) for i from 0 to 15, less i / 16 in the exponent: adding k / 16 to that of entry k % 16 leaves 2^(k / 16).
+struct FractionalPowers {
+    uint64_t bits[16];
+};
+
+constexpr FractionalPowers MakeFractionalPowers()
 {
-    alignas(64) static constexpr double kEighths[] = {
-        1.0,
-        0x1.172b83c7d517bp+0,
-        0x1.306fe0a31b715p+0,
-        0x1.4bfdad5362a27p+0,
-        0x1.6a09e667f3bcdp+0,
-        0x1.8ace5422aa0dbp+0,
-        0x1.ae89f995ad3adp+0,
-        0x1.d5818dcfba487p+0,
+    constexpr double kPowers[] = {
+        0x1.0000000000000p+0, 0x1.0b5586cf9890fp+0, 0x1.172b83c7d517bp+0, 0x1.2387a6e756238p+0,
+        0x1.306fe0a31b715p+0, 0x1.3dea64c123422p+0, 0x1.4bfdad5362a27p+0, 0x1.5ab07dd485429p+0,
+        0x1.6a09e667f3bcdp+0, 0x1.7a11473eb0187p+0, 0x1.8ace5422aa0dbp+0, 0x1.9c49182a3f090p+0,
+        0x1.ae89f995ad3adp+0, 0x1.c199bdd85529cp+0, 0x1.d5818dcfba487p+0, 0x1.ea4afa2a490dap+0,
     };
-#if defined(OPKIT_LEVEL_avx512)
-    return (Wide)_mm512_permutexvar_pd((__m512i)i, _mm512_load_pd(kEighths));
-#else
-    Wide powers;
-    for (size_t lane = 0; lane < kWide; ++lane) {
-        powers[lane] = kEighths[i[lane] * (8 / kWide)];
+    FractionalPowers powers = {};
+    for (uint64_t i = 0; i < 16; ++i) {
+        powers.bits[i] = __builtin_bit_cast(uint64_t, kPowers[i]) - (i << 48);
     }
     return powers;
+}
+
+// 2^(k / 16) for every lane's k.
+inline Wide PowerOfSixteenths(WideWords k)
+{
+    alignas(64) static constexpr FractionalPowers kTable = MakeFractionalPowers();
+#if defined(OPKIT_LEVEL_avx512)
+    const WideWords powers = (WideWords)_mm512_permutex2var_epi64(_mm512_load_si512(kTable.bits), (__m512i)k,
+                                                                  _mm512_load_si512(kTable.bits + kWide));
+#elif defined(OPKIT_LEVEL_avx2)
+    const WideWords powers = (WideWords)_mm256_i64gather_epi64(reinterpret_cast<const long long*>(kTable.bits),
+                                                               (__m256i)(k & uint64_t{15}), sizeof(uint64_t));
+#else
+    WideWords powers;
+    for (size_t lane = 0; lane < kWide; ++lane) {
+        powers[lane] = kTable.bits[k[lane] % 16];
+    }
 #endif
+    return (Wide)(powers + (k << 48));
 }
 
 // Relative error of Exp (for |x| <= 128) and Log, with room.
-constexpr double kWideError = 0x1p-43;
+constexpr double kWideError = 0x1p-40;
 
-// e^x for |x| <= 700. x = (k / kWide) ln 2 + r: a table entry for the fraction of k / kWide, the exponent for its whole
-// part, and the series of e^r - 1, whose remainder is below 2^-44 for |r| <= ln 2 / (2 kWide).
+// e^x, or e^-x with a sign of -1, for |x| <= 700. The exponent is k ln 2 / 16 + sign * r, and the series that of
+// e^(sign * r) - 1, whose remainder is below 2^-42 for |r| <= ln 2 / 32.
+template <int kSign = 1>
 inline Wide Exp(Wide x)
 {
-    constexpr double kLn2 = 0x1.62e42fefa39efp-1;
-    constexpr double kRounder = 0x1.8p52;
-    const Wide shifted = x * (kWide / kLn2) + kRounder;
-    const Wide k = shifted - kRounder;
-    const Wide r = x - k * (kLn2 / kWide);
-    constexpr double kFactorials[] = {1.0, 2.0, 6.0, 24.0, 120.0, 720.0, 5040.0, 40320.0, 362880.0, 3628800.0};
-    constexpr int kDegree = kWide == 8 ? 6 : kWide == 4 ? 7 : 9;
-    Wide series = Splat(1.0 / kFactorials[kDegree - 1]);
-#pragma GCC unroll 10
-    for (int i = kDegree - 2; i >= 0; --i) {
-        series = series * r + 1.0 / kFactorials[i];
-    }
-    const WideWords steps = (WideWords)shifted - (WideWords)Splat(kRounder);
-    const WideWords fraction = steps & static_cast<uint64_t>(kWide - 1);
-    const Wide base = FractionalPower(fraction);
-    const Wide scaled = base + base * (series * r);
-    constexpr int kFractionBits = kWide == 8 ? 3 : kWide == 4 ? 2 : 1;
-    return (Wide)((WideWords)scaled + ((steps - fraction) << (52 - kFractionBits)));
+    constexpr double kSixteenth = kSign * 0x1.62e42fefa39efp-1 / 16;
+    constexpr double kRounder = 0x1.8p52;  // a whole number added to it lands on the lowest bits
+    const Wide shifted = MultiplyAdd(x, Splat(1 / kSixteenth), Splat(kRounder));
+    const Wide r = MultiplyAdd(shifted - kRounder, Splat(-kSixteenth), x);
+    constexpr double kSeries[] = {kSign, 1.0 / 2, kSign / 6.0, 1.0 / 24, kSign / 120.0};
+    const Wide power = PowerOfSixteenths((WideWords)shifted);
+    return MultiplyAdd(power, r * Polynomial(kSeries, r), power);
 }
 
 // ln s for normal positive s; the relative error holds next to 1, too. s = m 2^e with m around 1, and
-// ln m = 2 artanh((m - 1) / (m + 1)), whose series is cut below 2^-50.
+// ln m = 2 artanh((m - 1) / (m + 1)), whose series is cut below 2^-44.
 inline Wide Log(Wide s)
 {
     constexpr uint64_t kSqrtHalf = 0x3fe6a09e667f3bcd;
@@ -125,81 +226,52 @@ inline Wide Log(Wide s)
     const WideBits exponent = ((WideBits)exponentBits >> 52) + kBias;
     const Wide e = (Wide)exponent - 0x1.8p52;
     const Wide z = (m - 1.0) * Reciprocal(m + 1.0);
-    const Wide z2 = z * z;
-    constexpr double kOdd[] = {2.0 / 3, 2.0 / 5, 2.0 / 7, 2.0 / 9, 2.0 / 11, 2.0 / 13, 2.0 / 15, 2.0 / 17, 2.0 / 19};
-    Wide series = Splat(2.0 / 21);
-#pragma GCC unroll 9
-    for (int i = 8; i >= 0; --i) {
-        series = series * z2 + kOdd[i];
-    }
-    return e * 0x1.62e42fefa39efp-1 + (z * z2 * series + (z + z));
+    const Wide square = z * z;
+    constexpr double kSeries[] = {2.0 / 3, 2.0 / 5, 2.0 / 7, 2.0 / 9, 2.0 / 11, 2.0 / 13, 2.0 / 15};
+    return MultiplyAdd(e, Splat(0x1.62e42fefa39efp-1), MultiplyAdd(z * square, Polynomial(kSeries, square), z + z));
 }
 
-// What a formula came to, and the lanes (non-zero) in which its float is not certain.
+// What a formula came to, and the lanes in which its float is not certain.
 struct Result {
     Narrow value;
-    WideBits doubtful;
+    Flags doubtful;
 };
 
-// A value with a relative error below 2^-42. Narrowing drops 29 bits of the mantissa: only when these lie next to one
+// A value with a relative error below 2^-40. Narrowing drops 29 bits of the mantissa: only when these lie next to one
 // half can the error change the float. Valid where the float is normal or the value narrows to 0 or 1 for certain.
 inline Result RoundCertain(Wide value)
 {
     constexpr uint64_t kDropped = 0x1fffffff;
     constexpr uint64_t kHalf = 0x10000000;
-    constexpr uint64_t kMargin = 0x800;  // 2^-42 of a mantissa between 1 and 2, in units of 2^-52, and as much again
-    const WideBits distance = (WideBits)(((WideWords)value + (kMargin - kHalf)) & kDropped);
-    return {Narrowed(value), distance < static_cast<int64_t>(2 * kMargin)};
-}
-
-// A value known to lie between two ends.
-inline Result RoundBetween(Wide low, Wide high)
-{
-    const Narrow value = Narrowed(low);
-    return {value, __builtin_convertvector((NarrowBits)value != (NarrowBits)Narrowed(high), WideBits)};
-}
-
-inline bool AnyLane(WideBits flags)
-{
+    constexpr uint64_t kMargin = 0x2000;  // 2^-40 of a mantissa below 2, in units of 2^-52
+    constexpr uint64_t kBeyondMargin = kDropped & ~(2 * kMargin - 1);
+    const WideWords distance = (WideWords)value + (kMargin - kHalf);
 #if defined(OPKIT_LEVEL_avx512)
-    return _mm512_test_epi64_mask((__m512i)flags, (__m512i)flags) != 0;
-#elif defined(OPKIT_LEVEL_avx2)
-    return _mm256_testz_si256((__m256i)flags, (__m256i)flags) == 0;
+    return {Narrowed(value), _mm512_testn_epi64_mask((__m512i)distance, _mm512_set1_epi64(kBeyondMargin))};
 #else
-    return (flags[0] | flags[1]) != 0;
+    return {Narrowed(value), (WideBits)(distance & kBeyondMargin) == 0};
 #endif
 }
 
-// Lanes in which a float condition holds, as flags of a Result.
-inline WideBits Lanes(NarrowBits condition)
+// A value known to lie between two ends, of which NaN is none.
+inline Result RoundBetween(Wide low, Wide high)
 {
-    return __builtin_convertvector(condition, WideBits);
+    const Narrow value = Narrowed(low);
+    return {value, Differ(value, Narrowed(high))};
 }
 
-// Computes `kVectors` vectors from in to out, those lanes that are not certain by exact. in may equal out.
-template <size_t kVectors, class Formula, class Exact>
-inline void MapBlock(const float* in, float* out, Formula formula, Exact exact)
+// One vector from in to out, those lanes that are not certain by exact. in may equal out.
+template <class Formula, class Exact>
+__attribute__((noinline)) void MapVector(const float* in, float* out, Formula formula, Exact exact)
 {
-    Narrow x[kVectors];
-    WideBits doubtful[kVectors];
-    WideBits any = {};
-    for (size_t v = 0; v < kVectors; ++v) {
-        x[v] = *reinterpret_cast<const Narrow*>(in + v * kWide);
-        const Result result = formula(x[v]);
-        doubtful[v] = result.doubtful;
-        any |= result.doubtful;
-        *reinterpret_cast<Narrow*>(out + v * kWide) = result.value;
-    }
-    if (__builtin_expect(!AnyLane(any), 1)) {
-        return;
-    }
-    for (size_t v = 0; v < kVectors; ++v) {
-        for (size_t lane = 0; lane < kWide; ++lane) {
-            if (doubtful[v][lane] != 0) {
-                out[v * kWide + lane] = exact(x[v][lane]);
-            }
+    const Narrow x = *reinterpret_cast<const Narrow*>(in);
+    Result result = formula(x);
+    for (size_t lane = 0; lane < kWide; ++lane) {
+        if (IsSet(result.doubtful, lane)) {
+            result.value[lane] = exact(x[lane]);
         }
     }
+    *reinterpret_cast<Narrow*>(out) = result.value;
 }
 
 // out[i] = exact(in[i]): by the vector formula where its float is certain, by exact itself elsewhere. The formula calls
@@ -207,24 +279,41 @@ inline void MapBlock(const float* in, float* out, Formula formula, Exact exact)
 template <class Formula, class Exact>
 inline void MapCertain(const float* in, float* out, size_t count, Formula formula, Exact exact)
 {
-    constexpr size_t kVectors = 8;
-    constexpr size_t kBlock = kVectors * kWide;
     size_t i = 0;
 #if defined(OPKIT_LEVEL_baseline)
     for (; i < count; ++i) {
         out[i] = exact(in[i]);  // two lanes do not repay the longer way
     }
 #endif
+    constexpr size_t kVectors = 4;
+    constexpr size_t kBlock = kVectors * kWide;
     for (; i + kBlock <= count; i += kBlock) {
-        MapBlock<kVectors>(in + i, out + i, formula, exact);
+        Narrow value[kVectors];
+        Flags any = {};
+#pragma GCC unroll 4
+        for (size_t v = 0; v < kVectors; ++v) {
+            const Result result = formula(*reinterpret_cast<const Narrow*>(in + i + v * kWide));
+            value[v] = result.value;
+            any |= result.doubtful;
+        }
+        if (__builtin_expect(AnyOf(any), 0)) {
+            for (size_t v = 0; v < kBlock; v += kWide) {
+                MapVector(in + i + v, out + i + v, formula, exact);
+            }
+            continue;
+        }
+#pragma GCC unroll 4
+        for (size_t v = 0; v < kVectors; ++v) {
+            *reinterpret_cast<Narrow*>(out + i + v * kWide) = value[v];
+        }
     }
     for (; i + kWide <= count; i += kWide) {
-        MapBlock<1>(in + i, out + i, formula, exact);
+        MapVector(in + i, out + i, formula, exact);
     }
     if (i < count) {
         float rest[kWide] = {};
         __builtin_memcpy(rest, in + i, (count - i) * sizeof(float));
-        MapBlock<1>(rest, rest, formula, exact);
+        MapVector(rest, rest, formula, exact);
         __builtin_memcpy(out + i, rest, (count - i) * sizeof(float));
     }
 }
