@@ -100,7 +100,8 @@ std::vector<uint32_t> Random::Shape(uint32_t minRank, uint32_t maxRank, uint32_t
     std::vector<uint32_t> shape(rank);
     uint32_t left = std::max(maxCount, 1U);
     for (size_t i = rank; i-- > 0;) {
-        const uint32_t most = std::min(left, i + 1 == rank ? 70U : OneOf({1U, 2U, 3U, 5U, 9U, 17U}));
+        const uint32_t most =
+            std::min(left, i + 1 == rank ? OneOf({2U, 4U, 18U, 70U}) : OneOf({1U, 2U, 3U, 5U, 9U, 17U}));
         shape[i] = static_cast<uint32_t>(Int(1, static_cast<int32_t>(most)));
         left /= shape[i];
     }

@@ -41,7 +41,7 @@ public:
         return choices.begin()[Word() % choices.size()];
     }
     // minRank to maxRank dimensions of at least 1; at most maxCount elements; the last dimension from 1 to 70, so that
-    // every tail of a vector loop occurs.
+    // every tail of a vector loop occurs, and small ones more often.
     std::vector<uint32_t> Shape(uint32_t minRank, uint32_t maxRank, uint32_t maxCount = 4096);
     // A row stride in bytes that holds `width` floats: compact, a multiple of 16, 32 or 64 bytes, or wider. Always at
     // least one row, as valid tensors have it; with OPKIT_TEST_NARROW_ROWS in the environment half of them are small

@@ -473,6 +473,25 @@ TEST(Convolution, WithoutZeroPoints)
     });
 }
 
+// The corrections turn an infinite weight or element into NaN also without zero points, wherever it stands.
+TEST(Convolution, OneInfinity)
+{
+    Problem p;
+    p.channels = p.groups = p.outChannels = 2;
+    for (int32_t place = 0; place < 18 + 8; ++place) {
+        std::vector<float> image(18, 1.0f);
+        std::vector<float> weights(8, 2.0f);
+        (place < 18 ? image[static_cast<size_t>(place)] : weights[static_cast<size_t>(place) - 18]) = kInf;
+        LayerCase layer = Case(2, p);
+        layer.Online(p.Images(), image).Online(p.Weights(), weights).Output(p.Result());
+        World world(layer);
+        EXPECT_EQ(world.RunDirect(ConvolutionOpkitForward), 0u);
+        const std::vector<float> result = world.Output();
+        EXPECT_TRUE(std::any_of(result.begin(), result.end(), [](float y) { return std::isnan(y); })) << place;
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    }
+}
+
 // Attributes that do not fit together are followed as they stand.
 TEST(Convolution, OddAttributes)
 {

@@ -213,6 +213,17 @@ TEST(ScatterND, OneAxisWithoutAlignment)
     EXPECT_THAT(RunOutput(layer, ScatterNDOpkitForward), ElementsAre(8, 1, 2, 7));
 }
 
+TEST(ScatterND, EmptySlicesWriteNothing)
+{
+    CaseTensor output;
+    output.shape = {2, 2};
+    output.data = Iota(4);
+    LayerCase layer = ScatterND();
+    layer.Online({2, 0, 3}, {}, 16).Online({1, 1}, {1}).Online({1, 0, 3}, {}, 16).Output(output);
+    EXPECT_THAT(RunOutput(layer, ScatterNDOpkitForward), ElementsAre(0, 1, 2, 3));
+    ExpectSameAsReference(layer, ScatterNDOpkitForward, RefScatterND);
+}
+
 TEST(ScatterND, NoTuplesCopy)
 {
     LayerCase layer = ScatterND();
