@@ -1,6 +1,7 @@
 // Matrix products against OpenBLAS, convolutions against oneDNN.
 
 #include <cmath>
+#include <memory>
 
 #include "bench/one_layer.h"
 #include "bench/peers.h"
@@ -16,19 +17,42 @@ struct Size {
     uint32_t m, n, k;
 };
 
-GemmArgs Arguments(Size size, bool transA, bool transB, modelkit::Buffer& a, modelkit::Buffer& b, modelkit::Buffer& c)
-{
+// A product to time, and a second result for a peer.
+struct Trial {
     GemmArgs args = {};
-    args.transA = transA;
-    args.transB = transB;
-    args.M = size.m;
-    args.N = size.n;
-    args.K = size.k;
-    args.alpha = 1.0f;
-    args.A = a.Floats().data();
-    args.B = b.Floats().data();
-    args.C = c.Floats().data();
-    return args;
+    std::shared_ptr<modelkit::Buffer> c;
+    std::shared_ptr<modelkit::Buffer> other;
+    Row row;  // without peers
+
+    Work Blas() const
+    {
+        return peers::Sgemm(args.transA, args.transB, args.M, args.N, args.K, args.A, args.B, other->Floats().data());
+    }
+};
+
+Trial MakeTrial(Size size, bool transA, bool transB)
+{
+    const auto a = MakeFloats(size_t{size.m} * size.k);
+    const auto b = MakeFloats(size_t{size.k} * size.n);
+    const auto c = MakeFloats(size_t{size.m} * size.n);
+    Fill(a->Floats(), -1, 1, 1);
+    Fill(b->Floats(), -1, 1, 2);
+    Trial trial;
+    trial.c = c;
+    trial.other = MakeFloats(size_t{size.m} * size.n);
+    trial.args.transA = transA;
+    trial.args.transB = transB;
+    trial.args.M = size.m;
+    trial.args.N = size.n;
+    trial.args.K = size.k;
+    trial.args.alpha = 1.0f;
+    trial.args.A = a->Floats().data();
+    trial.args.B = b->Floats().data();
+    trial.args.C = c->Floats().data();
+    trial.row.work = 2.0 * size.m * size.n * size.k;
+    trial.row.unit = "GFLOP/s";
+    trial.row.ours = [a, b, c, args = trial.args] { Gemm(args); };
+    return trial;
 }
 
 // Sums in another order differ in the last bits; a wrong product differs by far more.
@@ -44,58 +68,29 @@ bool NearlySame(std::span<const float> a, std::span<const float> b, uint32_t k)
 
 Row Product(Size size, bool transA, bool transB, double target)
 {
-    const auto a = MakeFloats(size_t{size.m} * size.k);
-    const auto b = MakeFloats(size_t{size.k} * size.n);
-    const auto c = MakeFloats(size_t{size.m} * size.n);
-    const auto other = MakeFloats(size_t{size.m} * size.n);
-    Fill(a->Floats(), -1, 1, 1);
-    Fill(b->Floats(), -1, 1, 2);
-    const GemmArgs args = Arguments(size, transA, transB, *a, *b, *c);
-    Row row;
-    row.work = 2.0 * size.m * size.n * size.k;
-    row.unit = "GFLOP/s";
-    row.ours = [=] {
-        (void)a, (void)b, (void)c;
-        Gemm(args);
+    Trial trial = MakeTrial(size, transA, transB);
+    trial.row.peers = {{"OpenBLAS", trial.Blas(), Ratio::kSpeed, target}};
+    trial.row.same = [c = trial.c, other = trial.other, k = size.k] {
+        return !peers::HaveBlas() || NearlySame(c->Floats(), other->Floats(), k);
     };
-    row.peers = {{"OpenBLAS",
-                  peers::Sgemm(transA, transB, size.m, size.n, size.k, args.A, args.B, other->Floats().data()),
-                  Ratio::kSpeed, target}};
-    row.same = [=] { return !peers::HaveBlas() || NearlySame(c->Floats(), other->Floats(), size.k); };
-    return row;
+    return trial.row;
 }
 
 using PlainGemm = void (*)(const float*, const float*, float*, size_t, size_t, size_t);
 
 Row Vector(Size size, bool transB, PlainGemm plain)
 {
-    const auto a = MakeFloats(size_t{size.m} * size.k);
-    const auto b = MakeFloats(size_t{size.k} * size.n);
-    const auto c = MakeFloats(size_t{size.m} * size.n);
-    const auto other = MakeFloats(size_t{size.m} * size.n);
-    Fill(a->Floats(), -1, 1, 1);
-    Fill(b->Floats(), -1, 1, 2);
-    const GemmArgs args = Arguments(size, false, transB, *a, *b, *c);
-    Row row;
-    row.work = 2.0 * size.m * size.n * size.k;
-    row.unit = "GFLOP/s";
-    row.ours = [=] {
-        (void)a, (void)b, (void)c;
-        Gemm(args);
-    };
-    const Work literal = [=] {
+    Trial trial = MakeTrial(size, false, transB);
+    const Work literal = [=, args = trial.args, other = trial.other] {
         std::fill(other->Floats().begin(), other->Floats().end(), 0.0f);
         plain(args.A, args.B, other->Floats().data(), size.m, size.n, size.k);
     };
-    row.peers = {
-        {"literal loop", literal, Ratio::kSpeed, 4.0},
-        {"OpenBLAS", peers::Sgemm(false, transB, size.m, size.n, size.k, args.A, args.B, other->Floats().data()),
-         Ratio::kSpeed, 0}};
-    row.same = [=] {
+    trial.row.peers = {{"literal loop", literal, Ratio::kSpeed, 4.0}, {"OpenBLAS", trial.Blas(), Ratio::kSpeed, 0}};
+    trial.row.same = [literal, c = trial.c, other = trial.other] {
         literal();
         return SameBits(c->Floats(), other->Floats());
     };
-    return row;
+    return trial.row;
 }
 
 Row ConvolutionLayer(peers::Conv conv)
