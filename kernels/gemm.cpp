@@ -25,9 +25,10 @@ constexpr size_t kDepth = 256;
 #endif
 constexpr size_t kTileRows = 6;
 constexpr size_t kTileColumns = kTileVectors * kLanes;
-constexpr size_t kBlockRows = 96;  // copied at a time, or their sums kept apart
-constexpr size_t kManyRows = 24;   // read a panel often enough for a copy of it to pay
-constexpr size_t kLine = 16;       // floats in a cache line
+constexpr size_t kBlockRows = 96;     // copied at a time, or their sums kept apart
+constexpr size_t kManyRows = 24;      // read a panel often enough for a copy of it to pay
+constexpr size_t kLine = 16;          // floats in a cache line
+constexpr size_t kAhead = 2 * kLine;  // how far ahead columns are fetched that are read along their own memory
 
 size_t Smaller(size_t a, size_t b)
 {
@@ -428,7 +429,9 @@ void RunOneRow(Product& p)
             Vec square[kLanes];
 #pragma GCC unroll 16
             for (size_t i = 0; i < kLanes; ++i) {
-                square[i] = Load(from + i * p.columns.columnStep + k);
+                const float* const column = from + i * p.columns.columnStep + k;
+                square[i] = Load(column);
+                __builtin_prefetch(column + kAhead);
             }
             TransposeSquare(square);
 #pragma GCC unroll 16
