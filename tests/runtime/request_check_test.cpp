@@ -135,9 +135,21 @@ const LayerRow kLayerRows[] = {
     {"81 inputs", [](LayerRecord& r, uint32_t) { r.inputNum = 81; }, "Input num 81 larger than 80!\n"},
     {"inputs behind the table", [](LayerRecord& r, uint32_t n) { r.inputTableOffset = n + 1; }, kSizeMessage},
     {"inputs past the end", [](LayerRecord& r, uint32_t n) { r.inputTableOffset = n - 23; }, kSizeMessage},
+    {"second input past the end",
+     [](LayerRecord& r, uint32_t n) {
+         r.inputNum = 2;
+         r.inputTableOffset = n - 47;
+     },
+     kSizeMessage},
     {"31 outputs", [](LayerRecord& r, uint32_t) { r.outputNum = 31; }, "Output num 31 larger than 30!\n"},
     {"outputs behind the table", [](LayerRecord& r, uint32_t n) { r.outputTableOffset = n + 1; }, kSizeMessage},
     {"outputs past the end", [](LayerRecord& r, uint32_t n) { r.outputTableOffset = n - 23; }, kSizeMessage},
+    {"second output past the end",
+     [](LayerRecord& r, uint32_t n) {
+         r.outputNum = 2;
+         r.outputTableOffset = n - 47;
+     },
+     kSizeMessage},
     {"work space behind the scratch",
      [](LayerRecord& r, uint32_t) {
          r.bufOffset = 65;

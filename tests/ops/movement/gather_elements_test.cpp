@@ -130,8 +130,10 @@ TEST(GatherElements, SameAsReference)
             }
         }
         Shape out = indices;
-        if (random.Chance(0.1)) {  // other rows that hold as many elements
-            out = {static_cast<uint32_t>(values.size())};
+        if (random.Chance(0.2)) {  // other rows that hold as many elements
+            const auto count = static_cast<uint32_t>(values.size());
+            const uint32_t width = random.Chance(0.5) ? count : static_cast<uint32_t>(random.Int(2, 5));
+            out = {(count + width - 1) / width, width};
         }
         LayerCase layer = GatherElements(static_cast<int32_t>(axis));
         AddInput(layer, random, data, Values::kBits);

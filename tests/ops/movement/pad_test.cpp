@@ -515,6 +515,7 @@ TEST(PadHelpers, IsPadAllZero)
     EXPECT_TRUE(IsPadAllZero(pads, 0));
     EXPECT_TRUE(IsPadAllZero(pads, 2));
     EXPECT_FALSE(IsPadAllZero(pads, 3));
+    EXPECT_FALSE(IsPadAllZero(pads + 2, 1));
     EXPECT_TRUE(IsPadAllZero(pads, 0x80000000u));  // below 1 as a signed number
 }
 

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <limits>
 
 #include "opkit/opkit.h"
@@ -232,6 +233,30 @@ TEST(Reduction, OutputInInputMemory)
             other.Online({3, 4, 5}, Random(type + axis).Floats(60, Values::kPlain), 32).OutputInPlace(0, {3, 4, 5});
             SetReduction(other, type, {axis});
             ExpectSameAsReference(other, ReductionOpkitForward, RefReduction, {.nan = NanPolicy::kAnyNan});
+        }
+    }
+}
+
+// The same where the output begins inside the input, or ends there.
+TEST(Reduction, OutputOverlapsInput)
+{
+    for (const int32_t shift : {-7, -2, 3, 20, 41}) {
+        for (const uint32_t axis : {0u, 1u, 2u}) {
+            Shape reduced = {3, 4, 5};
+            reduced[axis] = 1;
+            LayerCase layer("ReductionOpkitForward");
+            layer.Online({3, 4, 5}, Random(axis).Floats(60, Values::kPlain)).Output(reduced);
+            layer.Online({100}, std::vector<float>(100, 1.0f));
+            SetReduction(layer, OPKIT_REDUCE_SUM, {axis});
+            // Both lie in the second input.
+            layer.Tamper([shift](World& world) {
+                TensorInfo* const inputs = world.Param().inputs;
+                float* const middle = static_cast<float*>(inputs[1].data) + 20;
+                std::memcpy(middle, inputs[0].data, 60 * sizeof(float));
+                inputs[0].data = middle;
+                world.Param().outputs[0].data = middle + shift;
+            });
+            ExpectSameAsReference(layer, ReductionOpkitForward, RefReduction, {.nan = NanPolicy::kAnyNan});
         }
     }
 }
