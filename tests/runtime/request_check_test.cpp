@@ -221,6 +221,20 @@ TEST(LayerCheck, RecordOutsideTheTable)
     }
 }
 
+TEST(LayerCheck, TablesMayEndWithTheModel)
+{
+    World world(NegLayer());
+    ForwardParam& request = world.Param();
+    const uint32_t extent = request.modelSize - OffsetsOf(request).layerTableOffset;
+    const uint8_t* base = static_cast<uint8_t*>(request.model) + OffsetsOf(request).layerTableOffset;
+    const uint32_t layerOffset = reinterpret_cast<const uint32_t*>(base)[1];
+    world.Layer().inputTableOffset = world.Layer().outputTableOffset = extent - sizeof(TensorRecord);
+    EXPECT_EQ(CheckLayerParam(&request, layerOffset), 0u);
+    world.Layer().inputNum = world.Layer().outputNum = 0;
+    world.Layer().inputTableOffset = world.Layer().outputTableOffset = extent;
+    EXPECT_EQ(CheckLayerParam(&request, layerOffset), 0u);
+}
+
 // Offset plus size is summed in 32 bits for names, attributes and work spaces. Each part is checked by itself first, so
 // that only a scratch or model of 2^31 bytes and more could wrap; the scratch size is the caller's word.
 TEST(LayerCheck, WorkSpaceSumWraps)

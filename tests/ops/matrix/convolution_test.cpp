@@ -477,11 +477,12 @@ TEST(Convolution, WithoutZeroPoints)
 TEST(Convolution, OneInfinity)
 {
     Problem p;
-    p.channels = p.groups = p.outChannels = 2;
-    for (int32_t place = 0; place < 18 + 8; ++place) {
-        std::vector<float> image(18, 1.0f);
-        std::vector<float> weights(8, 2.0f);
-        (place < 18 ? image[static_cast<size_t>(place)] : weights[static_cast<size_t>(place) - 18]) = kInf;
+    p.channels = p.groups = 3;
+    p.outChannels = 6;
+    for (size_t place = 0; place < 27 + 24; ++place) {
+        std::vector<float> image(27, 1.0f);
+        std::vector<float> weights(24, 2.0f);
+        (place < 27 ? image[place] : weights[place - 27]) = kInf;
         LayerCase layer = Case(2, p);
         layer.Online(p.Images(), image).Online(p.Weights(), weights).Output(p.Result());
         World world(layer);
