@@ -580,6 +580,29 @@ TEST(Convolution, ResultInTheWeights)
     ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution);
 }
 
+// The column matrix holds what the image was before the result overwrote a part of it.
+TEST(Convolution, ResultOverlapsTheImage)
+{
+    for (int32_t shift = -40; shift <= 40; ++shift) {
+        Problem p;
+        p.channels = 2;
+        p.size[0] = p.size[1] = 4;
+        p.outChannels = 4;
+        LayerCase layer = Case(2, p);
+        layer.Online(p.Images(), Random(1).Floats(32, Values::kIntegers));
+        layer.Online(p.Weights(), Random(2).Floats(32, Values::kIntegers));
+        layer.Output(p.Result()).Online({120}, std::vector<float>(120, 1.0f));
+        layer.Tamper([shift](World& world) {
+            TensorInfo* const inputs = world.Param().inputs;
+            float* const middle = static_cast<float*>(inputs[2].data) + 40;
+            std::memcpy(middle, inputs[0].data, 32 * sizeof(float));
+            inputs[0].data = middle;
+            world.Param().outputs[0].data = middle + shift;
+        });
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution);
+    }
+}
+
 // The shapes of X and W say less than the attributes; these are what counts.
 TEST(Convolution, TensorsSmallerThanTheAttributes)
 {
