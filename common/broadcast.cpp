@@ -61,6 +61,22 @@ void BroadcastOperand::Merge(const RowShape& output, uint32_t innerDims)
     wrapWidth_ = advances || stands ? 0 : dim_[output.dimNum - 1];
 }
 
+size_t SourceOffset(const RowShape& operand, const RowShape& output, size_t element)
+{
+    if (operand.dimNum > output.dimNum) {
+        return 0;
+    }
+    size_t offset = 0;
+    size_t stride = 1;
+    for (uint32_t e = operand.dimNum; e-- > 0;) {
+        const uint32_t extent = output.shape[e + output.dimNum - operand.dimNum];
+        offset += element % extent % operand.shape[e] * stride;
+        element /= extent;
+        stride = e + 1 == operand.dimNum ? operand.rowPitch : stride * operand.shape[e];
+    }
+    return offset;
+}
+
 }  // namespace opkit
 
 uint32_t JudgeBroadCast(uint32_t* shapeA, uint32_t countA, uint32_t* shapeB, int32_t countB)

@@ -65,13 +65,39 @@ private:
     uint32_t position_[OPKIT_MAX_DIMS] = {};
 };
 
-// Calls run(outOffset, offsets[N], steps[N], length) over the whole output in ascending order. Output and operands have
-// at most OPKIT_MAX_DIMS dimensions, and the output has at least one; nothing is called when it is empty.
+// Where the operand stands for an element of the output, in floats.
+size_t SourceOffset(const RowShape& operand, const RowShape& output, size_t element);
+
+// Element by element, for outputs with more dimensions than a walk keeps in mind.
+template <uint32_t N, class Run>
+void ForEachBroadcastElement(const RowShape& output, const RowShape (&operands)[N], Run run)
+{
+    const uint32_t count = ElementCount(output.shape, output.dimNum);
+    const uint32_t width = output.shape[output.dimNum - 1];
+    uint32_t steps[N];
+    for (uint32_t& step : steps) {
+        step = 1;
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        size_t offsets[N];
+        for (uint32_t s = 0; s < N; ++s) {
+            offsets[s] = SourceOffset(operands[s], output, i);
+        }
+        run(size_t{i / width} * output.rowPitch + i % width, offsets, steps, 1);
+    }
+}
+
+// Calls run(outOffset, offsets[N], steps[N], length) over the whole output in ascending order. The output has at least
+// one dimension; nothing is called when it is empty.
 template <uint32_t N, class Run>
 void ForEachBroadcastRun(const RowShape& output, const RowShape (&operands)[N], Run run)
 {
     const uint32_t dims = output.dimNum;
     if (ElementCount(output.shape, dims) == 0) {
+        return;
+    }
+    if (dims > OPKIT_MAX_DIMS) {
+        ForEachBroadcastElement(output, operands, run);
         return;
     }
     BroadcastOperand sides[N];

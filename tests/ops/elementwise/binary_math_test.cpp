@@ -64,6 +64,27 @@ TEST(BinaryMath, SameAsReference)
     });
 }
 
+TEST(BinaryMath, MoreDimensionsThanARecordHas)
+{
+    for (const uint32_t width : {3u, 32u}) {
+        for (const uint32_t gap : {0u, 16u}) {
+            Shape first(11, 1);
+            first[9] = 2;
+            first[10] = width;
+            Shape out = first;
+            out[8] = 3;
+            LayerCase layer = Case(0);
+            layer.Online(first, std::vector<float>(2 * width, 1.0f), 4 * width + 16);
+            layer.Online({3, 1, 1}, {10, 20, 30}).Output(out, 4 * width + gap);
+            std::vector<float> expected;
+            for (const float sum : {11.0f, 21.0f, 31.0f}) {
+                expected.insert(expected.end(), 2 * width, sum);
+            }
+            EXPECT_EQ(RunCase(layer), expected);
+        }
+    }
+}
+
 TEST(BinaryMath, InPlace)
 {
     ForRandomCases(100, [](Random& random) {

@@ -60,6 +60,19 @@ TEST(Expand, EqualShapesWriteTheOutputsRecordOnly)
     EXPECT_EQ(world.Attr<ExpandAttr>().outputStrides[0].count, 2u);
 }
 
+// The eleventh stride lies in the record's count.
+TEST(Expand, MoreDimensionsThanARecordHas)
+{
+    LayerCase layer = Expand();
+    layer.Online({2, 1, 1, 1, 1, 1, 1, 1, 1, 1, 3}, {1, 2, 3, 4, 5, 6});
+    layer.Output({2, 1, 1, 1, 1, 1, 1, 1, 1, 2, 3}, 16);
+    World world(layer);
+    EXPECT_EQ(world.RunDirect(ExpandOpkitForward), 0u);
+    EXPECT_THAT(world.Output(), ElementsAre(1, 2, 3, 1, 2, 3, 4, 5, 6, 4, 5, 6));
+    EXPECT_EQ(world.Attr<ExpandAttr>().outputStrides[0].strides[0], 6u);
+    EXPECT_EQ(world.Attr<ExpandAttr>().outputStrides[0].count, 1u);
+}
+
 TEST(Expand, Messages)
 {
     LayerCase missing = Expand();
