@@ -49,11 +49,10 @@ uint32_t OpkitForward(ForwardParam* param)
         Report(Here(), "Check buffer size failed.\n\n");
         return kFailure;
     }
-    const bool timed = param->profiling.slots != nullptr;
     for (uint32_t batch = 0; batch < param->inputs[0].batch; ++batch) {
         for (uint32_t i = 0; i < layerCount; ++i) {
             timeval start = {};
-            if (timed) {
+            if (param->profiling.slots != nullptr) {
                 start = WallClock();
             }
             if (ParseLayerParam(param, LayerOffset(*param, i), &layer, batch) != kSuccess) {
@@ -81,7 +80,7 @@ uint32_t OpkitForward(ForwardParam* param)
                 DumpLayer(&outputs, layer.layerId, &param->dumpHook);
             }
             ReleaseLayerParam(&layer);
-            if (timed) {
+            if (param->profiling.slots != nullptr) {  // a dump function may have changed it
                 ProfilingLayer(&param->profiling, batch * layerCount + i, start, WallClock());
             }
         }

@@ -31,7 +31,8 @@ struct Rows {
     uint32_t stride;
 };
 
-// Compact element i goes to compact element i, for `count` elements: a smaller output takes a prefix of the input.
+// Compact element i goes to compact element i, for `count` elements in ascending order: a smaller output takes a prefix
+// of the input, and an output that begins inside the input's row repeats what lies before it.
 void CopyRows(const Rows& in, const Rows& out, int32_t count)
 {
     if (count <= 0) {
@@ -45,7 +46,7 @@ void CopyRows(const Rows& in, const Rows& out, int32_t count)
     const uint32_t outWidth = LastDimension(out.shape, out.dimNum);
     ForEachRowRun(static_cast<uint32_t>(count), width, RowPitch(width, in.stride >> 2), outWidth,
                   RowPitch(outWidth, out.stride >> 2), [&](size_t from, size_t to, uint32_t length) {
-                      std::memmove(out.data + to, in.data + from, size_t{length} * sizeof(float));
+                      Copy(length, in.data + from, out.data + to);
                   });
 }
 

@@ -355,6 +355,31 @@ TEST(Profiling, SlotsThatDoNotFitArePassedOver)
     EXPECT_EQ(slots[1].slotIndex, 0xEEEEEEEEu);
 }
 
+ForwardParam* g_request = nullptr;
+ProfilingBuffer g_profiling = {};
+
+int32_t ExchangeProfiling(DumpRecord*)
+{
+    std::swap(g_request->profiling, g_profiling);
+    return 0;
+}
+
+// What the dump function of a layer leaves decides whether that layer and the next are timed.
+TEST(Profiling, DumpFunctionsMayExchangeTheSlots)
+{
+    World world = TwoLayerWorld();
+    std::vector<ProfilingSlot> slots(2);
+    std::memset(slots.data(), 0xEE, slots.size() * sizeof(ProfilingSlot));
+    g_profiling = {slots.data(), static_cast<uint32_t>(slots.size() * sizeof(ProfilingSlot))};
+    g_request = &world.Param();
+    world.Param().dumpHook.dumpFunc = ExchangeProfiling;
+    world.Param().dumpHook.dumpAll = 1;
+    ASSERT_EQ(OpkitForward(&world.Param()), 0u);
+    EXPECT_EQ(slots[0].slotIndex, 0u);
+    EXPECT_EQ(slots[0].startTime, 0u);  // was not read
+    EXPECT_EQ(slots[1].slotIndex, 0xEEEEEEEEu);
+}
+
 TEST(Profiling, TimesAreMicroseconds)
 {
     ProfilingSlot slots[2] = {};

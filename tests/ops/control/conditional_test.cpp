@@ -202,6 +202,18 @@ TEST(InputToOutput, MovesRowsToAnotherPitch)
     EXPECT_THAT(target, ElementsAre(1, 2, 3, 9, 9, 9, 9, 9, 4, 9, 9, 9, 9, 9, 9, 9));
 }
 
+TEST(InputToOutput, GoesElementByElement)
+{
+    uint32_t shape[] = {5};
+    TensorDesc desc = {1, 20, 5, 0};
+    std::vector<float> memory = {1, 2, 3, 4, 5, 6, 7, 8};
+    InputToOutput(&desc, &desc, memory.data(), memory.data() + 2, {shape, shape});
+    EXPECT_THAT(memory, ElementsAre(1, 2, 1, 2, 1, 2, 1, 8));
+    memory = {1, 2, 3, 4, 5, 6, 7, 8};
+    InputToOutput(&desc, &desc, memory.data() + 2, memory.data(), {shape, shape});
+    EXPECT_THAT(memory, ElementsAre(3, 4, 5, 6, 7, 6, 7, 8));
+}
+
 TEST(ParseInputToOutput, SmallerOutputTakesAPrefixAcrossWidths)
 {
     Bench bench;
