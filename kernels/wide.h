@@ -279,12 +279,13 @@ __attribute__((noinline)) void MapVector(const float* in, float* out, Formula fo
 template <class Formula, class Exact>
 inline void MapCertain(const float* in, float* out, size_t count, Formula formula, Exact exact)
 {
-    size_t i = 0;
 #if defined(OPKIT_LEVEL_baseline)
-    for (; i < count; ++i) {
+    (void)formula;
+    for (size_t i = 0; i < count; ++i) {
         out[i] = exact(in[i]);  // two lanes do not repay the longer way
     }
-#endif
+#else
+    size_t i = 0;
     constexpr size_t kVectors = 4;
     constexpr size_t kBlock = kVectors * kWide;
     for (; i + kBlock <= count; i += kBlock) {
@@ -316,6 +317,7 @@ inline void MapCertain(const float* in, float* out, size_t count, Formula formul
         MapVector(rest, rest, formula, exact);
         __builtin_memcpy(out + i, rest, (count - i) * sizeof(float));
     }
+#endif
 }
 
 }  // namespace

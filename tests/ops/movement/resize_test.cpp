@@ -334,14 +334,18 @@ TEST(Resize, SilentFailures)
 
 TEST(Resize, RankBeyondTheScalesOfSizes)
 {
-    LayerCase layer("ResizeOpkitForward");
-    layer.Online(Shape(11, 1), {1}).Online({11}, Counting(11)).Output(Shape(11, 1));
-    layer.Attr<ResizeAttr>().useSizes = 1;
-    layer.Attr<ResizeAttr>().sizes[0] = -1;
-    World world(layer);
-    const RunResult run = RunCaptured(world, ResizeOpkitForward);
-    EXPECT_EQ(run.result, 0xFFFFFFFFu);
-    EXPECT_EQ(run.messages, "[ResizeOpkitForward:#]Resize rank 11 larger than 10!\n\n");
+    const auto runOfRank = [](uint32_t rank) {
+        LayerCase layer("ResizeOpkitForward");
+        layer.Online(Shape(rank, 1), {1}).Online({rank}, Counting(rank)).Output(Shape(rank, 1));
+        layer.Attr<ResizeAttr>().useSizes = 1;
+        layer.Attr<ResizeAttr>().sizes[0] = -1;
+        layer.Attr<ResizeAttr>().resizeMode = 2;  // samples nothing
+        World world(layer);
+        return RunCaptured(world, ResizeOpkitForward);
+    };
+    EXPECT_EQ(runOfRank(10).result, 0u);
+    EXPECT_EQ(runOfRank(11).result, 0xFFFFFFFFu);
+    EXPECT_EQ(runOfRank(11).messages, "[ResizeOpkitForward:#]Resize rank 11 larger than 10!\n\n");
 }
 
 // Every route to the scales; an outcome of 2 doubles the row, one of 1 keeps it.
