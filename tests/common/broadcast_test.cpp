@@ -179,6 +179,15 @@ TEST(ForEachBroadcastRun, MergesWhatItCan)
     EXPECT_THAT(Runs({2}, 2, {5}, 5), ElementsAre(RunRecord{0, 0, 1, 2}, RunRecord{2, 0, 1, 2}, RunRecord{4, 0, 1, 1}));
 }
 
+TEST(ForEachBroadcastRun, OperandOfAHigherRankStandsAtItsFirstElement)
+{
+    EXPECT_THAT(Runs({1, 2, 3}, 3, {2, 3}, 3), ElementsAre(RunRecord{0, 0, 0, 6}));
+    Shape out(11, 1);
+    Shape operand(12, 1);
+    out.back() = operand.back() = 2;
+    EXPECT_THAT(Runs(operand, 2, out, 2), ElementsAre(RunRecord{0, 0, 1, 1}, RunRecord{1, 0, 1, 1}));
+}
+
 TEST(ForEachBroadcastRun, EmptyOutput)
 {
     EXPECT_THAT(Runs({3}, 3, {0, 3}, 3), IsEmpty());
