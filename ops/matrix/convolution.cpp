@@ -195,7 +195,9 @@ void ForEachImage(const ConvolutionAttr& attr, const Operands& operands, const W
     for (uint32_t n = 0; n < operands.x.shape[0]; ++n) {
         float* const image = operands.x.data + imageSize * n;
         float* const y = operands.y.data + resultSize * n;
-        const bool untouched = image != nullptr && StaysUntouched(attr, image, imageSize, y);
+        // Without an image or a work space Im2col has a message.
+        const bool untouched =
+            image != nullptr && space.columns != nullptr && StaysUntouched(attr, image, imageSize, y);
         if (untouched && CanFindColumns(attr) && NeedsNoCorrection(attr, operands, image, y)) {
             MultiplyImage(attr, operands, image, y);
         } else if (untouched && ImageIsColumns(attr)) {

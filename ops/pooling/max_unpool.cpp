@@ -43,6 +43,9 @@ uint32_t MaxUnpoolOpkitForward(LayerParam* param)
     const uint32_t planes = GetImgNum(x.shape, x.dimNum) * GetChannels(x.shape, x.dimNum);
     const uint32_t height = GetHeight(x.shape, x.dimNum);
     const uint32_t width = GetWidth(x.shape, x.dimNum);
+    if (planes == 0 || height == 0 || width == 0) {
+        return ExpandOutputChecked(y);  // before any pitch, which may be a division by zero
+    }
     const uint32_t planeSize = GetHeight(y.shape, y.dimNum) * GetWidth(y.shape, y.dimNum);
     const size_t pitch = x.Pitch();
     const size_t indexPitch = indices.Pitch();

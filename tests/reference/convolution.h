@@ -49,7 +49,7 @@ inline int32_t RefConvForward(LayerParam* param, const RefConvForm& form)
     const uint32_t plane = g->outHeight * g->outWidth;
     float* columns = static_cast<float*>(param->opkitBuf);
     float* ones = columns + plane * g->colChannels;
-    for (uint32_t i = 0; i < plane; ++i) {
+    for (uint32_t i = 0; i < plane && ones != nullptr; ++i) {  // the bounded fill refuses null
         reinterpret_cast<unsigned char*>(ones)[i] = 1;
     }
     if (!RefConvCompact(form.name, x)) {

@@ -542,6 +542,31 @@ TEST(Convolution, NoImage)
     }
 }
 
+// Nothing to compute and no work space: still a message for every image.
+TEST(Convolution, NoWorkSpace)
+{
+    for (const uint32_t inputs : {2u, 8u}) {
+        LayerCase layer(kName);
+        ConvolutionAttr& attr = layer.Attr<ConvolutionAttr>();
+        attr.inputCount = inputs;
+        attr.height = attr.width = attr.outHeight = attr.outWidth = 2;
+        attr.kernelH = attr.kernelW = attr.strideH = attr.strideW = attr.dilationH = attr.dilationW = 1;
+        attr.groupNum = attr.outChannels = attr.gemmM = 1;
+        attr.gemmN = 4;
+        layer.Online({2, 1, 2, 2}, Floats(8, 1.0f));
+        for (uint32_t k = 1; k < inputs; ++k) {
+            layer.Online({1}, {1});
+        }
+        layer.Output({2, 1, 2, 2});
+        World world(layer);
+        const RunResult run = RunCaptured(world, ConvolutionOpkitForward);
+        EXPECT_EQ(run.result, 0u);
+        const std::string message = Message("Im2col", "null point error!\n\n");
+        EXPECT_EQ(run.messages, message + message);
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    }
+}
+
 // Numbers too large for the shortcuts, none at all, and ones that contradict the tensors.
 TEST(Convolution, AttributesForTheColumnMatrix)
 {

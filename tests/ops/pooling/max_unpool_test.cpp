@@ -14,6 +14,7 @@ namespace {
 
 using namespace opkit::test;
 using namespace opkit::reference;
+using ::testing::Each;
 using ::testing::ElementsAre;
 
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
@@ -123,6 +124,20 @@ TEST(MaxUnpool, Failures)
     nullOutput.Tamper([](World& w) { w.Param().outputs[0].data = nullptr; });
     EXPECT_EQ(messages(nullOutput),
               "[InsertAlignSpace:#]Input data is NULL.\n\n[MaxUnpoolOpkitForward:#]InsertAlignSpace failed.\n\n");
+}
+
+// Constants without elements have a stride of 0, which nothing divides by.
+TEST(MaxUnpool, EmptyConstantsClearTheOutput)
+{
+    for (const Shape& in : {Shape{0, 1, 2, 0}, Shape{1, 0, 2, 0}, Shape{1, 1, 0, 0}, Shape{1, 1, 2, 0}}) {
+        LayerCase layer("MaxUnpoolOpkitForward");
+        layer.Offline(in, {}).Offline(in, {}).Output({2, 1, 4, 4}, 16);
+        layer.Attr<LayerAttrHead>();
+        World world(layer);
+        EXPECT_EQ(world.RunDirect(MaxUnpoolOpkitForward), 0u);
+        EXPECT_THAT(world.Output(), Each(0.0f));
+        ExpectSameAsReference(layer, MaxUnpoolOpkitForward, RefMaxUnpool);
+    }
 }
 
 TEST(MaxUnpool, NoInputClearsTheOutput)
