@@ -11,7 +11,8 @@
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
-// 1 / (exp(-x) + 1). Results below the normal floats are left to the formula until they are 0 for certain.
+// 1 / (exp(-x) + 1). Results below the normal floats, other than 0, are left to the formula. No float gives a value so
+// near to the ends of that range, 2^-126 and 2^-150, that its error would take it across.
 void Sigmoid(const float* in, float* out, size_t count)
 {
     MapCertain(
