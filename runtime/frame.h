@@ -40,6 +40,11 @@ struct Tensor {
 using Input = Tensor;
 using Output = Tensor;
 
+inline bool TensorsOverlap(const Tensor& a, const Tensor& b)
+{
+    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
+}
+
 // The attribute record of a layer, head included. Operators write stride records and state into it.
 template <class Attr>
 Attr& AttrOf(const LayerParam* param)

@@ -77,16 +77,20 @@ void RecordStrides(Attr& attr, const Operands<N>& operands)
     }
 }
 
-inline bool TensorsOverlap(const Tensor& a, const Tensor& b)
-{
-    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
-}
-
 enum class Rows { kPadded, kCompact };
 
 inline RowShape RowsOf(const Tensor& tensor, Rows rows)
 {
     return {tensor.shape, static_cast<uint32_t>(tensor.dimNum), rows == Rows::kPadded ? tensor.Pitch() : tensor.width};
+}
+
+// Whether elements of the input may be overwritten before their last turn: it shares memory with the output, and not
+// just each element with its own result.
+inline bool IsOverwritten(const Input& in, const RowShape& rows, const Output& out, const RowShape& outRows)
+{
+    const bool inPlace = in.data == out.data && rows.rowPitch == outRows.rowPitch &&
+                         JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), in.shape, in.dimNum) == 0;
+    return !inPlace && TensorsOverlap(in, out);
 }
 
 // Calls run(inputs[N], steps[N], out, length) over the whole output in ascending order; a step is 0 or 1.
@@ -96,18 +100,25 @@ void ForEachRun(const Operands<N>& operands, Rows inputRows, Rows outputRows, Ru
     if (operands.out.count == 0) {
         return;  // before any pitch, which may be a division by zero
     }
+    const RowShape output = RowsOf(operands.out, outputRows);
     RowShape inputs[N];
+    bool overwritten = false;
     for (uint32_t i = 0; i < N; ++i) {
         inputs[i] = RowsOf(operands.in[i], inputRows);
+        overwritten = overwritten || IsOverwritten(operands.in[i], inputs[i], operands.out, output);
     }
-    ForEachBroadcastRun(RowsOf(operands.out, outputRows), inputs,
-                        [&](size_t to, const size_t(&from)[N], const uint32_t(&steps)[N], uint32_t length) {
-                            const float* at[N];
-                            for (uint32_t i = 0; i < N; ++i) {
-                                at[i] = operands.in[i].data + from[i];
-                            }
-                            run(at, steps, operands.out.data + to, length);
-                        });
+    const auto runAt = [&](size_t to, const size_t(&from)[N], const uint32_t(&steps)[N], uint32_t length) {
+        const float* at[N];
+        for (uint32_t i = 0; i < N; ++i) {
+            at[i] = operands.in[i].data + from[i];
+        }
+        run(at, steps, operands.out.data + to, length);
+    };
+    if (overwritten) {
+        ForEachBroadcastElement(output, inputs, runAt);
+    } else {
+        ForEachBroadcastRun(output, inputs, runAt);
+    }
 }
 
 // Whether an input's rows are compacted one by one as the walk comes to them: it has the output's shape and rows apart.

@@ -55,7 +55,7 @@ void PadOffsets(uint32_t* offsets, uint32_t count, uint32_t width, uint32_t pitc
 
 // One output row, or a part of it, from the input row at `in`.
 struct ColumnPicker {
-    bool mayBeOutside;  // of an axis of the output
+    bool oneByOne;  // some may lie outside of the input, or be overwritten by the output
     uint32_t outside;
     float outsideValue;
     uint32_t rowWidth;  // of the input
@@ -69,7 +69,7 @@ struct ColumnPicker {
 
     void Pick(const float* in, const uint32_t* columns, float* out, uint32_t count) const
     {
-        if (!mayBeOutside) {
+        if (!oneByOne) {
             ResizeLoops().pick(in, rowWidth, columns, out, count);
             return;
         }
@@ -90,13 +90,25 @@ bool AreConsecutive(const uint32_t* columns, uint32_t count, uint32_t outside)
     return true;
 }
 
-void Sample(const ResizeTensor& in, const ResizeTensor& out, const OffsetTables& tables, const ColumnPicker& picker)
+bool Overlap(const ResizeTensor& a, const ResizeTensor& b)
+{
+    const auto extentOf = [](const ResizeTensor& tensor) {
+        const uint32_t count = static_cast<uint32_t>(tensor.desc.count);
+        return count == 0 ? 0 : size_t{(count - 1) / tensor.Width() + 1} * tensor.Pitch();
+    };
+    return a.data < b.data + extentOf(b) && b.data < a.data + extentOf(a);
+}
+
+// Where the tensors overlap, every element is read when its turn comes: the output may have overwritten it by then.
+void Sample(const ResizeTensor& in, const ResizeTensor& out, const OffsetTables& tables, const ColumnPicker& picker,
+            bool overlap)
 {
     const uint32_t* const extent = out.shape;
     const uint32_t outside = picker.outside;
     const uint32_t* const columns = tables[3];
-    const bool consecutive = AreConsecutive(columns, extent[3], outside);
-    const bool wholeRows = extent[3] == out.Width();  // unless the output has more than four dimensions
+    const bool consecutive = !overlap && AreConsecutive(columns, extent[3], outside);
+    // Whole unless the output has more than four dimensions.
+    const bool wholeRows = !overlap && extent[3] == out.Width();
     RowCursor cursor(out.Width(), out.Pitch());
     for (uint32_t n = 0; n < extent[0]; ++n) {
         for (uint32_t c = 0; c < extent[1]; ++c) {
@@ -162,7 +174,8 @@ uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
         BuildNearestOffsets(context, tables[axis], axis);
         PadOffsets(tables[axis], out.shape[axis], in.Width(), in.Pitch(), outside);
     }
-    Sample(in, out, tables, {extrapolate, outside, layer.attr->extrapolationValue, in.Width()});
+    const bool overlap = Overlap(in, out);
+    Sample(in, out, tables, {extrapolate || overlap, outside, layer.attr->extrapolationValue, in.Width()}, overlap);
     return kSuccess;
 }
 

@@ -278,11 +278,6 @@ void FoldLoops(const Input& in, const Output& out, const LoopNest& nest, const F
     }
 }
 
-bool Overlap(const Tensor& a, const Tensor& b)
-{
-    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
-}
-
 }  // namespace
 
 uint32_t GetReductionCount(uint32_t start, uint32_t* shape, uint32_t end)
@@ -355,7 +350,7 @@ uint32_t ReductionOpkitForward(LayerParam* param)
     if (silent && fold == nullptr) {
         return kSuccess;
     }
-    if (silent && !Overlap(in, out) && PlanLoops(in, attr, outDistant, &nest) && nest.outCount <= out.count) {
+    if (silent && !TensorsOverlap(in, out) && PlanLoops(in, attr, outDistant, &nest) && nest.outCount <= out.count) {
         FoldLoops(in, out, nest, *fold);
     } else {
         FoldElementwise(in, out, attr, fold, inDistant, outDistant);

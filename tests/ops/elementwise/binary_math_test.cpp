@@ -1,4 +1,7 @@
 #include "tests/reference/binary_math.h"
+
+#include <cstring>
+
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
 
@@ -96,6 +99,37 @@ TEST(BinaryMath, InPlace)
             layer.Online(operand, random.Floats(ElementCount(operand), Values::kMixed), random.Stride(operand.back()));
         }
         layer.OutputInPlace(own, shape);
+        ExpectSameAsReference(layer, BinaryMathOpkitForward, RefBinaryMath, {.nan = NanPolicy::kAnyNan});
+    });
+}
+
+// An input that is repeated, or that begins elsewhere, is read element by element: by then it may be a result.
+TEST(BinaryMath, OutputOverlapsAnInput)
+{
+    LayerCase sum = Case(0);
+    sum.Online({1}, {1}).Online({8}, std::vector<float>(8, 1.0f)).Output({8});
+    sum.Tamper([](World& world) {
+        *static_cast<float*>(world.Param().outputs[0].data) = 1;
+        world.Param().inputs[0].data = world.Param().outputs[0].data;
+    });
+    EXPECT_THAT(RunCase(sum), ElementsAre(2, 3, 3, 3, 3, 3, 3, 3));
+    ForRandomCases(300, [](Random& random) {
+        const Shape shape = random.Shape(1, 4, 300);
+        LayerCase layer = Case(static_cast<uint32_t>(random.Int(0, 4)));
+        for (int k = 0; k < 2; ++k) {
+            const Shape operand = OperandShape(random, shape);
+            layer.Online(operand, random.Floats(ElementCount(operand), Values::kPlain));
+        }
+        layer.Online({4000}, std::vector<float>(4000, 1.0f)).Output(shape);
+        const uint32_t own = static_cast<uint32_t>(random.Int(0, 1));
+        const int32_t shift = random.Chance(0.5) ? random.Int(-20, 20) : random.Int(-300, 300);
+        layer.Tamper([own, shift](World& world) {
+            TensorInfo* const inputs = world.Param().inputs;
+            float* const middle = static_cast<float*>(inputs[2].data) + 1000;
+            std::memcpy(middle, inputs[own].data, inputs[own].size);
+            inputs[own].data = middle;
+            world.Param().outputs[0].data = middle + shift;
+        });
         ExpectSameAsReference(layer, BinaryMathOpkitForward, RefBinaryMath, {.nan = NanPolicy::kAnyNan});
     });
 }

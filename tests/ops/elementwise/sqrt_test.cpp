@@ -27,6 +27,14 @@ TEST(Sqrt, Elements)
     });
 }
 
+// An input of a higher rank is read at its first element each time, which the first result overwrites.
+TEST(Sqrt, RepeatedInputInPlace)
+{
+    LayerCase layer = Case();
+    layer.Online({1, 2}, {16, 81}, 8).OutputInPlace(0, {2});
+    EXPECT_THAT(RunCase(layer), ElementsAre(4, 2));
+}
+
 TEST(Sqrt, BroadcastsCompactsAndLeavesStrides)
 {
     LayerCase layer = Case();

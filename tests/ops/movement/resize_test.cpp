@@ -332,6 +332,25 @@ TEST(Resize, SilentFailures)
     expectFailure(rankless, "[ResizeOpkitForward:#]Malloc failed!\n\n");
 }
 
+// A result in the memory of X is read by what comes after it.
+TEST(Resize, NearestInPlace)
+{
+    ForRandomCases(200, [](Random& random) {
+        const Shape shape = {static_cast<uint32_t>(random.Int(1, 2)), static_cast<uint32_t>(random.Int(1, 3)),
+                             static_cast<uint32_t>(random.Int(1, 9)), static_cast<uint32_t>(random.Int(1, 40))};
+        LayerCase layer("ResizeOpkitForward");
+        layer.Online(shape, random.Floats(ElementCount(shape), Values::kBits), random.Stride(shape.back()));
+        layer.OutputInPlace(0, shape);
+        for (size_t axis = 0; axis < 4; ++axis) {
+            layer.Attr<ResizeAttr>().scales[axis] =
+                random.Chance(0.5) ? 1.0f : 0.5f + 0.25f * static_cast<float>(random.Int(0, 10));
+        }
+        layer.Attr<ResizeAttr>().coordinateMode = static_cast<uint32_t>(random.Int(0, 4));
+        layer.Attr<ResizeAttr>().nearestMode = static_cast<uint32_t>(random.Int(0, 3));
+        ExpectSameAsReference(layer, ResizeOpkitForward, RefResize);
+    });
+}
+
 TEST(Resize, RankBeyondTheScalesOfSizes)
 {
     const auto runOfRank = [](uint32_t rank) {
