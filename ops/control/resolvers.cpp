@@ -45,9 +45,8 @@ void CopyRows(const Rows& in, const Rows& out, int32_t count)
     const uint32_t width = LastDimension(in.shape, in.dimNum);
     const uint32_t outWidth = LastDimension(out.shape, out.dimNum);
     ForEachRowRun(static_cast<uint32_t>(count), width, RowPitch(width, in.stride >> 2), outWidth,
-                  RowPitch(outWidth, out.stride >> 2), [&](size_t from, size_t to, uint32_t length) {
-                      Copy(length, in.data + from, out.data + to);
-                  });
+                  RowPitch(outWidth, out.stride >> 2),
+                  [&](size_t from, size_t to, uint32_t length) { Copy(length, in.data + from, out.data + to); });
 }
 
 }  // namespace
