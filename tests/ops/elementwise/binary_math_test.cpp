@@ -1,9 +1,8 @@
 #include "tests/reference/binary_math.h"
 
-#include <cstring>
-
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
+#include "tests/support/overlap.h"
 
 namespace opkit {
 namespace {
@@ -123,13 +122,7 @@ TEST(BinaryMath, OutputOverlapsAnInput)
         layer.Online({4000}, std::vector<float>(4000, 1.0f)).Output(shape);
         const uint32_t own = static_cast<uint32_t>(random.Int(0, 1));
         const int32_t shift = random.Chance(0.5) ? random.Int(-20, 20) : random.Int(-300, 300);
-        layer.Tamper([own, shift](World& world) {
-            TensorInfo* const inputs = world.Param().inputs;
-            float* const middle = static_cast<float*>(inputs[2].data) + 1000;
-            std::memcpy(middle, inputs[own].data, inputs[own].size);
-            inputs[own].data = middle;
-            world.Param().outputs[0].data = middle + shift;
-        });
+        layer.Tamper([own, shift](World& world) { PlaceOutputOver(world, own, 2, 1000, shift); });
         ExpectSameAsReference(layer, BinaryMathOpkitForward, RefBinaryMath, {.nan = NanPolicy::kAnyNan});
     });
 }

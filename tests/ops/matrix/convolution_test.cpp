@@ -3,6 +3,7 @@
 #include "opkit/attributes/matrix.h"
 #include "tests/ops/matrix/matrix_cases.h"
 #include "tests/reference/convolution.h"
+#include "tests/support/overlap.h"
 
 namespace opkit {
 namespace {
@@ -617,13 +618,7 @@ TEST(Convolution, ResultOverlapsTheImage)
         layer.Online(p.Images(), Random(1).Floats(32, Values::kIntegers));
         layer.Online(p.Weights(), Random(2).Floats(32, Values::kIntegers));
         layer.Output(p.Result()).Online({120}, std::vector<float>(120, 1.0f));
-        layer.Tamper([shift](World& world) {
-            TensorInfo* const inputs = world.Param().inputs;
-            float* const middle = static_cast<float*>(inputs[2].data) + 40;
-            std::memcpy(middle, inputs[0].data, 32 * sizeof(float));
-            inputs[0].data = middle;
-            world.Param().outputs[0].data = middle + shift;
-        });
+        layer.Tamper([shift](World& world) { PlaceOutputOver(world, 0, 2, 40, shift); });
         ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution);
     }
 }

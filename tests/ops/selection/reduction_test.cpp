@@ -5,10 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <limits>
 
 #include "opkit/opkit.h"
+#include "tests/support/overlap.h"
 #include "tests/support/twin.h"
 
 namespace opkit {
@@ -248,14 +248,7 @@ TEST(Reduction, OutputOverlapsInput)
             layer.Online({3, 4, 5}, Random(axis).Floats(60, Values::kPlain)).Output(reduced);
             layer.Online({100}, std::vector<float>(100, 1.0f));
             SetReduction(layer, OPKIT_REDUCE_SUM, {axis});
-            // Both lie in the second input.
-            layer.Tamper([shift](World& world) {
-                TensorInfo* const inputs = world.Param().inputs;
-                float* const middle = static_cast<float*>(inputs[1].data) + 20;
-                std::memcpy(middle, inputs[0].data, 60 * sizeof(float));
-                inputs[0].data = middle;
-                world.Param().outputs[0].data = middle + shift;
-            });
+            layer.Tamper([shift](World& world) { PlaceOutputOver(world, 0, 1, 20, shift); });
             ExpectSameAsReference(layer, ReductionOpkitForward, RefReduction, {.nan = NanPolicy::kAnyNan});
         }
     }
