@@ -92,11 +92,7 @@ bool AreConsecutive(const uint32_t* columns, uint32_t count, uint32_t outside)
 
 bool Overlap(const ResizeTensor& a, const ResizeTensor& b)
 {
-    const auto extentOf = [](const ResizeTensor& tensor) {
-        const uint32_t count = static_cast<uint32_t>(tensor.desc.count);
-        return count == 0 ? 0 : size_t{(count - 1) / tensor.Width() + 1} * tensor.Pitch();
-    };
-    return a.data < b.data + extentOf(b) && b.data < a.data + extentOf(a);
+    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
 }
 
 // Where the tensors overlap, every element is read when its turn comes: the output may have overwritten it by then.
