@@ -68,7 +68,8 @@ private:
 // Where the operand stands for an element of the output, in floats.
 size_t SourceOffset(const RowShape& operand, const RowShape& output, size_t element);
 
-// The same as ForEachBroadcastRun() element by element, for outputs with more dimensions than a walk keeps in mind.
+// The same as ForEachBroadcastRun() element by element: for outputs with more dimensions than a walk keeps in mind, and
+// for those that overwrite an operand.
 template <uint32_t N, class Run>
 void ForEachBroadcastElement(const RowShape& output, const RowShape (&operands)[N], Run run)
 {
