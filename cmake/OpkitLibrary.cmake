@@ -5,9 +5,6 @@ set(opkit_sources
     common/copy.cpp
     common/bounded_memory.cpp
     common/float_compare.cpp
-    common/gemm.cpp
-    common/im2col.cpp
-    common/qgemm.cpp
     common/report.cpp
     common/row_layout.cpp
     common/shape.cpp
@@ -19,7 +16,6 @@ set(opkit_sources
     runtime/operator_table.cpp
     runtime/profiling.cpp
     runtime/request_check.cpp
-    runtime/unary.cpp
     runtime/version.cpp
 )
 include(OpkitOperators)

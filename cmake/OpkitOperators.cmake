@@ -14,6 +14,7 @@ list(APPEND opkit_sources
     ops/elementwise/sinh.cpp
     ops/elementwise/sqrt.cpp
     ops/elementwise/thresholded_relu.cpp
+    ops/elementwise/unary.cpp
     ops/elementwise/where.cpp
     # selection
     ops/selection/argmin.cpp
@@ -63,6 +64,9 @@ list(APPEND opkit_sources
     ops/matrix/convolution.cpp
     ops/matrix/image_columns.cpp
     ops/matrix/determinant.cpp
+    ops/matrix/im2col.cpp
+    ops/matrix/product.cpp
+    ops/matrix/quantized_product.cpp
     ops/matrix/gemm.cpp
     ops/matrix/matmul.cpp
     ops/matrix/qlinear_matmul.cpp
