@@ -54,7 +54,7 @@ float LogicalNot(float x)
 
 }  // namespace
 
-extern const ActivationKernels activationKernels = {
+extern const ActivationKernels kActivationKernels = {
     HardSigmoid,     Shrink,          Threshold, {Map<CeilElement>, Map<FloorElement>, Map<RoundHalfEvenElement>},
     Map<SquareRoot>, Map<LogicalNot>,
 };

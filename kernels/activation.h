@@ -17,7 +17,7 @@ struct ActivationKernels {
     MapKernel squareRoot;
     MapKernel logicalNot;
 };
-OPKIT_KERNEL_TABLE(ActivationKernels, activationKernels, Activation)
+OPKIT_KERNEL_TABLE(ActivationKernels)
 
 }  // namespace opkit
 

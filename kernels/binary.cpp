@@ -106,7 +106,7 @@ void Select(const float* condition, const float* x, size_t stepX, const float* y
 
 }  // namespace
 
-extern const BinaryKernels binaryKernels = {
+extern const BinaryKernels kBinaryKernels = {
     {MapBinary<Add>, MapBinary<Subtract>, MapBinary<Multiply>, MapBinary<Divide>, MapBinary<Maximum>},
     {MapBinary<Greater>, MapBinary<Equal>, MapBinary<Less>, MapBinary<NotEqual>, MapBinary<GreaterEqual>,
      MapBinary<LessEqual>},

@@ -17,7 +17,7 @@ struct BinaryKernels {
     void (*select)(const float* condition, const float* x, size_t stepX, const float* y, size_t stepY, float* out,
                    size_t count);
 };
-OPKIT_KERNEL_TABLE(BinaryKernels, binaryKernels, Binary)
+OPKIT_KERNEL_TABLE(BinaryKernels)
 
 }  // namespace opkit
 

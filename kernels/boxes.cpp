@@ -61,6 +61,6 @@ void Suppress(const BoxBlock& block, size_t first, size_t end, const BoxFields& 
 
 }  // namespace
 
-extern const BoxKernels boxKernels = {OverlapsAny, Suppress};
+extern const BoxKernels kBoxKernels = {OverlapsAny, Suppress};
 
 }  // namespace opkit::OPKIT_LEVEL

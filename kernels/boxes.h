@@ -36,7 +36,7 @@ struct BoxKernels {
     void (*suppress)(const BoxBlock& block, size_t first, size_t end, const BoxFields& box, float threshold,
                      uint32_t* keep);
 };
-OPKIT_KERNEL_TABLE(BoxKernels, boxKernels, BoxLoops)
+OPKIT_KERNEL_TABLE(BoxKernels)
 
 }  // namespace opkit
 

@@ -66,6 +66,6 @@ void Eliminate(float* matrix, size_t n, size_t k)
 
 }  // namespace
 
-extern const DeterminantKernels determinantKernels = {FindPivot, Eliminate};
+extern const DeterminantKernels kDeterminantKernels = {FindPivot, Eliminate};
 
 }  // namespace opkit::OPKIT_LEVEL

@@ -12,7 +12,7 @@ struct DeterminantKernels {
     // Clears column k below entry (k, k), apart from what is within 1e-6 of zero.
     void (*eliminate)(float* matrix, size_t n, size_t k);
 };
-OPKIT_KERNEL_TABLE(DeterminantKernels, determinantKernels, Determinant)
+OPKIT_KERNEL_TABLE(DeterminantKernels)
 
 }  // namespace opkit
 

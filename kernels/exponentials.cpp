@@ -296,6 +296,6 @@ constexpr FoldKernels kSum = {SumColumns, SumRows};
 
 }  // namespace
 
-extern const ExponentialKernels exponentialKernels = {Sigmoid, Softplus, Celu, Selu, Sinh, Acosh, kSum};
+extern const ExponentialKernels kExponentialKernels = {Sigmoid, Softplus, Celu, Selu, Sinh, Acosh, kSum};
 
 }  // namespace opkit::OPKIT_LEVEL

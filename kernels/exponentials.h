@@ -17,7 +17,7 @@ struct ExponentialKernels {
     void (*acosh)(const float* in, float* out, size_t count);
     FoldKernels sum;  // of exponentials: each is added in f64 and the sum rounds to f32
 };
-OPKIT_KERNEL_TABLE(ExponentialKernels, exponentialKernels, Exponentials)
+OPKIT_KERNEL_TABLE(ExponentialKernels)
 
 }  // namespace opkit
 

@@ -506,6 +506,6 @@ void AddSums(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView
 
 }  // namespace
 
-extern const GemmKernels gemmKernels = {Accumulate, AccumulateFrom, AddSums};
+extern const GemmKernels kGemmKernels = {Accumulate, AccumulateFrom, AddSums};
 
 }  // namespace opkit::OPKIT_LEVEL

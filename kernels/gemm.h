@@ -28,7 +28,7 @@ struct GemmKernels {
     // The same terms summed apart from 0.0; then C[i * N + j] = sum + C[i * N + j].
     void (*addSums)(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c);
 };
-OPKIT_KERNEL_TABLE(GemmKernels, gemmKernels, GemmLoops)
+OPKIT_KERNEL_TABLE(GemmKernels)
 
 }  // namespace opkit
 

@@ -128,6 +128,6 @@ bool AreWithin(const float* values, size_t count, float limit)
 
 }  // namespace
 
-extern const ImageColumnKernels imageColumnKernels = {FillColumns, AreWithin};
+extern const ImageColumnKernels kImageColumnKernels = {FillColumns, AreWithin};
 
 }  // namespace opkit::OPKIT_LEVEL

@@ -31,7 +31,7 @@ struct ImageColumnKernels {
     // Whether every value is at most `limit` in magnitude; NaN is not.
     bool (*areWithin)(const float* values, size_t count, float limit);
 };
-OPKIT_KERNEL_TABLE(ImageColumnKernels, imageColumnKernels, ImageColumnLoops)
+OPKIT_KERNEL_TABLE(ImageColumnKernels)
 
 }  // namespace opkit
 

@@ -226,6 +226,6 @@ uint32_t NonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limi
 
 }  // namespace
 
-extern const LaneKernels laneKernels = {RunningSums, FirstLargest, FirstLargestOfColumns, CountNonZero, NonZeroPlaces};
+extern const LaneKernels kLaneKernels = {RunningSums, FirstLargest, FirstLargestOfColumns, CountNonZero, NonZeroPlaces};
 
 }  // namespace opkit::OPKIT_LEVEL

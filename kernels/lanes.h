@@ -20,7 +20,7 @@ struct LaneKernels {
     // that many.
     uint32_t (*nonZeroPlaces)(const float* x, uint32_t count, float* out, uint32_t limit);
 };
-OPKIT_KERNEL_TABLE(LaneKernels, laneKernels, LaneLoops)
+OPKIT_KERNEL_TABLE(LaneKernels)
 
 }  // namespace opkit
 

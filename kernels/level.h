@@ -7,12 +7,12 @@
 //
 //     // kernels/unary.h
 //     struct UnaryKernels { void (*neg)(const float* in, float* out, size_t count); };
-//     OPKIT_KERNEL_TABLE(UnaryKernels, unaryKernels, Unary)   // three tables, and Unary() for the one in use
+//     OPKIT_KERNEL_TABLE(UnaryKernels)   // three tables, and Kernels<UnaryKernels>() for the one in use
 //
 //     // kernels/unary.cpp
 //     namespace opkit::OPKIT_LEVEL {
 //     static void Neg(const float* in, float* out, size_t count) { ... }
-//     extern const UnaryKernels unaryKernels = {Neg};
+//     extern const UnaryKernels kUnaryKernels = {Neg};
 //     }
 //
 // All levels give identical bits.
@@ -37,21 +37,26 @@ void OverrideLevel(Level level);
 
 const char* LevelName(Level level);
 
-// Declares the tables `name` of the three levels and the function `Active()` that gives the table in use.
-#define OPKIT_KERNEL_TABLE(Record, name, Active)                                             \
-    namespace baseline {                                                                     \
-    extern const Record name;                                                                \
-    }                                                                                        \
-    namespace avx2 {                                                                         \
-    extern const Record name;                                                                \
-    }                                                                                        \
-    namespace avx512 {                                                                       \
-    extern const Record name;                                                                \
-    }                                                                                        \
-    inline const Record& Active()                                                            \
-    {                                                                                        \
-        static const Record* const tables[] = {&baseline::name, &avx2::name, &avx512::name}; \
-        return *tables[static_cast<int>(ActiveLevel())];                                     \
+// The table of a record for the level in use: Kernels<UnaryKernels>().neg(in, out, count).
+template <class Record>
+const Record& Kernels();
+
+// Declares a record's table at every level, named after it: kUnaryKernels of UnaryKernels.
+#define OPKIT_KERNEL_TABLE(Record)                                                                          \
+    namespace baseline {                                                                                    \
+    extern const Record k##Record;                                                                          \
+    }                                                                                                       \
+    namespace avx2 {                                                                                        \
+    extern const Record k##Record;                                                                          \
+    }                                                                                                       \
+    namespace avx512 {                                                                                      \
+    extern const Record k##Record;                                                                          \
+    }                                                                                                       \
+    template <>                                                                                             \
+    inline const Record& Kernels<Record>()                                                                  \
+    {                                                                                                       \
+        static const Record* const tables[] = {&baseline::k##Record, &avx2::k##Record, &avx512::k##Record}; \
+        return *tables[static_cast<int>(ActiveLevel())];                                                    \
     }
 
 }  // namespace opkit

@@ -136,7 +136,7 @@ void ScaleAndShift(const float* x, float* out, size_t count, float scale, float 
 
 }  // namespace
 
-extern const NormalizationKernels normalizationKernels = {kWholeFold<AddWholeMagnitude>, kWholeFold<AddWholeSquare>,
-                                                          SquaredDistances, ScaleAndShift};
+extern const NormalizationKernels kNormalizationKernels = {kWholeFold<AddWholeMagnitude>, kWholeFold<AddWholeSquare>,
+                                                           SquaredDistances, ScaleAndShift};
 
 }  // namespace opkit::OPKIT_LEVEL

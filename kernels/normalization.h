@@ -16,7 +16,7 @@ struct NormalizationKernels {
     // out = x * scale + shift, product and sum rounded apart. out may equal x.
     void (*scaleAndShift)(const float* x, float* out, size_t count, float scale, float shift);
 };
-OPKIT_KERNEL_TABLE(NormalizationKernels, normalizationKernels, Normalization)
+OPKIT_KERNEL_TABLE(NormalizationKernels)
 
 }  // namespace opkit
 

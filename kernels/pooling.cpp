@@ -229,7 +229,7 @@ void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint
 
 }  // namespace
 
-extern const PoolingKernels poolingKernels = {Reduce<SumStep>, Reduce<SumMagnitudesStep>, Reduce<SumSquaresStep>,
-                                              Reduce<MaxStep>, MaxPosition};
+extern const PoolingKernels kPoolingKernels = {Reduce<SumStep>, Reduce<SumMagnitudesStep>, Reduce<SumSquaresStep>,
+                                               Reduce<MaxStep>, MaxPosition};
 
 }  // namespace opkit::OPKIT_LEVEL

@@ -25,7 +25,7 @@ struct PoolingKernels {
     // The same, and the winner's position, as a float. `position` is that of windows.in; image rows are `width` apart.
     void (*maxPosition)(const PoolWindows& windows, float* best, float* positions, uint32_t position, uint32_t width);
 };
-OPKIT_KERNEL_TABLE(PoolingKernels, poolingKernels, Pooling)
+OPKIT_KERNEL_TABLE(PoolingKernels)
 
 }  // namespace opkit
 

@@ -92,6 +92,6 @@ void Quantize(float* data, size_t count, float scale, float zero)
 
 }  // namespace
 
-extern const QuantizedKernels quantizedKernels = {SumRows, SumColumns, Correct, Dequantize, Quantize};
+extern const QuantizedKernels kQuantizedKernels = {SumRows, SumColumns, Correct, Dequantize, Quantize};
 
 }  // namespace opkit::OPKIT_LEVEL

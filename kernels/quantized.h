@@ -19,7 +19,7 @@ struct QuantizedKernels {
     // x = round(x / scale) + zero, halves away from zero
     void (*quantize)(float* data, size_t count, float scale, float zero);
 };
-OPKIT_KERNEL_TABLE(QuantizedKernels, quantizedKernels, Quantized)
+OPKIT_KERNEL_TABLE(QuantizedKernels)
 
 }  // namespace opkit
 

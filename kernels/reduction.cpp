@@ -54,7 +54,7 @@ struct Multiply {
 
 }  // namespace
 
-extern const ReductionKernels reductionKernels = {
+extern const ReductionKernels kReductionKernels = {
     kFold<Add>, kFold<AddMagnitude>, kFold<AddSquare>, kFold<Largest>, kFold<Smallest>, kFold<Multiply>,
 };
 

@@ -22,7 +22,7 @@ struct ReductionKernels {
     FoldKernels smallest;   // the same below it
     FoldKernels product;
 };
-OPKIT_KERNEL_TABLE(ReductionKernels, reductionKernels, Reduction)
+OPKIT_KERNEL_TABLE(ReductionKernels)
 
 }  // namespace opkit
 

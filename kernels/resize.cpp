@@ -80,6 +80,6 @@ void Pick(const float* row, size_t width, const uint32_t* columns, float* out, s
 
 }  // namespace
 
-extern const ResizeKernels resizeKernels = {BlendRows, Pick};
+extern const ResizeKernels kResizeKernels = {BlendRows, Pick};
 
 }  // namespace opkit::OPKIT_LEVEL

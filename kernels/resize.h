@@ -19,7 +19,7 @@ struct ResizeKernels {
     // out[i] = row[columns[i]]. The row has `width` floats; columns beyond it are allowed where there is memory.
     void (*pick)(const float* row, size_t width, const uint32_t* columns, float* out, size_t count);
 };
-OPKIT_KERNEL_TABLE(ResizeKernels, resizeKernels, ResizeLoops)
+OPKIT_KERNEL_TABLE(ResizeKernels)
 
 }  // namespace opkit
 

@@ -101,6 +101,6 @@ bool Select(const float* lane, size_t step, size_t count, SortEntry* best, size_
 
 }  // namespace
 
-extern const SelectionKernels selectionKernels = {Select<Largest>, Select<Smallest>};
+extern const SelectionKernels kSelectionKernels = {Select<Largest>, Select<Smallest>};
 
 }  // namespace opkit::OPKIT_LEVEL

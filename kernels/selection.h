@@ -15,7 +15,7 @@ struct SelectionKernels {
     SelectKernel largest;
     SelectKernel smallest;
 };
-OPKIT_KERNEL_TABLE(SelectionKernels, selectionKernels, Selection)
+OPKIT_KERNEL_TABLE(SelectionKernels)
 
 }  // namespace opkit
 

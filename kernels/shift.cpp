@@ -57,6 +57,6 @@ size_t Shift(const float* a, size_t stepA, const float* b, size_t stepB, float* 
 
 }  // namespace
 
-extern const ShiftKernels shiftKernels = {Shift<Left>, Shift<Right>};
+extern const ShiftKernels kShiftKernels = {Shift<Left>, Shift<Right>};
 
 }  // namespace opkit::OPKIT_LEVEL

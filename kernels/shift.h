@@ -17,7 +17,7 @@ struct ShiftKernels {
     ShiftKernel left;
     ShiftKernel right;
 };
-OPKIT_KERNEL_TABLE(ShiftKernels, shiftKernels, Shifts)
+OPKIT_KERNEL_TABLE(ShiftKernels)
 
 }  // namespace opkit
 

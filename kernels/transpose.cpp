@@ -79,6 +79,6 @@ void Plane(const float* in, size_t inStep, float* out, size_t outStep, uint32_t 
 
 }  // namespace
 
-extern const TransposeKernels transposeKernels = {Plane};
+extern const TransposeKernels kTransposeKernels = {Plane};
 
 }  // namespace opkit::OPKIT_LEVEL

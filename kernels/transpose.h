@@ -10,7 +10,7 @@ struct TransposeKernels {
     // out[r * outStep + c] = in[c * inStep + r] for r below `rows` and c below `columns`. The two do not overlap.
     void (*plane)(const float* in, size_t inStep, float* out, size_t outStep, uint32_t rows, uint32_t columns);
 };
-OPKIT_KERNEL_TABLE(TransposeKernels, transposeKernels, Transposing)
+OPKIT_KERNEL_TABLE(TransposeKernels)
 
 }  // namespace opkit
 

@@ -17,7 +17,7 @@ void Map(const float* in, float* out, size_t count)
 
 }  // namespace
 
-extern const UnaryKernels unaryKernels = {Map<NegElement>, Map<ReciprocalElement>, Map<SignElement>,
-                                          Map<SoftsignElement>};
+extern const UnaryKernels kUnaryKernels = {Map<NegElement>, Map<ReciprocalElement>, Map<SignElement>,
+                                           Map<SoftsignElement>};
 
 }  // namespace opkit::OPKIT_LEVEL

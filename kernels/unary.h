@@ -12,7 +12,7 @@ struct UnaryKernels {
     void (*sign)(const float* in, float* out, size_t count);
     void (*softsign)(const float* in, float* out, size_t count);
 };
-OPKIT_KERNEL_TABLE(UnaryKernels, unaryKernels, Unary)
+OPKIT_KERNEL_TABLE(UnaryKernels)
 
 }  // namespace opkit
 

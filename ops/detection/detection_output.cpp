@@ -76,12 +76,12 @@ uint32_t KeepApart(DetBox* boxes, uint32_t total, uint32_t maxKeep, float thresh
         BoxBlock block;
         Collect(boxes + begin, count, &block);
         for (uint32_t k = 0; k < kept; ++k) {
-            BoxLoops().suppress(block, 0, count, FieldsOf(boxes[k]), thresh, keep + begin);
+            Kernels<BoxKernels>().suppress(block, 0, count, FieldsOf(boxes[k]), thresh, keep + begin);
         }
         for (uint32_t i = 0; i < count && kept < maxKeep; ++i) {
             if (keep[begin + i] != 0) {
                 const DetBox box = boxes[begin + i];
-                BoxLoops().suppress(block, i + 1, count, FieldsOf(box), thresh, keep + begin);
+                Kernels<BoxKernels>().suppress(block, i + 1, count, FieldsOf(box), thresh, keep + begin);
                 boxes[kept++] = box;
             }
         }

@@ -97,7 +97,7 @@ float* SelectClass(BoxHeap* heap, const float* boxes, uint32_t batch, uint32_t c
         const uint32_t candidate = FindMax(heap, &score);
         Pop(heap, &score);
         const Sides sides = SidesOf(boxes + size_t{candidate} * 4, settings.center);
-        bool suppressed = BoxLoops().overlapsAny(block, inBlock, FieldsOf(sides), settings.overlap);
+        bool suppressed = Kernels<BoxKernels>().overlapsAny(block, inBlock, FieldsOf(sides), settings.overlap);
         for (const float* row = firstRow + 3 * inBlock; row != rows && !suppressed; row += 3) {
             const int32_t better = TruncateToI32(row[2]);
             suppressed = OverlapAbove(SidesOf(boxes + ptrdiff_t{better} * 4, settings.center), sides, settings.overlap);

@@ -20,6 +20,6 @@ uint32_t BinaryMathOpkitForward(LayerParam* param)
         Report(Here(), "Binary math type[%d] error. failed.\n\n", static_cast<int32_t>(attr.mathType));
         return kFailure;
     }
-    MapRuns(operands, Rows::kPadded, Rows::kPadded, Binary().math[attr.mathType]);
+    MapRuns(operands, Rows::kPadded, Rows::kPadded, Kernels<BinaryKernels>().math[attr.mathType]);
     return kSuccess;
 }

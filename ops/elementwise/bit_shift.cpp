@@ -51,12 +51,12 @@ void ShiftRun(ShiftKernel kernel, const float* a, size_t stepA, const float* b, 
 
 void ShiftLeftRun(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
 {
-    ShiftRun<BitShiftLeft>(Shifts().left, a, stepA, b, stepB, out, count);
+    ShiftRun<BitShiftLeft>(Kernels<ShiftKernels>().left, a, stepA, b, stepB, out, count);
 }
 
 void ShiftRightRun(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
 {
-    ShiftRun<BitShiftRight>(Shifts().right, a, stepA, b, stepB, out, count);
+    ShiftRun<BitShiftRight>(Kernels<ShiftKernels>().right, a, stepA, b, stepB, out, count);
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ uint32_t CeluOpkitForward(LayerParam* param)
         return kFailure;
     }
     ForEachAlignedRow(in, out, [alpha](const float* from, float* to, uint32_t length) {
-        Exponentials().celu(from, to, length, alpha);
+        Kernels<ExponentialKernels>().celu(from, to, length, alpha);
     });
     return kSuccess;
 }

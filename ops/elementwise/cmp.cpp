@@ -17,7 +17,7 @@ uint32_t CmpOpkitForward(LayerParam* param)
     CmpAttr& attr = AttrOf<CmpAttr>(param);
     RecordStrides(attr, operands);
     if (attr.cmpType <= OPKIT_CMP_LESS_EQUAL) {
-        MapRuns(operands, Rows::kPadded, Rows::kPadded, Binary().compare[attr.cmpType]);
+        MapRuns(operands, Rows::kPadded, Rows::kPadded, Kernels<BinaryKernels>().compare[attr.cmpType]);
     }
     return kSuccess;
 }

@@ -18,7 +18,7 @@ uint32_t HardSigmoidOpkitForward(LayerParam* param)
     const Output out = OutputOf(param, 0);
     const float alpha = AttrOf<HardSigmoidAttr>(param).alpha;
     const float beta = AttrOf<HardSigmoidAttr>(param).beta;
-    const auto hardSigmoid = Activation().hardSigmoid;
+    const auto hardSigmoid = Kernels<ActivationKernels>().hardSigmoid;
     ForEachPaddedToCompact(
         in, out, [=](const float* from, float* to, uint32_t length) { hardSigmoid(from, to, length, alpha, beta); });
     return ExpandOutputChecked(out);

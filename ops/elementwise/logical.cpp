@@ -22,7 +22,7 @@ uint32_t AndOrXorForward(LayerParam* param)
     Operands<2> operands;
     if (known && Resolve(param, &operands) && MayPassOnce(operands)) {
         RecordStrides(attr, operands);
-        const BinaryKernel kernel = Binary().logical[attr.logicalType];
+        const BinaryKernel kernel = Kernels<BinaryKernels>().logical[attr.logicalType];
         ForEachRowOnce(operands, [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out,
                                           uint32_t length) { kernel(in[0], steps[0], in[1], steps[1], out, length); });
         return kSuccess;
@@ -32,7 +32,7 @@ uint32_t AndOrXorForward(LayerParam* param)
     }
     RecordStrides(attr, operands);
     if (known) {
-        MapRuns(operands, Rows::kCompact, Rows::kCompact, Binary().logical[attr.logicalType]);
+        MapRuns(operands, Rows::kCompact, Rows::kCompact, Kernels<BinaryKernels>().logical[attr.logicalType]);
     }
     return ExpandOutputChecked(operands.out);
 }
@@ -44,6 +44,6 @@ uint32_t NotForward(LayerParam* param)
         return kFailure;
     }
     RecordStrides(AttrOf<LogicalAttr>(param), operands);
-    MapCompactRuns(operands, Activation().logicalNot);
+    MapCompactRuns(operands, Kernels<ActivationKernels>().logicalNot);
     return ExpandOutputChecked(operands.out);
 }

@@ -29,7 +29,7 @@ uint32_t RoundOpkitForward(LayerParam* param)
     }
     const uint32_t mode = AttrOf<RoundAttr>(param).roundMode;
     if (mode <= OPKIT_ROUND_NEAREST) {
-        ForEachPaddedToCompact(in, out, Activation().round[mode]);
+        ForEachPaddedToCompact(in, out, Kernels<ActivationKernels>().round[mode]);
     }
     return ExpandOutputChecked(out);
 }

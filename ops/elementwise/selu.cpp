@@ -20,7 +20,7 @@ uint32_t SeluOpkitForward(LayerParam* param)
     const float alpha = AttrOf<SeluAttr>(param).alpha;
     const float gamma = AttrOf<SeluAttr>(param).gamma;
     ForEachPaddedToCompact(in, out, [=](const float* from, float* to, uint32_t length) {
-        Exponentials().selu(from, to, length, alpha, gamma);
+        Kernels<ExponentialKernels>().selu(from, to, length, alpha, gamma);
     });
     return ExpandOutputChecked(out);
 }

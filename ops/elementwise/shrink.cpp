@@ -18,7 +18,7 @@ uint32_t ShrinkOpkitForward(LayerParam* param)
     const Output out = OutputOf(param, 0);
     const float bias = AttrOf<ShrinkAttr>(param).bias;
     const float lambd = AttrOf<ShrinkAttr>(param).lambd;
-    const auto shrink = Activation().shrink;
+    const auto shrink = Kernels<ActivationKernels>().shrink;
     ForEachPaddedToCompact(
         in, out, [=](const float* from, float* to, uint32_t length) { shrink(from, to, length, bias, lambd); });
     return ExpandOutputChecked(out);

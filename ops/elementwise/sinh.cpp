@@ -15,7 +15,7 @@ uint32_t SinhOpkitForward(LayerParam* param)
         CompactRows(in.data, in.count, in.width, in.alignNum);
     }
     const Output out = OutputOf(param, 0);
-    Exponentials().sinh(in.data, out.data, in.count);
+    Kernels<ExponentialKernels>().sinh(in.data, out.data, in.count);
     if (out.count != 0) {
         SpreadRows(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum,
                    LastIndex(out.count, out.width, out.alignNum));

@@ -14,6 +14,6 @@ uint32_t SqrtOpkitForward(LayerParam* param)
         return kFailure;
     }
     RecordStrides(AttrOf<SqrtAttr>(param), operands);
-    MapCompactRuns(operands, Activation().squareRoot);
+    MapCompactRuns(operands, Kernels<ActivationKernels>().squareRoot);
     return ExpandOutputChecked(operands.out);
 }

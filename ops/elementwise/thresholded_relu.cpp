@@ -19,7 +19,7 @@ uint32_t ThresholdedReluOpkitForward(LayerParam* param)
         return kFailure;
     }
     const float alpha = AttrOf<ThresholdedReluAttr>(param).alpha;
-    const auto threshold = Activation().threshold;
+    const auto threshold = Kernels<ActivationKernels>().threshold;
     ForEachAlignedRow(in, out,
                       [=](const float* from, float* to, uint32_t length) { threshold(from, to, length, alpha); });
     return kSuccess;

@@ -74,7 +74,7 @@ uint32_t SingleInOutCalcfuncWithLoopWrapper(ElementFunc element, InputResolver r
 
 void AcoshCalcFunc(float* src, float* dst, void* /*opkitBuf*/, uint32_t count)
 {
-    Exponentials().acosh(src, dst, count);
+    Kernels<ExponentialKernels>().acosh(src, dst, count);
 }
 
 float NegCalcFunc(float x)
@@ -149,22 +149,22 @@ uint32_t CoshOpkitForward(LayerParam* param)
 
 uint32_t NegOpkitForward(LayerParam* param)
 {
-    return WalkUnary(ParseInputInfo, param, Unary().neg);
+    return WalkUnary(ParseInputInfo, param, Kernels<UnaryKernels>().neg);
 }
 
 uint32_t ReciprocalOpkitForward(LayerParam* param)
 {
-    return WalkUnary(ParseInputInfo, param, Unary().reciprocal);
+    return WalkUnary(ParseInputInfo, param, Kernels<UnaryKernels>().reciprocal);
 }
 
 uint32_t SigmoidOpkitForward(LayerParam* param)
 {
-    return WalkUnary(ParseInputInfo, param, Exponentials().sigmoid);
+    return WalkUnary(ParseInputInfo, param, Kernels<ExponentialKernels>().sigmoid);
 }
 
 uint32_t SignOpkitForward(LayerParam* param)
 {
-    return WalkUnary(ParseInputInfo, param, Unary().sign);
+    return WalkUnary(ParseInputInfo, param, Kernels<UnaryKernels>().sign);
 }
 
 uint32_t SinOpkitForward(LayerParam* param)
@@ -174,12 +174,12 @@ uint32_t SinOpkitForward(LayerParam* param)
 
 uint32_t SoftplusOpkitForward(LayerParam* param)
 {
-    return WalkUnary(ParseInputInfo, param, Exponentials().softplus);
+    return WalkUnary(ParseInputInfo, param, Kernels<ExponentialKernels>().softplus);
 }
 
 uint32_t SoftsignOpkitForward(LayerParam* param)
 {
-    return WalkUnary(ParseInputInfo, param, Unary().softsign);
+    return WalkUnary(ParseInputInfo, param, Kernels<UnaryKernels>().softsign);
 }
 
 uint32_t TanOpkitForward(LayerParam* param)

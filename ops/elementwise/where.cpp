@@ -16,7 +16,7 @@ constexpr uint32_t kInputs = 3;
 void SelectRun(const float* const (&in)[kInputs], const uint32_t (&steps)[kInputs], float* out, uint32_t length)
 {
     if (steps[0] != 0) {
-        Binary().select(in[0], in[1], steps[1], in[2], steps[2], out, length);
+        Kernels<BinaryKernels>().select(in[0], in[1], steps[1], in[2], steps[2], out, length);
         return;
     }
     const uint32_t chosen = NearZero(*in[0]) ? 2 : 1;  // for the whole run

@@ -130,8 +130,8 @@ bool NeedsNoCorrection(const ConvolutionAttr& attr, const Operands& operands, co
     return !zeroPoints && operands.forY.scale == 1 && attr.gemmK <= kTerms && weights <= operands.w.count &&
            static_cast<uint64_t>(image - operands.x.data) + imageSize <= operands.x.count &&
            StaysUntouched(attr, operands.w.data, weights, y) &&
-           ImageColumnLoops().areWithin(operands.w.data, weights, kLimit) &&
-           ImageColumnLoops().areWithin(image, imageSize, kLimit);
+           Kernels<ImageColumnKernels>().areWithin(operands.w.data, weights, kLimit) &&
+           Kernels<ImageColumnKernels>().areWithin(image, imageSize, kLimit);
 }
 
 int32_t GroupOffset(uint32_t group, uint32_t distance)
@@ -163,8 +163,8 @@ void MultiplyImage(const ConvolutionAttr& attr, const Operands& operands, const 
         float* const c = y + GroupOffset(g, attr.outGroupOffset);
         const ImageColumns columns = FindColumns(attr, image, g, operands.padValue);
         std::memset(c, 0, size_t{attr.gemmM} * attr.gemmN * sizeof(float));
-        GemmLoops().accumulateFrom(attr.gemmM, attr.gemmN, attr.gemmK, scale, {w, attr.gemmK, 1},
-                                   {ImageColumnLoops().fill, &columns}, c);
+        Kernels<GemmKernels>().accumulateFrom(attr.gemmM, attr.gemmN, attr.gemmK, scale, {w, attr.gemmK, 1},
+                                              {Kernels<ImageColumnKernels>().fill, &columns}, c);
     }
 }
 

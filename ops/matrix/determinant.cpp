@@ -12,7 +12,7 @@ using namespace opkit;
 void GetMaxRowAndCol(float* matrix, uint32_t n, uint32_t k, uint32_t* row, uint32_t* col)
 {
     if (k < n) {
-        Determinant().findPivot(matrix, n, k, row, col);
+        Kernels<DeterminantKernels>().findPivot(matrix, n, k, row, col);
     }
 }
 
@@ -58,7 +58,7 @@ uint32_t CalculateDet(float* matrix, float* result, uint32_t n)
             negative = !negative;
         }
         product *= static_cast<double>(matrix[size_t{k} * n + k]);
-        Determinant().eliminate(matrix, n, k);
+        Kernels<DeterminantKernels>().eliminate(matrix, n, k);
     }
     *result = static_cast<float>(negative ? -product : product);
     return kSuccess;

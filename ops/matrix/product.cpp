@@ -37,8 +37,8 @@ void Gemm(GemmArgs args)
     // Onto a cleared C both walks give the same, since a sum that starts from 0.0 is never -0.0.
     const bool cleared = count > 0 && args.beta == 0.0f;
     if ((!args.transA && !args.transB) || cleared) {
-        GemmLoops().accumulate(args.M, args.N, args.K, args.alpha, a, b, args.C);
+        Kernels<GemmKernels>().accumulate(args.M, args.N, args.K, args.alpha, a, b, args.C);
     } else if (count != 0) {
-        GemmLoops().addSums(args.M, args.N, args.K, args.alpha, a, b, args.C);
+        Kernels<GemmKernels>().addSums(args.M, args.N, args.K, args.alpha, a, b, args.C);
     }
 }

@@ -65,7 +65,8 @@ void QLinearMatMulQuantize(float* data, int32_t count, int32_t mode, float scale
     if (count < 1) {
         return;
     }
-    const auto convert = mode == kDequantize ? Quantized().dequantize : Quantized().quantize;
+    const auto convert =
+        mode == kDequantize ? Kernels<QuantizedKernels>().dequantize : Kernels<QuantizedKernels>().quantize;
     convert(data, static_cast<size_t>(count), scale, zero);
 }
 

@@ -27,7 +27,7 @@ size_t Smaller(size_t a, size_t b)
 void CorrectRows(const float* a, const float* b, float* c, size_t rows, size_t N, size_t K,
                  const Correction& correction)
 {
-    const QuantizedKernels& kernels = Quantized();
+    const QuantizedKernels& kernels = Kernels<QuantizedKernels>();
     float rowTerms[kRowBlock];
     kernels.sumRows(a, rows, K, rowTerms);
     for (size_t i = 0; i < rows; ++i) {

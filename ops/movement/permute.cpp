@@ -130,7 +130,7 @@ void Transpose(const float* in, float* out, Walk walk)
     }
     const Axis rows = unit < walk.rank ? TakeAxis(&walk, unit) : kNone;
     ForEachPosition(walk, [&](size_t from, size_t to) {
-        Transposing().plane(in + from, inner.inStep, out + to, rows.outStep, rows.extent, inner.extent);
+        Kernels<TransposeKernels>().plane(in + from, inner.inStep, out + to, rows.outStep, rows.extent, inner.extent);
     });
 }
 

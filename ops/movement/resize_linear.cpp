@@ -41,8 +41,8 @@ struct Line {
             return;
         }
         source = row;
-        ResizeLoops().pick(plane + row, width, columns.first, left, columns.count);
-        ResizeLoops().pick(plane + row, width, columns.second, right, columns.count);
+        Kernels<ResizeKernels>().pick(plane + row, width, columns.first, left, columns.count);
+        Kernels<ResizeKernels>().pick(plane + row, width, columns.second, right, columns.count);
     }
 };
 
@@ -69,9 +69,9 @@ void SamplePlaneByLines(const BilinearParams& params, const float* plane, uint32
             }
             first->Gather(plane, params.inY1[y], width, block);
             second->Gather(plane, params.inY2[y], width, block);
-            ResizeLoops().blendRows({first->left, first->right}, {second->left, second->right}, params.dx1 + begin,
-                                    params.dx2 + begin, params.dy1[y], params.dy2[y], out + y * pitchOut + begin,
-                                    count);
+            Kernels<ResizeKernels>().blendRows({first->left, first->right}, {second->left, second->right},
+                                               params.dx1 + begin, params.dx2 + begin, params.dy1[y], params.dy2[y],
+                                               out + y * pitchOut + begin, count);
         }
     }
 }

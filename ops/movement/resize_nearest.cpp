@@ -70,7 +70,7 @@ struct ColumnPicker {
     void Pick(const float* in, const uint32_t* columns, float* out, uint32_t count) const
     {
         if (!oneByOne) {
-            ResizeLoops().pick(in, rowWidth, columns, out, count);
+            Kernels<ResizeKernels>().pick(in, rowWidth, columns, out, count);
             return;
         }
         for (uint32_t i = 0; i < count; ++i) {

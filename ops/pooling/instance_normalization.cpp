@@ -75,11 +75,11 @@ uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
         }
         float means[kSideBySide] = {};
         float squares[kSideBySide] = {};
-        Reduction().sum.rows(means, from, here, planes.size, planes.size);
+        Kernels<ReductionKernels>().sum.rows(means, from, here, planes.size, planes.size);
         for (uint32_t i = 0; i < here; ++i) {
             means[i] = means[i] / size;
         }
-        Normalization().squaredDistances(squares, means, from, here, planes.size, planes.size);
+        Kernels<NormalizationKernels>().squaredDistances(squares, means, from, here, planes.size, planes.size);
         for (uint32_t i = 0; i < here; ++i, channel = channel + 1 == planes.channels ? 0 : channel + 1) {
             const float variance = squares[i] / size + epsilon;
             const float inverse = static_cast<float>(1.0 / std::sqrt(static_cast<double>(variance)));
@@ -93,7 +93,7 @@ uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
                 Report(Here(), "memcpy failed, errnum = %d\n", error);
                 return kFailure;
             }
-            Normalization().scaleAndShift(y.data + offset, y.data + offset, planes.size, a, shift);
+            Kernels<NormalizationKernels>().scaleAndShift(y.data + offset, y.data + offset, planes.size, a, shift);
         }
     }
     return ExpandOutput(y);

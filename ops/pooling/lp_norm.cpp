@@ -60,7 +60,10 @@ struct Norm {
     }
 
 private:
-    const FoldKernels& Sums() const { return p == 1 ? Normalization().wholeMagnitudes : Normalization().wholeSquares; }
+    const FoldKernels& Sums() const
+    {
+        return p == 1 ? Kernels<NormalizationKernels>().wholeMagnitudes : Kernels<NormalizationKernels>().wholeSquares;
+    }
 
     void AddPower(float* sum, float x) const
     {

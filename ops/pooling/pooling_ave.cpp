@@ -82,8 +82,9 @@ int32_t PoolingAveOpkitForwardCore(LayerParam* param)
             for (uint32_t ow = 0; ow < count; ++ow) {
                 outRow[ow] = 0.0f;
             }
-            columns.ForEachRun(plane, pitch, rows, count,
-                               [&](const PoolWindows& windows, uint32_t ow) { Pooling().sum(windows, outRow + ow); });
+            columns.ForEachRun(plane, pitch, rows, count, [&](const PoolWindows& windows, uint32_t ow) {
+                Kernels<PoolingKernels>().sum(windows, outRow + ow);
+            });
             const uint32_t height = Extent(rowAxis, paddedH, oh);
             for (uint32_t ow = 0; ow < count;) {
                 const uint32_t end = columns.RunEnd(ow, count);

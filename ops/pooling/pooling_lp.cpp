@@ -23,7 +23,8 @@ int32_t PoolingLpOpkitForwardCore(LayerParam* param)
     const PoolShape shape(in, param->outputs[0]);
     const PoolAxis rowAxis = {shape.inH, attr.kernelH, attr.strideH, attr.padTop};
     const PoolColumns columns({shape.inW, attr.kernelW, attr.strideW, attr.padLeft}, shape.outW);
-    const auto accumulate = attr.normP == 1 ? Pooling().sumMagnitudes : Pooling().sumSquares;
+    const auto accumulate =
+        attr.normP == 1 ? Kernels<PoolingKernels>().sumMagnitudes : Kernels<PoolingKernels>().sumSquares;
 
     const float* plane = in.data;
     float* outRow = static_cast<float*>(param->outputs[0].data);

@@ -49,7 +49,7 @@ void MaxWithPositions(const PoolWindows& windows, float* best, const Positions& 
         part.in += static_cast<ptrdiff_t>(offset) * windows.step;
         part.count = count;
         const uint32_t first = position + static_cast<uint32_t>(offset) * static_cast<uint32_t>(windows.step);
-        Pooling().maxPosition(part, best + offset, place, first, shape.inW);
+        Kernels<PoolingKernels>().maxPosition(part, best + offset, place, first, shape.inW);
     });
 }
 
@@ -116,7 +116,7 @@ uint32_t PoolingMaxOpkitForwardCore(LayerParam* param)
                                               static_cast<uint32_t>(columns.axis.Clip(ow).begin);
                     MaxWithPositions(windows, outRow + ow, positions, row, ow, position, shape);
                 } else {
-                    Pooling().max(windows, outRow + ow);
+                    Kernels<PoolingKernels>().max(windows, outRow + ow);
                 }
             });
             BringInPadding(outRow, rowAxis.Start(oh) < 0, columns, attr.padValue);

@@ -80,7 +80,7 @@ uint32_t ArgminOpkitForward(LayerParam* param)
         });
     } else {
         WritePlaces(in, attr.axis, lanes, out, entries, [&](const float* lane, size_t step, SortEntry* first) {
-            if (!Selection().smallest(lane, step, lanes.length, first, 1)) {
+            if (!Kernels<SelectionKernels>().smallest(lane, step, lanes.length, first, 1)) {
                 SortLane(lane, step, first, lanes.length, 1, buffer.Data(), SelectFirst());
             }
         });

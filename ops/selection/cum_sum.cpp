@@ -46,7 +46,7 @@ void SumLanes(const float* in, float* out, const Lanes& lanes, bool reverse, boo
     const size_t inner = lanes.inner;
     const size_t total = size_t{lanes.count} * lanes.length;
     if (inner == 1) {
-        LaneLoops().runningSums(in, out, lanes.count, lanes.length, reverse);
+        Kernels<LaneKernels>().runningSums(in, out, lanes.count, lanes.length, reverse);
     }
     for (size_t begin = 0; inner != 1 && begin < total; begin += inner * lanes.length) {
         SumRows(in + begin, out + begin, lanes.length, inner, reverse);

@@ -20,7 +20,8 @@ void WriteCoordinates(const Input& in, float* out, uint32_t count)
     const uint32_t rows = in.count / in.width;
     for (uint32_t row = 0, done = 0; row < rows && done < count; ++row) {
         // What is found is never more than is still to come.
-        const uint32_t found = LaneLoops().nonZeroPlaces(in.data + row * pitch, in.width, columns + done, count - done);
+        const uint32_t found =
+            Kernels<LaneKernels>().nonZeroPlaces(in.data + row * pitch, in.width, columns + done, count - done);
         if (found == 0) {
             continue;
         }
@@ -49,8 +50,9 @@ uint32_t NonZeroOpkitForward(LayerParam* param)
     const Output out = OutputOf(param, 0);
     uint32_t count = 0;
     if (in.count != 0) {
-        ForEachRowRun(in.count, in.width, in.Pitch(), in.width, in.Pitch(),
-                      [&](size_t from, size_t, uint32_t n) { count += LaneLoops().countNonZero(in.data + from, n); });
+        ForEachRowRun(in.count, in.width, in.Pitch(), in.width, in.Pitch(), [&](size_t from, size_t, uint32_t n) {
+            count += Kernels<LaneKernels>().countNonZero(in.data + from, n);
+        });
     }
     const uint64_t packed = uint64_t{static_cast<uint32_t>(in.dimNum)} * count;
     const uint32_t restBytes = (out.count - static_cast<uint32_t>(packed)) * static_cast<uint32_t>(sizeof(float));

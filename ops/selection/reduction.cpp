@@ -25,20 +25,20 @@ const FoldKernels* FoldOf(uint32_t type)
         case OPKIT_REDUCE_SUM:
         case OPKIT_REDUCE_MEAN:
         case OPKIT_REDUCE_LOG_SUM:
-            return &Reduction().sum;
+            return &Kernels<ReductionKernels>().sum;
         case OPKIT_REDUCE_L1:
-            return &Reduction().magnitude;
+            return &Kernels<ReductionKernels>().magnitude;
         case OPKIT_REDUCE_SUM_SQUARE:
         case OPKIT_REDUCE_L2:
-            return &Reduction().square;
+            return &Kernels<ReductionKernels>().square;
         case OPKIT_REDUCE_LOG_SUM_EXP:
-            return &Exponentials().sum;
+            return &Kernels<ExponentialKernels>().sum;
         case OPKIT_REDUCE_MAX:
-            return &Reduction().largest;
+            return &Kernels<ReductionKernels>().largest;
         case OPKIT_REDUCE_MIN:
-            return &Reduction().smallest;
+            return &Kernels<ReductionKernels>().smallest;
         case OPKIT_REDUCE_PROD:
-            return &Reduction().product;
+            return &Kernels<ReductionKernels>().product;
         default:
             return nullptr;
     }

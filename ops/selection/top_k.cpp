@@ -38,7 +38,7 @@ struct MergesDescending {
     int32_t operator()(const SortEntry& a, const SortEntry& b) const { return b.value > a.value ? 1 : -1; }
     bool Select(const float* lane, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
     {
-        return Selection().largest(lane, step, length, entries, k);
+        return Kernels<SelectionKernels>().largest(lane, step, length, entries, k);
     }
 };
 
@@ -46,7 +46,7 @@ struct MergesAscending {
     int32_t operator()(const SortEntry& a, const SortEntry& b) const { return a.value > b.value ? 1 : -1; }
     bool Select(const float* lane, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
     {
-        return Selection().smallest(lane, step, length, entries, k);
+        return Kernels<SelectionKernels>().smallest(lane, step, length, entries, k);
     }
 };
 

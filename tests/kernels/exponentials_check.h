@@ -33,17 +33,21 @@ struct Formula {
 inline std::vector<Formula> Formulas()
 {
     const auto celu = [](float alpha) {
-        return Formula{"Celu",
-                       [alpha](const float* in, float* out, size_t n) { Exponentials().celu(in, out, n, alpha); },
-                       [alpha](float x) {
-                           const double growth = std::exp(static_cast<double>(x / alpha)) - 1.0;
-                           const float term = RoundedToFloat(growth * static_cast<double>(alpha));
-                           return (x >= 0.0f ? x : 0.0f) + (term < 0.0f && !(x >= 0.0f) ? term : 0.0f);
-                       }};
+        return Formula{
+            "Celu",
+            [alpha](const float* in, float* out, size_t n) { Kernels<ExponentialKernels>().celu(in, out, n, alpha); },
+            [alpha](float x) {
+                const double growth = std::exp(static_cast<double>(x / alpha)) - 1.0;
+                const float term = RoundedToFloat(growth * static_cast<double>(alpha));
+                return (x >= 0.0f ? x : 0.0f) + (term < 0.0f && !(x >= 0.0f) ? term : 0.0f);
+            }};
     };
     const auto selu = [](float alpha, float gamma) {
         return Formula{
-            "Selu", [=](const float* in, float* out, size_t n) { Exponentials().selu(in, out, n, alpha, gamma); },
+            "Selu",
+            [=](const float* in, float* out, size_t n) {
+                Kernels<ExponentialKernels>().selu(in, out, n, alpha, gamma);
+            },
             [=](float x) {
                 const double exponential = std::exp(static_cast<double>(x - alpha));
                 return x <= 0.0f ? RoundedToFloat(exponential * static_cast<double>(alpha) * static_cast<double>(gamma))
@@ -51,13 +55,13 @@ inline std::vector<Formula> Formulas()
             }};
     };
     return {
-        {"Sigmoid", [](const float* in, float* out, size_t n) { Exponentials().sigmoid(in, out, n); },
+        {"Sigmoid", [](const float* in, float* out, size_t n) { Kernels<ExponentialKernels>().sigmoid(in, out, n); },
          [](float x) { return RoundedToFloat(1.0 / (std::exp(static_cast<double>(-x)) + 1.0)); }},
-        {"Softplus", [](const float* in, float* out, size_t n) { Exponentials().softplus(in, out, n); },
+        {"Softplus", [](const float* in, float* out, size_t n) { Kernels<ExponentialKernels>().softplus(in, out, n); },
          [](float x) { return RoundedToFloat(std::log(std::exp(static_cast<double>(x)) + 1.0)); }},
-        {"Sinh", [](const float* in, float* out, size_t n) { Exponentials().sinh(in, out, n); },
+        {"Sinh", [](const float* in, float* out, size_t n) { Kernels<ExponentialKernels>().sinh(in, out, n); },
          [](float x) { return RoundedToFloat(std::sinh(static_cast<double>(x))); }},
-        {"Acosh", [](const float* in, float* out, size_t n) { Exponentials().acosh(in, out, n); },
+        {"Acosh", [](const float* in, float* out, size_t n) { Kernels<ExponentialKernels>().acosh(in, out, n); },
          [](float x) { return RoundedToFloat(std::acosh(static_cast<double>(x))); }},
         celu(1.0f),
         celu(-0.75f),

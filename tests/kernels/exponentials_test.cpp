@@ -74,10 +74,10 @@ TEST(Exponentials, Sums)
         }
         ForEachLevel([&](Level) {
             std::vector<float> actual(rows, 0.0f);
-            Exponentials().sum.rows(actual.data(), x.data(), rows, pitch, columns);
+            Kernels<ExponentialKernels>().sum.rows(actual.data(), x.data(), rows, pitch, columns);
             EXPECT_TRUE(SameFloats(actual, rowSums)) << "rows";
             actual.assign(columns, 0.0f);
-            Exponentials().sum.columns(actual.data(), x.data(), columns, rows, pitch);
+            Kernels<ExponentialKernels>().sum.columns(actual.data(), x.data(), columns, rows, pitch);
             EXPECT_TRUE(SameFloats(actual, columnSums)) << "columns";
         });
     });

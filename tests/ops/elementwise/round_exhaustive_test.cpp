@@ -31,7 +31,7 @@ uint32_t DifferingBlocks()
             expected[i] = RefRoundElement(Mode, in[i]);
         }
         test::ForEachLevel([&](Level) {
-            Activation().round[Mode](in.data(), actual.data(), kBlock);
+            Kernels<ActivationKernels>().round[Mode](in.data(), actual.data(), kBlock);
             differing += std::memcmp(actual.data(), expected.data(), kBlock * sizeof(float)) != 0;
         });
     }
