@@ -37,30 +37,73 @@ bool ParseInputInfo(float** data, uint32_t** shape, int32_t* dimNum, uint32_t* s
 
 namespace opkit {
 
-bool NextInput(InputCursor* cursor, Input* input)
+namespace {
+
+constexpr const char* After(MessageEnd end)
+{
+    return end == MessageEnd::kBlankLine ? "\n\n" : "\n";
+}
+
+}  // namespace
+
+bool ResolveNext(InputCursor* cursor, Input* input, Rows rows, Messages messages, Caller caller)
 {
     *input = Input();
-    const bool resolved = ParseInputInfo(&input->data, &input->shape, &input->dimNum, &input->stride, &input->count,
-                                         cursor->logical, &cursor->online, &cursor->offline, cursor->param);
-    ++cursor->logical;
+    const bool resolved = cursor->resolver(&input->data, &input->shape, &input->dimNum, &input->stride, &input->count,
+                                           cursor->logical++, &cursor->online, &cursor->offline, cursor->param);
     input->alignNum = input->stride >> 2;
     input->width = LastDimension(input->shape, input->dimNum);
-    return resolved;
-}
-
-bool NextInputOrReport(InputCursor* cursor, Input* input, Caller caller)
-{
-    const bool resolved = NextInput(cursor, input);
     if (!resolved) {
-        Report(caller, "ParseInputInfo failed.\n\n");
+        if (messages == Messages::kAll) {
+            Report(caller, "ParseInputInfo failed.\n\n");
+        }
+        return false;
     }
-    return resolved;
+    if (rows != Rows::kCompacting) {
+        return true;
+    }
+    if (messages != Messages::kNone) {
+        return CompactInput(*input, MessageEnd::kBlankLine, caller);
+    }
+    if (input->width != input->alignNum && input->count != 0) {
+        CompactRows(input->data, input->count, input->width, input->alignNum);
+    }
+    return true;
 }
 
-bool ResolveOnlyInput(LayerParam* param, Input* input)
+bool Resolve(LayerParam* param, std::initializer_list<Input*> inputs, Rows rows, Messages messages, Caller caller)
 {
     InputCursor cursor = {param};
-    return NextInput(&cursor, input);
+    for (Input* input : inputs) {
+        if (!ResolveNext(&cursor, input, rows, messages, caller)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Resolve(LayerParam* param, Input* inputs, uint32_t count, Rows rows, Messages messages, Caller caller)
+{
+    InputCursor cursor = {param};
+    for (uint32_t k = 0; k < count; ++k) {
+        if (!ResolveNext(&cursor, &inputs[k], rows, messages, caller)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ResolveThenCompact(LayerParam* param, std::initializer_list<Input*> inputs, Caller caller)
+{
+    if (!Resolve(param, inputs, Rows::kInPlace, Messages::kNone)) {
+        return false;
+    }
+    for (const Input* input : inputs) {
+        if (!CompactInput(*input, MessageEnd::kBlankLine, caller)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 Output OutputOf(const LayerParam* param, uint32_t index)
@@ -78,23 +121,23 @@ Output OutputOf(const LayerParam* param, uint32_t index)
     return output;
 }
 
-bool CompactInput(const Input& input, Caller caller)
+bool CompactInput(const Input& input, MessageEnd end, Caller caller)
 {
     if (input.width == input.alignNum) {
         return true;
     }
     const bool compacted = DelAlignSpace(input.data, static_cast<int32_t>(input.count), input.width, input.alignNum);
     if (!compacted) {
-        Report(caller, "DelAlignSpace failed.\n\n");
+        Report(caller, "DelAlignSpace failed.%s", After(end));
     }
     return compacted;
 }
 
-uint32_t ExpandOutput(const Output& output, Caller caller)
+uint32_t ExpandOutput(const Output& output, MessageEnd end, Caller caller)
 {
     const uint32_t lastIndex = LastIndex(output.count, output.width, output.alignNum);
     if (!InsertAlignSpace(output.data, output.count, static_cast<int32_t>(output.width), output.alignNum, lastIndex)) {
-        Report(caller, "InsertAlignSpace failed.\n\n");
+        Report(caller, "InsertAlignSpace failed.%s", After(end));
         return kFailure;
     }
     return kSuccess;
@@ -106,7 +149,15 @@ uint32_t ExpandOutputChecked(const Output& output, Caller caller)
         Report(caller, "widthOut can't be zero.\n\n");
         return kFailure;
     }
-    return ExpandOutput(output, caller);
+    return ExpandOutput(output, MessageEnd::kBlankLine, caller);
+}
+
+void ExpandOutputUnchecked(const Output& output)
+{
+    if (output.count != 0) {
+        SpreadRows(output.data, output.count, static_cast<int32_t>(output.width), output.alignNum,
+                   LastIndex(output.count, output.width, output.alignNum));
+    }
 }
 
 }  // namespace opkit

@@ -1,9 +1,13 @@
-// The frame of every operator: tensors as an operator sees them, resolving inputs, compacting and expanding rows.
+// The frame of every operator: tensors as an operator sees them, resolving inputs, the four ways to treat padded rows.
 //
-// Helpers that print do it in the name of the function that calls them.
+// An operator resolves its inputs, computes, and ends by expanding its output or by kSuccess. Helpers that print do it
+// in the name of the function that calls them.
 #ifndef OPKIT_RUNTIME_FRAME_H
 #define OPKIT_RUNTIME_FRAME_H
 
+#include <initializer_list>
+
+#include "common/overlap.h"
 #include "common/report.h"
 #include "common/row_layout.h"
 #include "common/shape.h"
@@ -31,7 +35,7 @@ struct Tensor {
 
     // Floats up to the end of the last row, its gap included: what the tensor occupies. Without an alignment, which not
     // every operator needs, rows have no gaps.
-    size_t Extent() const
+    size_t Span() const
     {
         const size_t rows = dimNum > 0 ? ElementCount(shape, static_cast<uint32_t>(dimNum) - 1) : 0;
         return rows * (alignNum != 0 ? Pitch() : width);
@@ -42,7 +46,7 @@ using Output = Tensor;
 
 inline bool TensorsOverlap(const Tensor& a, const Tensor& b)
 {
-    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
+    return RangesOverlap(a.data, a.Span(), b.data, b.Span());
 }
 
 // The attribute record of a layer, head included. Operators write stride records and state into it.
@@ -52,35 +56,80 @@ Attr& AttrOf(const LayerParam* param)
     return *static_cast<Attr*>(param->attr);
 }
 
-// Resolves a layer's logical inputs from 0 upward.
+// How an operator treats padded rows. It is part of its interface, since callers find different memory afterwards.
+enum class Rows {
+    kInPlace,     // rows are read and written where they lie, by the row layout; gaps stay untouched
+    kCompacting,  // an input whose width differs from its alignment loses its padding, in its own memory and for good;
+                  // the output is written compactly and expanded
+    kExpanding,   // inputs are read where they lie; the output is written compactly and expanded
+    kStepping,    // rows are read and written one unrounded alignment after the other; gaps stay untouched
+};
+
+// What is printed when an input does not resolve, and when its rows cannot be compacted.
+enum class Messages {
+    kAll,     // "ParseInputInfo failed." and "DelAlignSpace failed."
+    kOfRows,  // the second only
+    kNone,    // neither, and rows are compacted without a check
+};
+
+// Resolves logical inputs 0, 1, ... in turn. False at the first that fails: one that is offline without dimensions, or
+// online and not there, or whose rows cannot be compacted. With Rows::kCompacting each input is compacted before the
+// next is resolved, and what was compacted before a failure stays so.
+bool Resolve(LayerParam* param, std::initializer_list<Input*> inputs, Rows rows, Messages messages,
+             Caller caller = Here());
+
+// The same for the first `count` records of an array.
+bool Resolve(LayerParam* param, Input* inputs, uint32_t count, Rows rows, Messages messages, Caller caller = Here());
+
+// Resolves all inputs, silently, before it compacts the first one.
+bool ResolveThenCompact(LayerParam* param, std::initializer_list<Input*> inputs, Caller caller = Here());
+
+// The place among a layer's inputs, for operators that resolve in an order of their own.
 struct InputCursor {
     LayerParam* param;
+    InputResolver resolver = ParseInputInfo;
     uint32_t logical = 0;
     uint32_t online = 0;
     uint32_t offline = 0;
 };
 
-// Resolves the next logical input; false when it is offline without dimensions, or online and there is none left.
-bool NextInput(InputCursor* cursor, Input* input);
+// Resolves the next logical input.
+bool ResolveNext(InputCursor* cursor, Input* input, Rows rows, Messages messages, Caller caller = Here());
 
-// The same, with "ParseInputInfo failed." in the caller's name.
-bool NextInputOrReport(InputCursor* cursor, Input* input, Caller caller = Here());
+// The older forms, until every operator has the ones above.
+inline bool NextInput(InputCursor* cursor, Input* input)
+{
+    return ResolveNext(cursor, input, Rows::kInPlace, Messages::kNone);
+}
 
-// Resolves logical input 0.
-bool ResolveOnlyInput(LayerParam* param, Input* input);
+inline bool NextInputOrReport(InputCursor* cursor, Input* input, Caller caller = Here())
+{
+    return ResolveNext(cursor, input, Rows::kInPlace, Messages::kAll, caller);
+}
+
+inline bool ResolveOnlyInput(LayerParam* param, Input* input)
+{
+    return Resolve(param, {input}, Rows::kInPlace, Messages::kNone);
+}
 
 Output OutputOf(const LayerParam* param, uint32_t index);
 
+// What follows the text of a message about rows.
+enum class MessageEnd { kBlankLine, kNewline };
+
 // Compacts an input in place if its width differs from its alignment; it stays compact. On failure false, with
 // "DelAlignSpace failed." in the caller's name.
-bool CompactInput(const Input& input, Caller caller = Here());
+bool CompactInput(const Input& input, MessageEnd end = MessageEnd::kBlankLine, Caller caller = Here());
 
 // Expands an output that was computed compactly. Returns the operator's result: kSuccess, or kFailure with
 // "InsertAlignSpace failed." in the caller's name. The width must not be 0: a division fault otherwise.
-uint32_t ExpandOutput(const Output& output, Caller caller = Here());
+uint32_t ExpandOutput(const Output& output, MessageEnd end = MessageEnd::kBlankLine, Caller caller = Here());
 
 // The same, with "widthOut can't be zero." for a width of 0.
 uint32_t ExpandOutputChecked(const Output& output, Caller caller = Here());
+
+// The same without a check or a message.
+void ExpandOutputUnchecked(const Output& output);
 
 }  // namespace opkit
 

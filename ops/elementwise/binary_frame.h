@@ -1,9 +1,7 @@
 // The frame of the operators that broadcast one to three inputs against output 0: resolving them, leaving stride
 // records in the attribute block, walking.
 //
-// Two ways to treat rows: inputs are read where they lie, row by row of their own width and pitch, or compacted in
-// place first and read compactly. An output is written by the row layout, or compactly and expanded afterwards. Large
-// padded tensors are compacted, computed and written in one pass, which leaves the same in memory.
+// Large padded tensors are compacted, computed and written in one pass, which leaves the same in memory.
 #ifndef OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
 #define OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
 
@@ -21,40 +19,12 @@ struct Operands {
     Output out;
 };
 
-// Resolves inputs 0 to N - 1 and output 0, and prints nothing.
+// Resolves inputs 0 to N - 1 and output 0.
 template <uint32_t N>
-bool Resolve(LayerParam* param, Operands<N>* operands)
+bool Resolve(LayerParam* param, Operands<N>* operands, Rows rows, Messages messages, Caller caller = Here())
 {
-    InputCursor cursor = {param};
-    for (Input& in : operands->in) {
-        if (!NextInput(&cursor, &in)) {
-            return false;
-        }
-    }
-    operands->out = OutputOf(param, 0);
-    return true;
-}
-
-// The same, with a message in the caller's name.
-template <uint32_t N>
-bool ResolveOrReport(LayerParam* param, Operands<N>* operands, Caller caller = Here())
-{
-    const bool resolved = Resolve(param, operands);
-    if (!resolved) {
-        Report(caller, "ParseInputInfo failed.\n\n");
-    }
-    return resolved;
-}
-
-// Resolves and compacts one input after the other, with messages: what was compacted before a failure stays so.
-template <uint32_t N>
-bool ResolveAndCompact(LayerParam* param, Operands<N>* operands, Caller caller = Here())
-{
-    InputCursor cursor = {param};
-    for (Input& in : operands->in) {
-        if (!NextInputOrReport(&cursor, &in, caller) || !CompactInput(in, caller)) {
-            return false;
-        }
+    if (!Resolve(param, operands->in, N, rows, messages, caller)) {
+        return false;
     }
     operands->out = OutputOf(param, 0);
     return true;
@@ -77,11 +47,12 @@ void RecordStrides(Attr& attr, const Operands<N>& operands)
     }
 }
 
-enum class Rows { kPadded, kCompact };
+enum class Layout { kPadded, kCompact };
 
-inline RowShape RowsOf(const Tensor& tensor, Rows rows)
+inline RowShape RowsOf(const Tensor& tensor, Layout layout)
 {
-    return {tensor.shape, static_cast<uint32_t>(tensor.dimNum), rows == Rows::kPadded ? tensor.Pitch() : tensor.width};
+    return {tensor.shape, static_cast<uint32_t>(tensor.dimNum),
+            layout == Layout::kPadded ? tensor.Pitch() : tensor.width};
 }
 
 // Whether elements of the input may be overwritten before their last turn: it shares memory with the output, and not
@@ -95,16 +66,16 @@ inline bool IsOverwritten(const Input& in, const RowShape& rows, const Output& o
 
 // Calls run(inputs[N], steps[N], out, length) over the whole output in ascending order; a step is 0 or 1.
 template <uint32_t N, class Run>
-void ForEachRun(const Operands<N>& operands, Rows inputRows, Rows outputRows, Run run)
+void ForEachRun(const Operands<N>& operands, Layout inputLayout, Layout outputLayout, Run run)
 {
     if (operands.out.count == 0) {
         return;  // before any pitch, which may be a division by zero
     }
-    const RowShape output = RowsOf(operands.out, outputRows);
+    const RowShape output = RowsOf(operands.out, outputLayout);
     RowShape inputs[N];
     bool overwritten = false;
     for (uint32_t i = 0; i < N; ++i) {
-        inputs[i] = RowsOf(operands.in[i], inputRows);
+        inputs[i] = RowsOf(operands.in[i], inputLayout);
         overwritten = overwritten || IsOverwritten(operands.in[i], inputs[i], operands.out, output);
     }
     const auto runAt = [&](size_t to, const size_t(&from)[N], const uint32_t(&steps)[N], uint32_t length) {
@@ -164,7 +135,7 @@ void ForEachRowOnce(const Operands<N>& operands, Run run)
             CompactRows(in.data, in.count, in.width, in.alignNum);
         }
     }
-    ForEachRun(operands, Rows::kCompact, Rows::kPadded,
+    ForEachRun(operands, Layout::kCompact, Layout::kPadded,
                [&](const float* const(&at)[N], const uint32_t(&steps)[N], float* out, uint32_t length) {
                    for (uint32_t i = 0; i < N; ++i) {
                        const Input& in = operands.in[i];
@@ -178,9 +149,11 @@ void ForEachRowOnce(const Operands<N>& operands, Run run)
     FillSpreadGaps(operands.out.data, operands.out.count, operands.out.width, operands.out.alignNum);
 }
 
-inline void MapRuns(const Operands<2>& operands, Rows inputRows, Rows outputRows, BinaryKernel kernel)
+inline void MapRuns(const Operands<2>& operands, Rows rows, BinaryKernel kernel)
 {
-    ForEachRun(operands, inputRows, outputRows,
+    const Layout inputLayout = rows == Rows::kCompacting ? Layout::kCompact : Layout::kPadded;
+    const Layout outputLayout = rows == Rows::kInPlace ? Layout::kPadded : Layout::kCompact;
+    ForEachRun(operands, inputLayout, outputLayout,
                [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out, uint32_t length) {
                    kernel(in[0], steps[0], in[1], steps[1], out, length);
                });
@@ -189,7 +162,7 @@ inline void MapRuns(const Operands<2>& operands, Rows inputRows, Rows outputRows
 // One compact input and a compact output. An input that stands still is mapped once.
 inline void MapCompactRuns(const Operands<1>& operands, MapKernel kernel)
 {
-    ForEachRun(operands, Rows::kCompact, Rows::kCompact,
+    ForEachRun(operands, Layout::kCompact, Layout::kCompact,
                [kernel](const float* const(&in)[1], const uint32_t(&steps)[1], float* out, uint32_t length) {
                    if (steps[0] != 0) {
                        kernel(in[0], out, length);

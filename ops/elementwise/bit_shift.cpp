@@ -67,11 +67,11 @@ using namespace opkit;
 uint32_t BitShiftOpkitForward(LayerParam* param)
 {
     Operands<2> operands;
-    if (!Resolve(param, &operands)) {
+    if (!Resolve(param, &operands, Rows::kInPlace, Messages::kNone)) {
         return kFailure;
     }
     BitShiftAttr& attr = AttrOf<BitShiftAttr>(param);
     RecordStrides(attr, operands);
-    MapRuns(operands, Rows::kPadded, Rows::kPadded, attr.shiftLeft != 0 ? ShiftLeftRun : ShiftRightRun);
+    MapRuns(operands, Rows::kInPlace, attr.shiftLeft != 0 ? ShiftLeftRun : ShiftRightRun);
     return kSuccess;
 }

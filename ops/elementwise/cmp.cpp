@@ -11,13 +11,13 @@ using namespace opkit;
 uint32_t CmpOpkitForward(LayerParam* param)
 {
     Operands<2> operands;
-    if (!ResolveOrReport(param, &operands)) {
+    if (!Resolve(param, &operands, Rows::kInPlace, Messages::kAll)) {
         return kFailure;
     }
     CmpAttr& attr = AttrOf<CmpAttr>(param);
     RecordStrides(attr, operands);
     if (attr.cmpType <= OPKIT_CMP_LESS_EQUAL) {
-        MapRuns(operands, Rows::kPadded, Rows::kPadded, Kernels<BinaryKernels>().compare[attr.cmpType]);
+        MapRuns(operands, Rows::kInPlace, Kernels<BinaryKernels>().compare[attr.cmpType]);
     }
     return kSuccess;
 }

@@ -43,12 +43,11 @@ using namespace opkit;
 uint32_t ModOpkitForward(LayerParam* param)
 {
     Operands<2> operands;
-    if (!ResolveOrReport(param, &operands)) {
+    if (!Resolve(param, &operands, Rows::kExpanding, Messages::kAll)) {
         return kFailure;
     }
     ModAttr& attr = AttrOf<ModAttr>(param);
     RecordStrides(attr, operands);
-    MapRuns(operands, Rows::kPadded, Rows::kCompact,
-            attr.fmod != 0 ? MapBinary<FloatRemainder> : MapBinary<WholeRemainder>);
+    MapRuns(operands, Rows::kExpanding, attr.fmod != 0 ? MapBinary<FloatRemainder> : MapBinary<WholeRemainder>);
     return ExpandOutputChecked(operands.out);
 }

@@ -10,7 +10,7 @@ using namespace opkit;
 uint32_t SqrtOpkitForward(LayerParam* param)
 {
     Operands<1> operands;
-    if (!ResolveAndCompact(param, &operands)) {
+    if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     RecordStrides(AttrOf<SqrtAttr>(param), operands);

@@ -42,15 +42,15 @@ uint32_t WhereOpkitForward(LayerParam* param)
         return kFailure;
     }
     Operands<kInputs> operands;
-    if (Resolve(param, &operands) && MayPassOnce(operands)) {
+    if (Resolve(param, &operands, Rows::kInPlace, Messages::kNone) && MayPassOnce(operands)) {
         RecordStrides(attr, operands);
         ForEachRowOnce(operands, SelectRun);
         return kSuccess;
     }
-    if (!ResolveAndCompact(param, &operands)) {
+    if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     RecordStrides(attr, operands);
-    ForEachRun(operands, Rows::kCompact, Rows::kCompact, SelectRun);
+    ForEachRun(operands, Layout::kCompact, Layout::kCompact, SelectRun);
     return ExpandOutputChecked(operands.out);
 }

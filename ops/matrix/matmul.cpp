@@ -18,10 +18,9 @@ uint32_t MatMulOpkitForward(LayerParam* param)
     if (param->attr == nullptr) {
         return kFailure;
     }
-    InputCursor cursor = {param};
     Input a;
     Input b;
-    if (!NextInputOrReport(&cursor, &a) || !CompactInput(a) || !NextInputOrReport(&cursor, &b) || !CompactInput(b)) {
+    if (!Resolve(param, {&a, &b}, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

@@ -30,7 +30,7 @@ const float* ForEachIndex(const Input& indices, uint32_t rows, Take take)
 // Along the last axis: single elements, written in rows of the indices' width.
 const float* GatherFromRows(const Input& data, const Input& indices, const Output& out, uint32_t outer)
 {
-    const size_t extent = data.Extent();
+    const size_t extent = data.Span();
     const uint32_t rows = indices.count / indices.width;
     const size_t outOuterPitch = size_t{rows} * out.alignNum;
     for (uint32_t o = 0; o < outer; ++o) {
@@ -62,7 +62,7 @@ const float* GatherSlices(const Input& data, const Input& indices, const Output&
         return nullptr;
     }
     const size_t reach = size_t{data.alignNum} * (inner - 1) + data.width;
-    const size_t extent = data.Extent();
+    const size_t extent = data.Span();
     const uint32_t rows = indices.count / indices.width;
     float* to = out.data;
     for (uint32_t o = 0; o < outer; ++o) {

@@ -41,7 +41,7 @@ ElementSource SourceOf(const Input& data, int32_t axis, bool alongRows)
 {
     const uint32_t pitch = data.Pitch();
     const uint32_t extent = data.shape[axis];
-    ElementSource source = {data.data, data.width, pitch, data.Extent(), extent, 1, 0, 1, data.width, UINT32_MAX};
+    ElementSource source = {data.data, data.width, pitch, data.Span(), extent, 1, 0, 1, data.width, UINT32_MAX};
     if (!alongRows) {
         source.axisPitch = ShapeCount(data.shape, data.dimNum, axis + 1, data.dimNum);
         source.columnStep = 1;

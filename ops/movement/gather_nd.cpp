@@ -69,7 +69,7 @@ uint32_t GatherNDOpkitForward(LayerParam* param)
     if (static_cast<int32_t>(batches) < 1 || static_cast<int32_t>(tuples) < 1) {
         return kSuccess;
     }
-    const int64_t extent = static_cast<int64_t>(data.Extent());
+    const int64_t extent = static_cast<int64_t>(data.Span());
     float* tuple = indices.data;
     float* to = static_cast<float*>(param->outputs[0].data);
     for (uint32_t b = 0; b < batches; ++b) {

@@ -37,7 +37,7 @@ const float* SetHot(float* indices, int32_t count, const HotAxis& axis, float on
             return &indices[i];
         }
         const uint32_t at = block + column + static_cast<uint32_t>(TruncateToI32(index)) * axis.inner;
-        if (!(index >= 0.0f) && (static_cast<int32_t>(at) < 0 || at >= out.Extent())) {
+        if (!(index >= 0.0f) && (static_cast<int32_t>(at) < 0 || at >= out.Span())) {
             return &indices[i];
         }
         out.data[at] = on;

@@ -140,7 +140,7 @@ bool PadRows(const Input& in, const Output& out, const PadAttr& attr, const PadS
 
     Padder padder = {attr.padMode, attr.padConstant, out.data, nullptr};
     if (attr.padMode == OPKIT_PAD_REFLECT) {
-        padder.end = out.data + out.Extent();
+        padder.end = out.data + out.Span();
     }
     return Walk(scratch, r, &rows, &axes, pitches.pitches, out.data, padder);
 }

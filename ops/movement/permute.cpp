@@ -148,8 +148,8 @@ bool PermuteByIndex(const Input& in, const Output& out, const uint32_t* perm)
         pitches[d] = d + 1 < rank ? ShapeCount(in.shape, rank, d + 1, rank) : 1;
         outPitches[d] = d + 1 < rank ? ShapeCount(out.shape, out.dimNum, d + 1, out.dimNum) : 1;
     }
-    const size_t inExtent = in.Extent();
-    const size_t outExtent = out.Extent();
+    const size_t inExtent = in.Span();
+    const size_t outExtent = out.Span();
     const uint32_t pitchIn = in.Pitch();
     for (uint32_t i = 0; i < in.count; ++i) {
         uint32_t rest = i;

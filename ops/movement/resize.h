@@ -28,7 +28,7 @@ struct ResizeTensor {
 
     uint32_t Width() const { return LastDimension(shape, desc.dimNum); }
     uint32_t Pitch() const { return RowPitch(Width(), desc.stride >> 2); }
-    size_t Extent() const
+    size_t Span() const
     {
         return desc.dimNum > 0 ? size_t{ElementCount(shape, static_cast<uint32_t>(desc.dimNum) - 1)} * Pitch() : 0;
     }

@@ -92,7 +92,7 @@ bool AreConsecutive(const uint32_t* columns, uint32_t count, uint32_t outside)
 
 bool Overlap(const ResizeTensor& a, const ResizeTensor& b)
 {
-    return a.data < b.data + b.Extent() && b.data < a.data + a.Extent();
+    return a.data < b.data + b.Span() && b.data < a.data + a.Span();
 }
 
 // Where the tensors overlap, every element is read when its turn comes: the output may have overwritten it by then.

@@ -133,9 +133,8 @@ void Normalise(const float* x, float* y, int32_t vectors, uint32_t axisLen, uint
 
 uint32_t LpNormOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input x;
-    if (!NextInputOrReport(&cursor, &x) || !CompactInput(x)) {
+    if (!Resolve(param, {&x}, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output y = OutputOf(param, 0);
