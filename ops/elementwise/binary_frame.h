@@ -1,7 +1,5 @@
 // The frame of the operators that broadcast one to three inputs against output 0: resolving them, leaving stride
 // records in the attribute block, walking.
-//
-// Large padded tensors are compacted, computed and written in one pass, which leaves the same in memory.
 #ifndef OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
 #define OPKIT_OPS_ELEMENTWISE_BINARY_FRAME_H
 
@@ -92,88 +90,100 @@ void ForEachRun(const Operands<N>& operands, Layout inputLayout, Layout outputLa
     }
 }
 
-// Whether an input's rows are compacted one by one as the walk comes to them: it has the output's shape and rows apart.
-inline bool CompactsOnTheWay(const Input& in, const Output& out)
+inline auto RunOf(BinaryKernel kernel)
 {
-    return in.alignNum > in.width &&
-           JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), in.shape, in.dimNum) == 0;
+    return [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out, uint32_t length) {
+        kernel(in[0], steps[0], in[1], steps[1], out, length);
+    };
 }
 
-// Whether a layer that compacts its inputs and expands its output may take each row on its way once: output rows are
-// long and lie apart, and no tensor reaches into another.
+inline void MapRuns(const Operands<2>& operands, Rows rows, BinaryKernel kernel)
+{
+    const Layout outputLayout = rows == Rows::kInPlace ? Layout::kPadded : Layout::kCompact;
+    ForEachRun(operands, Layout::kPadded, outputLayout, RunOf(kernel));
+}
+
+// Whether a compacting layer may take each row once, as its walk comes to it: output rows are long and lie apart, and
+// no tensor reaches into another.
 template <uint32_t N>
 bool MayPassOnce(const Operands<N>& operands)
 {
     constexpr uint32_t kLongRow = 32;
     const Output& out = operands.out;
-    if (out.data == nullptr || out.count == 0 || out.width < kLongRow || out.alignNum <= out.width) {
-        return false;
-    }
+    bool may = out.data != nullptr && out.count != 0 && out.width >= kLongRow && out.alignNum > out.width;
     for (const Input& in : operands.in) {
-        if (in.data == nullptr || in.width == 0 || in.alignNum == 0 || TensorsOverlap(in, out)) {
-            return false;
-        }
+        may = may && in.data != nullptr && in.width != 0 && in.alignNum != 0 && !TensorsOverlap(in, out);
         for (const Input* other = operands.in; other != &in; ++other) {
-            if (TensorsOverlap(in, *other)) {
-                return false;
-            }
+            may = may && !TensorsOverlap(in, *other);
         }
     }
-    return true;
+    return may;
 }
 
-// Calls run(inputs[N], steps[N], out, length) as ForEachRun does for compact inputs. Inputs of the output's shape are
-// compacted row by row on the way, others before, and the output ends up as an expansion would leave it.
+// Compacts, runs and expands in one pass. Inputs of the output's shape are compacted row by row, others before, and
+// what an expansion would leave in the output's gaps is filled in at the end.
 template <uint32_t N, class Run>
 void ForEachRowOnce(const Operands<N>& operands, Run run)
 {
+    const Output& out = operands.out;
     bool onTheWay[N];
     for (uint32_t i = 0; i < N; ++i) {
         const Input& in = operands.in[i];
-        onTheWay[i] = CompactsOnTheWay(in, operands.out);
+        onTheWay[i] = in.alignNum > in.width &&
+                      JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), in.shape, in.dimNum) == 0;
         if (!onTheWay[i]) {
             CompactRows(in.data, in.count, in.width, in.alignNum);
         }
     }
     ForEachRun(operands, Layout::kCompact, Layout::kPadded,
-               [&](const float* const(&at)[N], const uint32_t(&steps)[N], float* out, uint32_t length) {
+               [&](const float* const(&at)[N], const uint32_t(&steps)[N], float* to, uint32_t length) {
                    for (uint32_t i = 0; i < N; ++i) {
                        const Input& in = operands.in[i];
                        if (onTheWay[i]) {
-                           const size_t to = static_cast<size_t>(at[i] - in.data);
-                           MoveFloats(in.data + to, in.data + to / in.width * in.alignNum + to % in.width, length);
+                           const size_t n = static_cast<size_t>(at[i] - in.data);
+                           MoveFloats(in.data + n, in.data + n / in.width * in.alignNum + n % in.width, length);
                        }
                    }
-                   run(at, steps, out, length);
+                   run(at, steps, to, length);
                });
-    FillSpreadGaps(operands.out.data, operands.out.count, operands.out.width, operands.out.alignNum);
+    FillSpreadGaps(out.data, out.count, out.width, out.alignNum);
 }
 
-inline void MapRuns(const Operands<2>& operands, Rows rows, BinaryKernel kernel)
+// The whole of a compacting operator, its messages in the caller's name. run(inputs[N], steps[N], out, length) has
+// compact inputs.
+template <uint32_t N, class Attr, class Run>
+uint32_t RunCompacting(LayerParam* param, Attr& attr, Run run, Caller caller = Here())
 {
-    const Layout inputLayout = rows == Rows::kCompacting ? Layout::kCompact : Layout::kPadded;
-    const Layout outputLayout = rows == Rows::kInPlace ? Layout::kPadded : Layout::kCompact;
-    ForEachRun(operands, inputLayout, outputLayout,
-               [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out, uint32_t length) {
-                   kernel(in[0], steps[0], in[1], steps[1], out, length);
-               });
+    Operands<N> operands;
+    if (Resolve(param, &operands, Rows::kInPlace, Messages::kNone) && MayPassOnce(operands)) {
+        RecordStrides(attr, operands);
+        ForEachRowOnce(operands, run);
+        return kSuccess;
+    }
+    if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll, caller)) {
+        return kFailure;
+    }
+    RecordStrides(attr, operands);
+    ForEachRun(operands, Layout::kCompact, Layout::kCompact, run);
+    return ExpandOutputChecked(operands.out, caller);
 }
 
-// One compact input and a compact output. An input that stands still is mapped once.
-inline void MapCompactRuns(const Operands<1>& operands, MapKernel kernel)
+// The same for one input and an element function. An input that stands still is mapped once.
+template <class Attr>
+uint32_t MapCompacting(LayerParam* param, Attr& attr, MapKernel kernel, Caller caller = Here())
 {
-    ForEachRun(operands, Layout::kCompact, Layout::kCompact,
-               [kernel](const float* const(&in)[1], const uint32_t(&steps)[1], float* out, uint32_t length) {
-                   if (steps[0] != 0) {
-                       kernel(in[0], out, length);
-                       return;
-                   }
-                   float value;
-                   kernel(in[0], &value, 1);
-                   for (uint32_t i = 0; i < length; ++i) {
-                       out[i] = value;
-                   }
-               });
+    const auto run = [kernel](const float* const(&in)[1], const uint32_t(&steps)[1], float* out, uint32_t length) {
+        if (steps[0] != 0) {
+            kernel(in[0], out, length);
+            return;
+        }
+        float value;
+        kernel(in[0], &value, 1);
+        for (uint32_t i = 0; i < length; ++i) {
+            out[i] = value;
+        }
+    };
+    return RunCompacting<1>(param, attr, run, caller);
 }
 
 }  // namespace opkit

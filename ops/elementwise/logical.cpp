@@ -18,32 +18,19 @@ uint32_t LogicalOpkitForward(LayerParam* param)
 uint32_t AndOrXorForward(LayerParam* param)
 {
     LogicalAttr& attr = AttrOf<LogicalAttr>(param);
-    const bool known = attr.logicalType <= OPKIT_LOGICAL_XOR;
-    Operands<2> operands;
-    if (known && Resolve(param, &operands, Rows::kInPlace, Messages::kNone) && MayPassOnce(operands)) {
-        RecordStrides(attr, operands);
+    if (attr.logicalType <= OPKIT_LOGICAL_XOR) {
         const BinaryKernel kernel = Kernels<BinaryKernels>().logical[attr.logicalType];
-        ForEachRowOnce(operands, [kernel](const float* const(&in)[2], const uint32_t(&steps)[2], float* out,
-                                          uint32_t length) { kernel(in[0], steps[0], in[1], steps[1], out, length); });
-        return kSuccess;
+        return RunCompacting<2>(param, attr, RunOf(kernel));
     }
+    Operands<2> operands;
     if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     RecordStrides(attr, operands);
-    if (known) {
-        MapRuns(operands, Rows::kCompacting, Kernels<BinaryKernels>().logical[attr.logicalType]);
-    }
     return ExpandOutputChecked(operands.out);
 }
 
 uint32_t NotForward(LayerParam* param)
 {
-    Operands<1> operands;
-    if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll)) {
-        return kFailure;
-    }
-    RecordStrides(AttrOf<LogicalAttr>(param), operands);
-    MapCompactRuns(operands, Kernels<ActivationKernels>().logicalNot);
-    return ExpandOutputChecked(operands.out);
+    return MapCompacting(param, AttrOf<LogicalAttr>(param), Kernels<ActivationKernels>().logicalNot);
 }

@@ -9,11 +9,5 @@ using namespace opkit;
 
 uint32_t SqrtOpkitForward(LayerParam* param)
 {
-    Operands<1> operands;
-    if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll)) {
-        return kFailure;
-    }
-    RecordStrides(AttrOf<SqrtAttr>(param), operands);
-    MapCompactRuns(operands, Kernels<ActivationKernels>().squareRoot);
-    return ExpandOutputChecked(operands.out);
+    return MapCompacting(param, AttrOf<SqrtAttr>(param), Kernels<ActivationKernels>().squareRoot);
 }

@@ -41,16 +41,5 @@ uint32_t WhereOpkitForward(LayerParam* param)
     if (attr.inputCount != kInputs) {
         return kFailure;
     }
-    Operands<kInputs> operands;
-    if (Resolve(param, &operands, Rows::kInPlace, Messages::kNone) && MayPassOnce(operands)) {
-        RecordStrides(attr, operands);
-        ForEachRowOnce(operands, SelectRun);
-        return kSuccess;
-    }
-    if (!Resolve(param, &operands, Rows::kCompacting, Messages::kAll)) {
-        return kFailure;
-    }
-    RecordStrides(attr, operands);
-    ForEachRun(operands, Layout::kCompact, Layout::kCompact, SelectRun);
-    return ExpandOutputChecked(operands.out);
+    return RunCompacting<kInputs>(param, attr, SelectRun);
 }
