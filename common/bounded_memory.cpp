@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "common/overlap.h"
+
 namespace opkit {
 namespace {
 
@@ -10,13 +12,6 @@ constexpr int32_t kOutOfRange = 34;
 constexpr int32_t kInvalidAndCleared = 150;
 constexpr int32_t kOutOfRangeAndFilled = 162;
 constexpr int32_t kOverlapAndCleared = 182;
-
-bool Overlap(const void* a, const void* b, uint64_t count)
-{
-    const uintptr_t first = reinterpret_cast<uintptr_t>(a);
-    const uintptr_t second = reinterpret_cast<uintptr_t>(b);
-    return first < second ? second - first < count : first - second < count;
-}
 
 int32_t Clear(void* destination, int64_t size, int32_t code)
 {
@@ -43,7 +38,7 @@ int32_t memcpy_s(void* destination, int64_t destinationSize, const void* source,
     if (destination == source || count == 0) {
         return 0;
     }
-    if (Overlap(destination, source, count)) {
+    if (RangesOverlap(static_cast<const uint8_t*>(destination), count, static_cast<const uint8_t*>(source), count)) {
         return Clear(destination, destinationSize, kOverlapAndCleared);
     }
     std::memcpy(destination, source, count);

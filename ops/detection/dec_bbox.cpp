@@ -185,15 +185,12 @@ uint32_t DecBboxOpkitForward(LayerParam* param)
 {
     InputCursor cursor = {param};
     Input inputs[5];
-    if (!NextInputOrReport(&cursor, &inputs[0]) || !NextInputOrReport(&cursor, &inputs[1])) {
-        return kFailure;
-    }
-    for (uint32_t k = 2; k < 5; ++k) {
-        if (!NextInputOrReport(&cursor, &inputs[k]) || !CompactInput(inputs[k])) {
+    for (uint32_t k = 0; k < 5; ++k) {
+        if (!ResolveNext(&cursor, &inputs[k], k < 2 ? Rows::kInPlace : Rows::kCompacting, Messages::kAll)) {
             return kFailure;
         }
     }
-    // Deltas and scores have the shape of one proposal's share.
+    // Deltas and scores have the shape of one proposal's share, and are compacted for all proposals.
     const uint32_t proposalNum = inputs[4].shape[3];
     for (uint32_t k = 0; k < 2; ++k) {
         inputs[k].count *= proposalNum;

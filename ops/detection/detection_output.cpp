@@ -339,9 +339,8 @@ void DoSort(DetBox* boxes, uint32_t* count, uint32_t limit)
 
 uint32_t DetectionOutputOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in) || !CompactInput(in)) {
+    if (!Resolve(param, {&in}, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const DetectionOutputAttr& attr = AttrOf<DetectionOutputAttr>(param);

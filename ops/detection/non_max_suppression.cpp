@@ -5,6 +5,8 @@
 // The heap in the work space pops in a nearly sorted order only: near the bottom it does not compare every child. Which
 // boxes are selected follows from these exact steps.
 
+#include <algorithm>
+
 #include "common/bounded_memory.h"
 #include "common/convert.h"
 #include "kernels/boxes.h"
@@ -229,15 +231,12 @@ float HelperMax(float a, float b)
 uint32_t NonMaxSuppressionOpkitForward(LayerParam* param)
 {
     const NonMaxSuppressionAttr& attr = AttrOf<NonMaxSuppressionAttr>(param);
-    const int32_t inputCount = attr.inputCount < 2 ? 2 : attr.inputCount > 5 ? 5 : attr.inputCount;
-    InputCursor cursor = {param};
+    const uint32_t inputCount = static_cast<uint32_t>(std::clamp(attr.inputCount, 2, 5));
     Input inputs[5];
     Settings settings;
     settings.center = attr.centerPointBox != 0;
-    for (int32_t k = 0; k < inputCount; ++k) {
-        if (!NextInputOrReport(&cursor, &inputs[k]) || !CompactInput(inputs[k])) {
-            return kFailure;
-        }
+    if (!Resolve(param, inputs, inputCount, Rows::kCompacting, Messages::kAll)) {
+        return kFailure;
     }
     if (inputCount > 2) {
         settings.limit = TruncateToI32(inputs[2].data[0]);

@@ -12,7 +12,7 @@ using namespace opkit;
 uint32_t CeluOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kStepping, Messages::kNone)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

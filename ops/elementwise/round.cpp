@@ -18,9 +18,8 @@ int32_t IsEqualToHalf(float x)
 
 uint32_t RoundOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kExpanding, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

@@ -11,9 +11,8 @@ using namespace opkit;
 
 uint32_t SeluOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kExpanding, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

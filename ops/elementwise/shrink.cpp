@@ -10,9 +10,8 @@ using namespace opkit;
 
 uint32_t ShrinkOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kExpanding, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

@@ -10,15 +10,9 @@ using namespace opkit;
 uint32_t SinhOpkitForward(LayerParam* param)
 {
     Input in;
-    ResolveOnlyInput(param, &in);
-    if (in.alignNum != in.width) {
-        CompactRows(in.data, in.count, in.width, in.alignNum);
-    }
+    Resolve(param, {&in}, Rows::kCompacting, Messages::kNone);
     const Output out = OutputOf(param, 0);
     Kernels<ExponentialKernels>().sinh(in.data, out.data, in.count);
-    if (out.count != 0) {
-        SpreadRows(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum,
-                   LastIndex(out.count, out.width, out.alignNum));
-    }
+    ExpandOutputUnchecked(out);
     return kSuccess;
 }

@@ -11,7 +11,7 @@ using namespace opkit;
 uint32_t ThresholdedReluOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kStepping, Messages::kNone)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

@@ -19,18 +19,16 @@ namespace {
 template <class Run>
 uint32_t WalkUnary(InputResolver resolver, LayerParam* param, Run run)
 {
+    InputCursor cursor = {param, resolver};
     Input in;
-    uint32_t online = 0;
-    uint32_t offline = 0;
-    if (!resolver(&in.data, &in.shape, &in.dimNum, &in.stride, &in.count, 0, &online, &offline, param)) {
+    if (!ResolveNext(&cursor, &in, Rows::kInPlace, Messages::kNone)) {
         return kFailure;
     }
     if (static_cast<int32_t>(in.count) <= 0) {
         return kSuccess;
     }
     const Output out = OutputOf(param, 0);
-    const uint32_t width = LastDimension(in.shape, in.dimNum);
-    ForEachRowRun(in.count, width, RowPitch(width, in.stride >> 2), out.width, out.Pitch(),
+    ForEachRowRun(in.count, in.width, in.Pitch(), out.width, out.Pitch(),
                   [&](size_t from, size_t to, uint32_t length) { run(in.data + from, out.data + to, length); });
     return kSuccess;
 }
@@ -49,12 +47,9 @@ uint32_t MapUnary(LayerParam* param)
 
 uint32_t SingleInOutCalcfuncWrapper(CalcFunc calc, InputResolver resolver, LayerParam* param)
 {
+    InputCursor cursor = {param, resolver};
     Input in;
-    uint32_t online = 0;
-    uint32_t offline = 0;
-    resolver(&in.data, &in.shape, &in.dimNum, &in.stride, &in.count, 0, &online, &offline, param);
-    in.alignNum = in.stride >> 2;
-    in.width = LastDimension(in.shape, in.dimNum);
+    ResolveNext(&cursor, &in, Rows::kInPlace, Messages::kNone);  // what it answers does not count
     if (!CompactInput(in)) {
         return kFailure;
     }

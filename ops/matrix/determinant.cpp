@@ -66,9 +66,8 @@ uint32_t CalculateDet(float* matrix, float* result, uint32_t n)
 
 uint32_t DetOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input x;
-    if (!NextInputOrReport(&cursor, &x) || !CompactInput(x)) {
+    if (!Resolve(param, {&x}, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

@@ -87,28 +87,22 @@ using namespace opkit;
 
 uint32_t GemmOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
-    Input a;
-    Input b;
-    if (!NextInputOrReport(&cursor, &a) || !CompactInput(a) || !NextInputOrReport(&cursor, &b) || !CompactInput(b)) {
+    GemmAttr& attr = AttrOf<GemmAttr>(param);
+    const bool hasC = attr.inputCount == 3;
+    Input in[3];
+    if (!Resolve(param, in, hasC ? 3 : 2, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);
-    GemmAttr& attr = AttrOf<GemmAttr>(param);
-    const bool hasC = attr.inputCount == 3;
     float* sum = out.data;
     if (hasC) {
-        Input c;
-        if (!NextInputOrReport(&cursor, &c) || !CompactInput(c)) {
-            return kFailure;
-        }
         sum = static_cast<float*>(param->opkitBuf);
-        PrepareSum(sum, out, c, &attr);
+        PrepareSum(sum, out, in[kIndexOfC], &attr);
     }
     if (out.count != 0) {
         memset(out.data, 0, size_t{out.count} * sizeof(float));
     }
-    MultiplyMatrices(attr, a, b, out, sum);
+    MultiplyMatrices(attr, in[0], in[1], out, sum);
     if (hasC && out.count != 0) {
         memcpy(out.data, sum, size_t{out.count} * sizeof(float));
     }

@@ -18,12 +18,12 @@ constexpr int32_t kFullForm = 8;
 constexpr int32_t kDequantize = 0;
 constexpr int32_t kQuantize = 1;
 
-int32_t InputsToRead(int32_t inputCount)
+uint32_t InputsToRead(int32_t inputCount)
 {
     if (inputCount < 2) {
         return 0;
     }
-    return inputCount <= 4 ? inputCount : kFullForm;
+    return static_cast<uint32_t>(inputCount <= 4 ? inputCount : kFullForm);
 }
 
 void Dequantize(const Input& input, float scale, float zero)
@@ -77,14 +77,8 @@ uint32_t QLinearMatMulOpkitForward(LayerParam* param)
     }
     const int32_t inputCount = AttrOf<QLinearMatMulAttr>(param).inputCount;
     Input in[kFullForm];
-    InputCursor cursor = {param};
-    for (int32_t k = 0; k < InputsToRead(inputCount); ++k) {
-        if (!NextInput(&cursor, &in[k])) {
-            return kFailure;
-        }
-        if (!CompactInput(in[k])) {
-            return kFailure;
-        }
+    if (!Resolve(param, in, InputsToRead(inputCount), Rows::kCompacting, Messages::kOfRows)) {
+        return kFailure;
     }
     const Output out = OutputOf(param, 0);
     const Input& a = in[0];

@@ -20,15 +20,12 @@ uint32_t ConcatOpkitForward(LayerParam* param)
     uint32_t joined = 0;  // along the axis
     for (uint32_t k = 0; k < attr.concatInputCount; ++k) {
         Input in;
-        if (!NextInput(&cursor, &in)) {
+        if (!ResolveNext(&cursor, &in, Rows::kCompacting, Messages::kNone)) {
             return kFailure;
         }
         if (k == 0) {
             outer = ShapeCount(in.shape, in.dimNum, 0, axis);
             inner = ShapeCount(in.shape, in.dimNum, axis + 1, in.dimNum);
-        }
-        if (in.width != in.alignNum && in.count != 0) {
-            CompactRows(in.data, in.count, in.width, in.alignNum);
         }
         const uint32_t extent = in.shape[axis];
         const size_t block = extent * inner;
@@ -36,8 +33,7 @@ uint32_t ConcatOpkitForward(LayerParam* param)
         joined += extent;
     }
     if (static_cast<int32_t>(out.count) > 0) {
-        SpreadRows(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum,
-                   LastIndex(out.count, out.width, out.alignNum));
+        ExpandOutputUnchecked(out);
     }
     return kSuccess;
 }

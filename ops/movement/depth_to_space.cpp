@@ -108,7 +108,7 @@ uint32_t DepthToSpaceOpkitForwardCRD(uint32_t strideIn, uint32_t strideOut, floa
 uint32_t DepthToSpaceOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kNone)) {
         return kFailure;
     }
     const DepthToSpaceAttr& attr = AttrOf<DepthToSpaceAttr>(param);

@@ -33,9 +33,8 @@ using namespace opkit;
 
 uint32_t ExpandOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in) || !CompactInput(in)) {
+    if (!Resolve(param, {&in}, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

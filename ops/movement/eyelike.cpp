@@ -11,13 +11,10 @@ using namespace opkit;
 uint32_t EyelikeOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kCompacting, Messages::kOfRows)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);
-    if (!CompactInput(in)) {
-        return kFailure;
-    }
     if (in.dimNum != 2) {
         Report(Here(), "eye like input shape0 size[%d] error.\n\n", in.dimNum);
         return kFailure;

@@ -89,10 +89,9 @@ using namespace opkit;
 
 uint32_t GatherOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input data;
     Input indices;
-    if (!NextInputOrReport(&cursor, &data) || !NextInputOrReport(&cursor, &indices)) {
+    if (!Resolve(param, {&data, &indices}, Rows::kStepping, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

@@ -88,10 +88,9 @@ using namespace opkit;
 
 uint32_t GatherElementsOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input data;
     Input indices;
-    if (!NextInputOrReport(&cursor, &data) || !NextInputOrReport(&cursor, &indices)) {
+    if (!Resolve(param, {&data, &indices}, Rows::kInPlace, Messages::kAll)) {
         return kFailure;
     }
     if (indices.count == 0) {

@@ -49,10 +49,9 @@ using namespace opkit;
 
 uint32_t GatherNDOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input data;
     Input indices;
-    if (!NextInputOrReport(&cursor, &data) || !NextInputOrReport(&cursor, &indices)) {
+    if (!Resolve(param, {&data, &indices}, Rows::kStepping, Messages::kAll)) {
         return kFailure;
     }
     const int32_t batchDims = AttrOf<GatherNDAttr>(param).gatherAxis;

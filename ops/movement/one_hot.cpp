@@ -56,14 +56,14 @@ using namespace opkit;
 
 uint32_t OneHotOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input indices;
     Input values;
-    if (!NextInputOrReport(&cursor, &indices) || !CompactInput(indices)) {
+    InputCursor cursor = {param};
+    if (!ResolveNext(&cursor, &indices, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     cursor.logical = 2;
-    if (!NextInputOrReport(&cursor, &values) || !CompactInput(values)) {
+    if (!ResolveNext(&cursor, &values, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

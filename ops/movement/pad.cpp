@@ -89,7 +89,7 @@ uint32_t PadOpkitForward(LayerParam* param)
 {
     const PadAttr& attr = AttrOf<PadAttr>(param);
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kExpanding, Messages::kNone)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

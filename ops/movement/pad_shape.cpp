@@ -67,7 +67,7 @@ bool IsPadAllZero(uint32_t* pads, uint32_t count)
 bool ProcessPadAllZero(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kNone)) {
         return true;
     }
     const Output out = OutputOf(param, 0);

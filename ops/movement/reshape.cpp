@@ -12,7 +12,7 @@ using namespace opkit;
 uint32_t ReshapeOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kNone)) {
         return kFailure;
     }
     if (in.count == 0) {

@@ -46,17 +46,13 @@ using namespace opkit;
 
 uint32_t ScatterOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input data;
     Input indices;
     Input updates;
-    if (!NextInput(&cursor, &data) || !NextInput(&cursor, &indices) || !NextInput(&cursor, &updates)) {
+    if (!ResolveThenCompact(param, {&data, &indices, &updates})) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);
-    if (!CompactInput(data) || !CompactInput(indices) || !CompactInput(updates)) {
-        return kFailure;
-    }
     const int32_t axis = AttrOf<ScatterAttr>(param).scatterAxis;
     if (static_cast<int32_t>(indices.count) <= 0) {
         indices.count = 0;

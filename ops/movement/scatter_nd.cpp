@@ -171,10 +171,8 @@ using namespace opkit;
 
 uint32_t ScatterNDOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     ScatterInputs in;
-    if (!NextInputOrReport(&cursor, &in.data) || !NextInputOrReport(&cursor, &in.indices) ||
-        !NextInputOrReport(&cursor, &in.updates)) {
+    if (!Resolve(param, {&in.data, &in.indices, &in.updates}, Rows::kInPlace, Messages::kAll)) {
         return kFailure;
     }
     in.tupleLength = static_cast<int32_t>(in.indices.width);

@@ -35,26 +35,17 @@ Planes PlanesOf(const Input& x)
     return {1, x.count, 1};
 }
 
-bool Overlap(const float* a, const float* b, size_t count)
-{
-    return a < b + count && b < a + count;
-}
-
 }  // namespace
 
 uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input x;
     Input scale;
     Input bias;
-    if (!NextInput(&cursor, &x) || !NextInput(&cursor, &scale) || !NextInput(&cursor, &bias)) {
+    if (!ResolveThenCompact(param, {&x, &scale, &bias})) {
         return kFailure;
     }
     const Output y = OutputOf(param, 0);
-    if (!CompactInput(x) || !CompactInput(scale) || !CompactInput(bias)) {
-        return kFailure;
-    }
     const float epsilon = static_cast<float>(AttrOf<InstanceNormalizationAttr>(param).epsilon);
     const Planes planes = PlanesOf(x);
     const float size = static_cast<float>(planes.size);
@@ -62,8 +53,9 @@ uint32_t InstanceNormalizationOpkitForward(LayerParam* param)
     float* const copy = static_cast<float*>(param->opkitBuf);
 
     // Sums of several planes run side by side; one after the other where the results reach planes still to be read.
+    const size_t elements = size_t{planes.count} * planes.size;
     constexpr uint32_t kSideBySide = 16;
-    const uint32_t group = Overlap(x.data, y.data, size_t{planes.count} * planes.size) ? 1 : kSideBySide;
+    const uint32_t group = RangesOverlap(x.data, elements, y.data, elements) ? 1 : kSideBySide;
     uint32_t channel = 0;
     for (uint32_t first = 0, here; first < planes.count; first += here) {
         here = planes.count - first < group ? planes.count - first : group;

@@ -29,10 +29,9 @@ bool ScatterRow(const float* values, const float* positions, uint32_t width, flo
 
 uint32_t MaxUnpoolOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input x;
     Input indices;
-    if (!NextInputOrReport(&cursor, &x) || !NextInputOrReport(&cursor, &indices)) {
+    if (!Resolve(param, {&x, &indices}, Rows::kExpanding, Messages::kAll)) {
         return kFailure;
     }
     const Output y = OutputOf(param, 0);

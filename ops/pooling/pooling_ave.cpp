@@ -53,9 +53,8 @@ uint32_t ColumnsBeforeEmpty(const PoolColumns& columns)
 
 int32_t PoolingAveOpkitForwardCore(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kAll)) {
         return -1;
     }
     const PoolingAveAttr& attr = AttrOf<PoolingAveAttr>(param);

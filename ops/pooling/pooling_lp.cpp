@@ -13,10 +13,7 @@ using namespace opkit;
 int32_t PoolingLpOpkitForwardCore(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
-        return -1;
-    }
-    if (!CompactInput(in)) {
+    if (!Resolve(param, {&in}, Rows::kCompacting, Messages::kOfRows)) {
         return -1;
     }
     const PoolingLpAttr& attr = AttrOf<PoolingLpAttr>(param);

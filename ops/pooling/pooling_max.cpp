@@ -77,9 +77,8 @@ uint32_t PoolingMaxOpkitForwardCore(LayerParam* param)
     if (GetWidth(outInfo.shape, static_cast<int32_t>(outInfo.dimNum)) == 0) {
         return kSuccess;
     }
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kAll)) {
         return kFailure;
     }
     const PoolingMaxAttr& attr = AttrOf<PoolingMaxAttr>(param);

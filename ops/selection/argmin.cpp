@@ -59,7 +59,7 @@ int32_t LessCompareSelectLast(const SortEntry* a, const SortEntry* b)
 uint32_t ArgminOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kNone)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

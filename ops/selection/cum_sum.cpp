@@ -61,16 +61,10 @@ void SumLanes(const float* in, float* out, const Lanes& lanes, bool reverse, boo
 uint32_t CumSumOpkitForward(LayerParam* param)
 {
     Input in;
-    ResolveOnlyInput(param, &in);
-    if (in.alignNum != in.width && in.count != 0) {
-        CompactRows(in.data, in.count, in.width, in.alignNum);
-    }
+    Resolve(param, {&in}, Rows::kCompacting, Messages::kNone);
     const Output out = OutputOf(param, 0);
     const CumSumAttr& attr = AttrOf<CumSumAttr>(param);
     SumLanes(in.data, out.data, LanesAlong(in, attr.axis), attr.reverse == 1, attr.exclusive != 0);
-    if (out.count != 0) {
-        SpreadRows(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum,
-                   LastIndex(out.count, out.width, out.alignNum));
-    }
+    ExpandOutputUnchecked(out);
     return kSuccess;
 }

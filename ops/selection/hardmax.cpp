@@ -39,9 +39,8 @@ void MarkRows(const float* x, float* out, size_t rows, size_t length)
 
 uint32_t HardmaxOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in) || !CompactInput(in)) {
+    if (!Resolve(param, {&in}, Rows::kCompacting, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

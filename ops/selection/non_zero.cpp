@@ -42,9 +42,8 @@ void WriteCoordinates(const Input& in, float* out, uint32_t count)
 
 uint32_t NonZeroOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kExpanding, Messages::kAll)) {
         return kFailure;
     }
     const Output out = OutputOf(param, 0);

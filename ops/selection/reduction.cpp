@@ -326,7 +326,7 @@ uint32_t GetReductionRealIdx(uint32_t idx, uint32_t align, uint32_t width)
 uint32_t ReductionOpkitForward(LayerParam* param)
 {
     Input in;
-    ResolveOnlyInput(param, &in);
+    Resolve(param, {&in}, Rows::kInPlace, Messages::kNone);
     const Output out = OutputOf(param, 0);
     ReductionAttr& attr = AttrOf<ReductionAttr>(param);
     uint32_t* inDistant = nullptr;

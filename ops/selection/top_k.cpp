@@ -148,9 +148,8 @@ int32_t TopkAscSort(const SortEntry* a, const SortEntry* b)
 
 uint32_t TopKOpkitForward(LayerParam* param)
 {
-    InputCursor cursor = {param};
     Input in;
-    if (!NextInputOrReport(&cursor, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kAll)) {
         return kFailure;
     }
     const TopKAttr& attr = AttrOf<TopKAttr>(param);

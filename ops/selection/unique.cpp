@@ -268,13 +268,13 @@ void GetSubTensor(float* src, float* dst, uint32_t idx, uint32_t inner, int32_t 
 uint32_t UniqueOpkitForward(LayerParam* param)
 {
     Input in;
-    if (!ResolveOnlyInput(param, &in)) {
+    if (!Resolve(param, {&in}, Rows::kInPlace, Messages::kNone)) {
         return kFailure;
     }
     const Output outputs[] = {OutputOf(param, 0), OutputOf(param, 1), OutputOf(param, 2), OutputOf(param, 3)};
     const UniqueAttr& attr = AttrOf<UniqueAttr>(param);
     const Slices layout = SlicesOf(in, attr.axis);
-    g_size = static_cast<int32_t>(layout.size);
+    g_size = static_cast<int32_t>(layout.size);  // also when compacting fails
     if (!CompactInput(in)) {
         return kFailure;
     }
