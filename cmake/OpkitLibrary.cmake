@@ -20,14 +20,6 @@ set(opkit_sources
 )
 include(OpkitOperators)
 
-# Kernels are compiled once per instruction-set level; see kernels/level.h.
-set(opkit_kernels
-    kernels/exponentials.cpp
-    kernels/gemm.cpp
-    kernels/unary.cpp
-)
-include(OpkitKernels)
-
 set(opkit_library_flags -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-semantic-interposition
                         -fvisibility=hidden -fvisibility-inlines-hidden)
 
@@ -48,16 +40,7 @@ endfunction()
 
 opkit_object_library(opkit_core ${opkit_sources})
 
-set(opkit_level_baseline "")
-set(opkit_level_avx2 -mavx2 -mbmi2 -mfma)
-set(opkit_level_avx512 -mavx2 -mbmi2 -mfma -mavx512f -mavx512bw -mavx512dq -mavx512vl -mavx512cd -mprefer-vector-width=512)
-foreach(level IN ITEMS baseline avx2 avx512)
-  opkit_object_library(opkit_kernels_${level} ${opkit_kernels})
-  target_compile_definitions(opkit_kernels_${level} PRIVATE OPKIT_LEVEL=${level} OPKIT_LEVEL_${level}=1)
-  # The compiler's own intrinsics header trips -Wmaybe-uninitialized.
-  target_compile_options(opkit_kernels_${level} PRIVATE ${opkit_level_${level}}
-                         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized> -Wno-uninitialized)
-endforeach()
+include(OpkitKernels)
 
 set(opkit_object_files $<TARGET_OBJECTS:opkit_core> $<TARGET_OBJECTS:opkit_kernels_baseline>
                        $<TARGET_OBJECTS:opkit_kernels_avx2> $<TARGET_OBJECTS:opkit_kernels_avx512>)

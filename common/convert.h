@@ -1,7 +1,7 @@
 // Conversions from float to integer, defined for every input the way the x86-64 instructions do them: what does not
 // fit, NaN included, gives the "integer indefinite" value, the lowest number of the instruction's width. The empty asm
 // statements hide constants from the compiler, which would convert them by rules of its own (it saturates).
-// Functions here are static, one copy per file, so that kernel files of every instruction-set level may use them.
+// Kernel files include this: see kernels/level.h for the linkage.
 #ifndef OPKIT_COMMON_CONVERT_H
 #define OPKIT_COMMON_CONVERT_H
 
@@ -9,26 +9,27 @@
 #include <stdint.h>
 
 namespace opkit {
+namespace {
 
-static inline int32_t TruncateToI32(float value)
+inline int32_t TruncateToI32(float value)
 {
     __asm__("" : "+x"(value));
     return _mm_cvttss_si32(_mm_set_ss(value));
 }
 
-static inline int32_t TruncateToI32(double value)
+inline int32_t TruncateToI32(double value)
 {
     __asm__("" : "+x"(value));
     return _mm_cvttsd_si32(_mm_set_sd(value));
 }
 
-static inline int64_t TruncateToI64(float value)
+inline int64_t TruncateToI64(float value)
 {
     __asm__("" : "+x"(value));
     return _mm_cvttss_si64(_mm_set_ss(value));
 }
 
-static inline int64_t TruncateToI64(double value)
+inline int64_t TruncateToI64(double value)
 {
     __asm__("" : "+x"(value));
     return _mm_cvttsd_si64(_mm_set_sd(value));
@@ -46,13 +47,13 @@ inline int32_t RoundToI32(float value)
 }
 
 // The low half of the 64-bit truncation, so that -1.0 gives 0xFFFFFFFF and 2^32 gives 0.
-static inline uint32_t TruncateToU32(float value)
+inline uint32_t TruncateToU32(float value)
 {
     return static_cast<uint32_t>(TruncateToI64(value));
 }
 
 // From 2^63 on the truncation of value - 2^63 with the top bit set; below, the bits of the signed truncation.
-static inline uint64_t TruncateToU64(float value)
+inline uint64_t TruncateToU64(float value)
 {
     constexpr float kTwoTo63 = 9223372036854775808.0f;
     if (value >= kTwoTo63) {
@@ -63,17 +64,18 @@ static inline uint64_t TruncateToU64(float value)
 
 // The f32 nearest to value. GCC 12, where it turns neighbouring scalar operations into vector ones, loses a rounding to
 // f32 whose result is widened again at once; the instruction stays.
-static inline float RoundToF32(double value)
+inline float RoundToF32(double value)
 {
     return _mm_cvtss_f32(_mm_cvtsd_ss(_mm_setzero_ps(), _mm_set_sd(value)));
 }
 
 // The low byte of the 32-bit truncation.
-static inline uint8_t TruncateToByte(float value)
+inline uint8_t TruncateToByte(float value)
 {
     return static_cast<uint8_t>(TruncateToI32(value));
 }
 
+}  // namespace
 }  // namespace opkit
 
 #endif  // OPKIT_COMMON_CONVERT_H

@@ -5,7 +5,7 @@
 #include <stddef.h>
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
 
 // out[i] = Element(a[i * stepA], b[i * stepB]). Element is pure; out may equal a or b.
 template <float (*Element)(float, float)>

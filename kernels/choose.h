@@ -6,7 +6,7 @@
 #include <stdint.h>
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
 
 inline float Choose(bool condition, float yes, float no)
 {

@@ -5,7 +5,17 @@
 #include "common/convert.h"
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
+
+inline float SigmoidElement(float x)
+{
+    return RoundToF32(1.0 / (__builtin_exp(static_cast<double>(-x)) + 1.0));
+}
+
+inline float SoftplusElement(float x)
+{
+    return RoundToF32(__builtin_log(__builtin_exp(static_cast<double>(x)) + 1.0));
+}
 
 // The quotient rounds to f32. NaN gives +0.0: it is neither at least 0 nor leads to a negative second term.
 inline float CeluElement(float x, float alpha)

@@ -6,7 +6,6 @@
 
 #include "kernels/exponential_elements.h"
 #include "kernels/wide.h"
-#include "opkit/helpers/frame.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
@@ -22,7 +21,7 @@ void Sigmoid(const float* in, float* out, size_t count)
             result.doubtful |= NanOrSubnormal(result.value);
             return result;
         },
-        SigmoidCalcFunc);
+        SigmoidElement);
 }
 
 // log(exp(x) + 1). The sum rounds, so both ends of exp go through it; next to 0 that rounding is most of the result.
@@ -45,7 +44,7 @@ void Softplus(const float* in, float* out, size_t count)
             result.doubtful |= NotAtMost(x, 120.0f);
             return result;
         },
-        SoftplusCalcFunc);
+        SoftplusElement);
 }
 
 // The ends between which a value lies that is known up to a relative error.

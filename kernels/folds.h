@@ -6,7 +6,7 @@
 #include "kernels/vector.h"
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
 
 // Four rows at a time: their accumulators are loaded and stored once. A block of accumulators stays in the first cache.
 template <class Kind>

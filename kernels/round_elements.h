@@ -1,5 +1,4 @@
-// Rounding one float to a whole number, without a conversion to integer, so that any level runs it in lanes. Every
-// level that includes this file has its own copies.
+// Rounding one float to a whole number, without a conversion to integer, so that any level runs it in lanes.
 //
 // From 2^23 on every float is whole; such values and NaN come back as they are.
 #ifndef OPKIT_KERNELS_ROUND_ELEMENTS_H
@@ -11,9 +10,9 @@
 #include "kernels/choose.h"
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
 
-inline constexpr float kAllWhole = 8388608.0f;
+constexpr float kAllWhole = 8388608.0f;
 
 inline float WithSignOf(float magnitude, float x)
 {

@@ -1,12 +1,11 @@
-// The element functions behind the unary kernels and their exported scalar forms. Macro-free but per level: every
-// level that includes this file has its own copies.
+// The element functions behind the unary kernels and their exported scalar forms.
 #ifndef OPKIT_KERNELS_UNARY_ELEMENTS_H
 #define OPKIT_KERNELS_UNARY_ELEMENTS_H
 
 #include <stdint.h>
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
 
 // Flips the sign bit, of NaN too.
 inline float NegElement(float x)

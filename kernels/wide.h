@@ -12,7 +12,7 @@
 #include "kernels/vector.h"
 
 namespace opkit {
-namespace {  // internal linkage: levels must not share code
+namespace {
 
 constexpr size_t kWide = kLanes / 2;
 

@@ -5,6 +5,7 @@
 
 #include <cmath>
 
+#include "kernels/exponential_elements.h"
 #include "kernels/exponentials.h"
 #include "kernels/unary.h"
 #include "kernels/unary_elements.h"
@@ -84,7 +85,7 @@ float ReciprocalCalcFunc(float x)
 
 float SigmoidCalcFunc(float x)
 {
-    return static_cast<float>(1.0 / (std::exp(static_cast<double>(-x)) + 1.0));
+    return SigmoidElement(x);
 }
 
 float SignCalcFunc(float x)
@@ -94,7 +95,7 @@ float SignCalcFunc(float x)
 
 float SoftplusCalcFunc(float x)
 {
-    return static_cast<float>(std::log(std::exp(static_cast<double>(x)) + 1.0));
+    return SoftplusElement(x);
 }
 
 float SoftsignCalcFunc(float x)
