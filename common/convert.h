@@ -6,6 +6,7 @@
 #define OPKIT_COMMON_CONVERT_H
 
 #include <emmintrin.h>
+#include <stddef.h>
 #include <stdint.h>
 
 namespace opkit {
@@ -62,11 +63,25 @@ inline uint64_t TruncateToU64(float value)
     return static_cast<uint64_t>(TruncateToI64(value));
 }
 
-// The f32 nearest to value. GCC 12, where it turns neighbouring scalar operations into vector ones, loses a rounding to
-// f32 whose result is widened again at once; the instruction stays.
+// GCC 12, where it works on vectors, drops a rounding to f32 whose result is widened again: (double)(float)x becomes x.
+// What has passed through here, floats or vectors of them, was rounded.
+template <class T>
+inline T KeepRounding(T value)
+{
+    __asm__("" : "+v"(value));
+    return value;
+}
+
+// The same for a block of floats, which the compiler may still turn into vectors: they pass through memory.
+template <size_t kCount>
+inline void KeepRounding(float (&values)[kCount])
+{
+    __asm__("" : "+m"(values));
+}
+
 inline float RoundToF32(double value)
 {
-    return _mm_cvtss_f32(_mm_cvtsd_ss(_mm_setzero_ps(), _mm_set_sd(value)));
+    return KeepRounding(static_cast<float>(value));
 }
 
 // The low byte of the 32-bit truncation.

@@ -4,18 +4,11 @@
 
 #include "common/float_compare.h"
 #include "kernels/choose.h"
+#include "kernels/map.h"
 #include "kernels/round_elements.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
-
-template <float (*Element)(float)>
-void Map(const float* in, float* out, size_t count)
-{
-    for (size_t i = 0; i < count; ++i) {
-        out[i] = Element(in[i]);
-    }
-}
 
 // NaN passes both limits.
 void HardSigmoid(const float* in, float* out, size_t count, float alpha, float beta)

@@ -3,8 +3,8 @@
 #include "kernels/binary.h"
 
 #include "common/float_compare.h"
-#include "kernels/binary_map.h"
 #include "kernels/choose.h"
+#include "kernels/map.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {

@@ -2,6 +2,7 @@
 
 #include "kernels/boxes.h"
 
+#include "common/smaller.h"
 #include "kernels/choose.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -10,17 +11,6 @@ namespace {
 uint32_t MaskOf(bool condition)
 {
     return condition ? 0xFFFFFFFFu : 0u;
-}
-
-// first > second ? first : second, and the like.
-float Larger(float first, float second)
-{
-    return Choose(first > second, first, second);
-}
-
-float Smaller(float first, float second)
-{
-    return Choose(first < second, first, second);
 }
 
 bool OverlapsAny(const BoxBlock& block, size_t count, const BoxFields& box, float threshold)

@@ -5,6 +5,7 @@
 #include <float.h>
 
 #include "kernels/exponential_elements.h"
+#include "kernels/folds.h"
 #include "kernels/wide.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -128,17 +129,6 @@ void Sinh(const float* in, float* out, size_t count)
         SinhElement);
 }
 
-inline Wide SquareRoot(Wide x)
-{
-#if defined(OPKIT_LEVEL_avx512)
-    return (Wide)_mm512_sqrt_pd((__m512d)x);
-#elif defined(OPKIT_LEVEL_avx2)
-    return (Wide)_mm256_sqrt_pd((__m256d)x);
-#else
-    return (Wide)_mm_sqrt_pd((__m128d)x);
-#endif
-}
-
 // ln(x + sqrt(x^2 - 1)). The square of a float is exact; what the other steps round moves the argument of the logarithm
 // by less than 2^-51 of it, and the logarithm by as much.
 void Acosh(const float* in, float* out, size_t count)
@@ -156,62 +146,29 @@ void Acosh(const float* in, float* out, size_t count)
         AcoshElement);
 }
 
-void SumColumnsExactly(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
-{
-    for (size_t r = 0; r < rows; ++r) {
-        for (size_t j = 0; j < count; ++j) {
-            acc[j] = AddExpElement(acc[j], x[r * rowStride + j]);
+// Adds e^x to an accumulator, rounded as the definition has it: the sum is monotonic in the exponential. What lies
+// below -kLimit adds less than half of the smallest float, and so nothing, like the ends that stand for it.
+struct AddExp {
+    static Narrow Half(Narrow acc, Narrow x)
+    {
+        const ExpEnds ends(x);
+        const Wide wide = Widen(acc);
+        Result sum = RoundBetween(ends.low + wide, ends.high + wide);
+        sum.doubtful |= NotAtMost(x, ExpEnds::kLimit);
+        if (__builtin_expect(AnyOf(sum.doubtful), 0)) {
+            for (size_t lane = 0; lane < kWide; ++lane) {
+                sum.value[lane] = IsSet(sum.doubtful, lane) ? AddExpElement(acc[lane], x[lane]) : sum.value[lane];
+            }
         }
+        return KeepRounding(sum.value);
     }
-}
 
-#if defined(OPKIT_LEVEL_baseline)
+    static Vec Step(Vec acc, Vec x) { return ByHalves(acc, x, Half); }
+};
 
-void SumRowsExactly(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
-{
-    for (size_t r = 0; r < count; ++r) {
-        SumColumnsExactly(acc + r, x + r * rowStride, 1, length, 1);
-    }
-}
-
-constexpr FoldKernels kSum = {SumColumnsExactly, SumRowsExactly};
-
-#else
-
-// Adds e^x to a lane's accumulator, rounded as the definition has it: the sum is monotonic in the exponential. What
-// lies below -kLimit adds less than half of the smallest float, and so nothing, like the ends that stand for it.
-inline void AddExp(Narrow& acc, Narrow x)
-{
-    const ExpEnds ends(x);
-    const Wide wide = Widen(acc);
-    Result sum = RoundBetween(ends.low + wide, ends.high + wide);
-    sum.doubtful |= NotAtMost(x, ExpEnds::kLimit);
-    if (__builtin_expect(AnyOf(sum.doubtful), 0)) {
-        for (size_t lane = 0; lane < kWide; ++lane) {
-            sum.value[lane] = IsSet(sum.doubtful, lane) ? AddExpElement(acc[lane], x[lane]) : sum.value[lane];
-        }
-    }
-    acc = sum.value;
-    // Keeps the compiler from dropping the rounding to f32 between two steps.
-#if defined(OPKIT_LEVEL_avx512)
-    __asm__("" : "+v"(acc));
-#else
-    __asm__("" : "+x"(acc));
-#endif
-}
-
-void SumColumns(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
-{
-    size_t j = 0;
-    for (; j + kWide <= count; j += kWide) {
-        Narrow sums = *reinterpret_cast<const Narrow*>(acc + j);
-        for (size_t r = 0; r < rows; ++r) {
-            AddExp(sums, *reinterpret_cast<const Narrow*>(x + r * rowStride + j));
-        }
-        *reinterpret_cast<Narrow*>(acc + j) = sums;
-    }
-    SumColumnsExactly(acc + j, x + j, count - j, rows, rowStride);
-}
+struct AddExpExactly {
+    static float Step(float acc, float x) { return AddExpElement(acc, x); }
+};
 
 // One accumulator: exponentials side by side, then sums one by one.
 void SumRow(float* acc, const float* x, size_t length)
@@ -224,7 +181,7 @@ void SumRow(float* acc, const float* x, size_t length)
         alignas(64) double high[kBlock];
         Flags outside = {};
         for (size_t i = 0; i < kBlock; i += kWide) {
-            const Narrow terms = *reinterpret_cast<const Narrow*>(x + j + i);
+            const Narrow terms = LoadNarrow(x + j + i);
             const ExpEnds ends(terms);
             *reinterpret_cast<Wide*>(low + i) = ends.low;
             *reinterpret_cast<Wide*>(high + i) = ends.high;
@@ -238,60 +195,18 @@ void SumRow(float* acc, const float* x, size_t length)
         }
     }
     *acc = sum;
-    SumColumnsExactly(acc, x + j, 1, length - j, 1);
+    FoldRow<AddExpExactly>(acc, x + j, length - j);
 }
 
-// One row per lane; squares of elements are transposed. Lanes without a row of their own repeat the last one.
-void SumRows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
+void SumRowsExactly(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
 {
-    for (size_t begin = 0; begin < count; begin += kLanes) {
-        const size_t rows = count - begin < kLanes ? count - begin : kLanes;
-        if (rows == 1) {
-            SumRow(acc + begin, x + begin * rowStride, length);
-            continue;
-        }
-        const float* row[kLanes];
-        float sums[kLanes];
-        for (size_t lane = 0; lane < kLanes; ++lane) {
-            const size_t r = begin + (lane < rows ? lane : rows - 1);
-            row[lane] = x + r * rowStride;
-            sums[lane] = acc[r];
-        }
-        Narrow first = *reinterpret_cast<const Narrow*>(sums);
-        Narrow second = *reinterpret_cast<const Narrow*>(sums + kWide);
-        for (size_t j = 0; j < length; j += kLanes) {
-            const size_t columns = length - j < kLanes ? length - j : kLanes;
-            Vec square[kLanes];
-            if (columns == kLanes) {
-                for (size_t lane = 0; lane < kLanes; ++lane) {
-                    square[lane] = Load(row[lane] + j);
-                }
-                TransposeSquare(square);
-            } else {
-                for (size_t c = 0; c < columns; ++c) {
-                    for (size_t lane = 0; lane < kLanes; ++lane) {
-                        square[c][lane] = row[lane][j + c];
-                    }
-                }
-            }
-            for (size_t c = 0; c < columns; ++c) {
-                float column[kLanes];
-                Store(column, square[c]);
-                AddExp(first, *reinterpret_cast<const Narrow*>(column));
-                AddExp(second, *reinterpret_cast<const Narrow*>(column + kWide));
-            }
-        }
-        *reinterpret_cast<Narrow*>(sums) = first;
-        *reinterpret_cast<Narrow*>(sums + kWide) = second;
-        for (size_t lane = 0; lane < rows; ++lane) {
-            acc[begin + lane] = sums[lane];
-        }
+    for (size_t r = 0; r < count; ++r) {
+        FoldRow<AddExpExactly>(acc + r, x + r * rowStride, length);
     }
 }
 
-constexpr FoldKernels kSum = {SumColumns, SumRows};
-
-#endif
+constexpr FoldKernels kSum = kWideRepays ? FoldKernels{VectorColumns<AddExp>, Rows<AddExp, SumRow>}
+                                         : FoldKernels{Columns<AddExpExactly>, SumRowsExactly};
 
 }  // namespace
 

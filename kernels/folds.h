@@ -1,7 +1,8 @@
-// The loops of folds: kinds give Step(accumulator, element) for floats and for vectors.
+// The loops of folds. Kinds give Step(accumulator, element) for floats and for vectors, see kernels/fold_steps.h.
 #ifndef OPKIT_KERNELS_FOLDS_H
 #define OPKIT_KERNELS_FOLDS_H
 
+#include "common/smaller.h"
 #include "kernels/reduction.h"
 #include "kernels/vector.h"
 
@@ -14,7 +15,7 @@ void Columns(float* __restrict acc, const float* __restrict x, size_t count, siz
 {
     constexpr size_t kBlock = 2048;
     for (size_t begin = 0; begin < count; begin += kBlock) {
-        const size_t n = count - begin < kBlock ? count - begin : kBlock;
+        const size_t n = Smaller(count - begin, kBlock);
         float* const a = acc + begin;
         const float* row = x + begin;
         size_t left = rows;
@@ -31,6 +32,27 @@ void Columns(float* __restrict acc, const float* __restrict x, size_t count, siz
             for (size_t j = 0; j < n; ++j) {
                 a[j] = Kind::Step(a[j], row[j]);
             }
+        }
+    }
+}
+
+// Neighbouring accumulators are the lanes of a vector that takes a whole column at a time: for steps that cost more
+// than walking down the rows.
+template <class Kind>
+void VectorColumns(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
+{
+    for (size_t j = 0; j < count; j += kLanes) {
+        const size_t tail = Smaller(count - j, kLanes);
+        const bool whole = tail == kLanes;
+        Vec sums = whole ? Load(acc + j) : LoadTail(acc + j, tail);
+        for (size_t r = 0; r < rows; ++r) {
+            const float* const row = x + r * rowStride + j;
+            sums = Kind::Step(sums, whole ? Load(row) : LoadTail(row, tail));
+        }
+        if (whole) {
+            Store(acc + j, sums);
+        } else {
+            StoreTail(acc + j, sums, tail);
         }
     }
 }
@@ -52,7 +74,7 @@ void FoldRowGroup(float* acc, const float* x, size_t rows, size_t rowStride, siz
     const float* row[kLanes];
     Vec a;
     for (size_t lane = 0; lane < kLanes; ++lane) {
-        const size_t r = lane < rows ? lane : rows - 1;
+        const size_t r = Smaller(lane, rows - 1);
         row[lane] = x + r * rowStride;
         a[lane] = acc[r];
     }
@@ -77,20 +99,26 @@ void FoldRowGroup(float* acc, const float* x, size_t rows, size_t rowStride, siz
 }
 
 template <class Kind>
+void FoldRow(float* acc, const float* x, size_t length)
+{
+    float a = *acc;
+    for (size_t j = 0; j < length; ++j) {
+        a = Kind::Step(a, x[j]);
+    }
+    *acc = a;
+}
+
+template <class Kind, void (*SingleRow)(float*, const float*, size_t) = FoldRow<Kind>>
 void Rows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
 {
     for (size_t begin = 0; begin < count; begin += kLanes) {
-        const size_t rows = count - begin < kLanes ? count - begin : kLanes;
+        const size_t rows = Smaller(count - begin, kLanes);
         const float* const first = x + begin * rowStride;
-        if (rows > 1) {
+        if (rows == 1) {
+            SingleRow(acc + begin, first, length);
+        } else {
             FoldRowGroup(acc + begin, first, rows, rowStride, length, [](Vec a, Vec b) { return Kind::Step(a, b); });
-            continue;
         }
-        float a = acc[begin];
-        for (size_t j = 0; j < length; ++j) {
-            a = Kind::Step(a, first[j]);
-        }
-        acc[begin] = a;
     }
 }
 

@@ -11,29 +11,20 @@
 #include <immintrin.h>
 #include <string.h>
 
+#include "common/smaller.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
-#if defined(OPKIT_LEVEL_avx512)
-constexpr size_t kTileVectors = 4;
-constexpr size_t kDepth = 128;
-#else
-constexpr size_t kTileVectors = 2;
-constexpr size_t kDepth = 256;
-#endif
 constexpr size_t kTileRows = 6;
+constexpr size_t kTileVectors = kVectorRegisters / 8;  // times six rows: sums take three quarters of the registers
+constexpr size_t kDepth = 512 / kTileVectors;
 constexpr size_t kTileColumns = kTileVectors * kLanes;
 constexpr size_t kBlockRows = 96;     // copied at a time, or their sums kept apart
 constexpr size_t kManyRows = 24;      // read a panel often enough for a copy of it to pay
 constexpr size_t kLine = 16;          // floats in a cache line
 constexpr size_t kAhead = 2 * kLine;  // how far ahead columns are fetched that are read along their own memory
-
-size_t Smaller(size_t a, size_t b)
-{
-    return a < b ? a : b;
-}
 
 struct Panel {
     const float* data;  // [depth, step]

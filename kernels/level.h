@@ -1,10 +1,11 @@
 // Instruction-set levels: which variant of the hot kernels runs.
 //
-// A kernel file is compiled once per level, with OPKIT_LEVEL naming it. The linker must never keep one compilation's code
-// for all of them: AVX-512 code would then run where there is none. So a kernel file's functions stand in an anonymous
-// namespace inside of opkit::OPKIT_LEVEL, and all code of a header that kernel files include (kernels/, common/) stands
-// in an anonymous namespace, too, its functions `inline` there only to spare warnings about unused ones. All that a
-// kernel object shares is its table, and all that it calls is libc and libm; the test of the binary interface looks.
+// A kernel file is compiled once per level, with OPKIT_LEVEL naming it. The linker must never keep one compilation's
+// code for all of them: AVX-512 code would then run where there is none. So a kernel file's functions stand in an
+// anonymous namespace inside of opkit::OPKIT_LEVEL, and all code of a header that kernel files include (kernels/,
+// common/) stands in an anonymous namespace, too, its functions `inline` there only to spare warnings about unused
+// ones. All that a kernel object shares is its table, and all that it calls is libc and libm; the test of the binary
+// interface looks.
 //
 //     // kernels/unary.h
 //     struct UnaryKernels { void (*neg)(const float* in, float* out, size_t count); };

@@ -7,47 +7,29 @@
 
 #include <string.h>
 
+#include "common/convert.h"
+#include "kernels/fold_steps.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
-struct SumStep {
-    static constexpr bool kRoundsFromDouble = false;
-    template <class T>
-    static T Next(T sum, T x)
-    {
-        return sum + x;
-    }
-};
-
-struct SumMagnitudesStep {
-    static constexpr bool kRoundsFromDouble = false;
-    // An f64 sum of two f32 values rounds to the same f32 as their f32 sum.
-    static float Next(float sum, float x) { return sum + __builtin_fabsf(x); }
-    static Vec Next(Vec sum, Vec x) { return sum + (Vec)((VecIndex)x & 0x7fffffff); }
-};
-
-struct SumSquaresStep {
-    static constexpr bool kRoundsFromDouble = true;
-    static float Next(float sum, float x)
+// In f64, narrowed by the caller's guard: see KeepRounding.
+struct AddSquareInF64 {
+    static float Step(float sum, float x)
     {
         const double wide = x;
         return static_cast<float>(wide * wide + static_cast<double>(sum));
     }
 };
 
-struct MaxStep {
-    static constexpr bool kRoundsFromDouble = false;
-    template <class T>
-    static T Next(T best, T x)
-    {
-        return x > best ? x : best;
-    }
-};
+template <class Kind>
+constexpr bool kWorksInF64 = false;
+template <>
+constexpr bool kWorksInF64<AddSquareInF64> = true;
 
 // kCount windows whose accumulators stay in registers or the first cache.
-template <class Step, int kCount>
+template <class Kind, int kCount>
 inline __attribute__((always_inline)) void Block(const PoolWindows& windows, const float* in, ptrdiff_t step,
                                                  float* accumulators)
 {
@@ -57,12 +39,10 @@ inline __attribute__((always_inline)) void Block(const PoolWindows& windows, con
         const float* x = in + row * windows.pitch;
         for (uint32_t column = 0; column < windows.columns; ++column, ++x) {
             for (int i = 0; i < kCount; ++i) {
-                values[i] = Step::Next(values[i], x[i * step]);
+                values[i] = Kind::Step(values[i], x[i * step]);
             }
-            if constexpr (Step::kRoundsFromDouble && kCount > 1) {
-                // GCC 12 drops the rounding to f32 between two vector steps that it sees next to each other; a trip
-                // through memory keeps them apart.
-                asm volatile("" : "+m"(values));
+            if constexpr (kWorksInF64<Kind>) {
+                KeepRounding(values);
             }
         }
     }
@@ -95,7 +75,7 @@ inline Vec LoadSteps(const float* from, ptrdiff_t step)
 constexpr int kManyWindows = 32;
 
 // kManyWindows windows, their accumulators in registers; called with a constant step.
-template <class Step>
+template <class Kind>
 inline __attribute__((always_inline)) void VectorBlock(const PoolWindows& windows, const float* in, ptrdiff_t step,
                                                        float* accumulators)
 {
@@ -109,7 +89,7 @@ inline __attribute__((always_inline)) void VectorBlock(const PoolWindows& window
         for (uint32_t column = 0; column < windows.columns; ++column, ++x) {
 #pragma GCC unroll 8
             for (size_t v = 0; v < kVectors; ++v) {
-                values[v] = Step::Next(values[v], LoadSteps(x + static_cast<ptrdiff_t>(v * kLanes) * step, step));
+                values[v] = Kind::Step(values[v], LoadSteps(x + static_cast<ptrdiff_t>(v * kLanes) * step, step));
             }
         }
     }
@@ -118,17 +98,17 @@ inline __attribute__((always_inline)) void VectorBlock(const PoolWindows& window
     }
 }
 
-template <class Step>
+template <class Kind>
 void ManyWindows(const PoolWindows& windows, const float* in, float* accumulators)
 {
-    if constexpr (Step::kRoundsFromDouble) {
-        Block<Step, kManyWindows>(windows, in, windows.step, accumulators);
+    if constexpr (kWorksInF64<Kind>) {
+        Block<Kind, kManyWindows>(windows, in, windows.step, accumulators);
     } else if (windows.step == 1) {
-        VectorBlock<Step>(windows, in, 1, accumulators);
+        VectorBlock<Kind>(windows, in, 1, accumulators);
     } else if (windows.step == 2) {
-        VectorBlock<Step>(windows, in, 2, accumulators);
+        VectorBlock<Kind>(windows, in, 2, accumulators);
     } else {
-        VectorBlock<Step>(windows, in, windows.step, accumulators);
+        VectorBlock<Kind>(windows, in, windows.step, accumulators);
     }
 }
 
@@ -186,21 +166,21 @@ inline __attribute__((always_inline)) void ForEachFullBlock(const PoolWindows& w
     }
 }
 
-template <class Step>
+template <class Kind>
 void Reduce(const PoolWindows& windows, float* accumulators)
 {
     float* const arrays[] = {accumulators};
     if (windows.count >= kManyWindows) {
         ForEachFullBlock<kManyWindows>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
-            ManyWindows<Step>(windows, in, at[0]);
+            ManyWindows<Kind>(windows, in, at[0]);
         });
     } else if (windows.count >= 8) {
         ForEachFullBlock<8>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
-            Block<Step, 8>(windows, in, windows.step, at[0]);
+            Block<Kind, 8>(windows, in, windows.step, at[0]);
         });
     } else {
         for (size_t i = 0; i < windows.count; ++i) {
-            Block<Step, 1>(windows, windows.in + static_cast<ptrdiff_t>(i) * windows.step, 0, accumulators + i);
+            Block<Kind, 1>(windows, windows.in + static_cast<ptrdiff_t>(i) * windows.step, 0, accumulators + i);
         }
     }
 }
@@ -229,7 +209,7 @@ void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint
 
 }  // namespace
 
-extern const PoolingKernels kPoolingKernels = {Reduce<SumStep>, Reduce<SumMagnitudesStep>, Reduce<SumSquaresStep>,
-                                               Reduce<MaxStep>, MaxPosition};
+extern const PoolingKernels kPoolingKernels = {Reduce<Add>, Reduce<AddMagnitude>, Reduce<AddSquareInF64>,
+                                               Reduce<TakeLarger>, MaxPosition};
 
 }  // namespace opkit::OPKIT_LEVEL

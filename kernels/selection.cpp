@@ -1,4 +1,4 @@
-// Selection of the first entries of a lane; see kernels/level.h for the levels.
+// Selection of the first entries of a line; see kernels/level.h for the levels.
 //
 // The entries found so far stand sorted. An element enters when it belongs strictly before the last of them: one that
 // equals it has the later place. Most elements do not, and a block of them is dismissed by comparisons side by side. An
@@ -6,8 +6,7 @@
 
 #include "kernels/selection.h"
 
-#include <immintrin.h>
-
+#include "common/smaller.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -17,27 +16,12 @@ constexpr size_t kBlock = 4 * kLanes;
 
 struct Largest {
     static bool Before(float a, float b) { return a > b; }
-#if defined(OPKIT_LEVEL_avx512)
-    static uint64_t Passes(Vec x, Vec limit)
-    {
-        return _mm512_cmp_ps_mask((__m512)x, (__m512)limit, _CMP_NLE_UQ);
-    }
-#elif defined(OPKIT_LEVEL_avx2)
-    static uint64_t Passes(Vec x, Vec limit)
-    {
-        return static_cast<uint32_t>(_mm256_movemask_ps(_mm256_cmp_ps((__m256)x, (__m256)limit, _CMP_NLE_UQ)));
-    }
-#else
-    static uint64_t Passes(Vec x, Vec limit)
-    {
-        return static_cast<uint32_t>(_mm_movemask_ps(_mm_cmpnle_ps((__m128)x, (__m128)limit)));
-    }
-#endif
+    static uint64_t Passes(Vec x, Vec limit) { return LaneBitsNotAtMost(x, limit); }
 };
 
 struct Smallest {
     static bool Before(float a, float b) { return a < b; }
-    static uint64_t Passes(Vec x, Vec limit) { return Largest::Passes(-x, -limit); }
+    static uint64_t Passes(Vec x, Vec limit) { return LaneBitsNotAtMost(-x, -limit); }
 };
 
 // Bit i: element i of the block belongs before the limit, or is NaN.
@@ -63,11 +47,11 @@ void Insert(SortEntry* best, size_t held, SortEntry entry)
 }
 
 template <class Order>
-bool Select(const float* lane, size_t step, size_t count, SortEntry* best, size_t keep)
+bool Select(const float* line, size_t step, size_t count, SortEntry* best, size_t keep)
 {
     size_t i = 0;
     for (; i < keep; ++i) {
-        const float x = lane[i * step];
+        const float x = line[i * step];
         if (x != x) {
             return false;
         }
@@ -75,8 +59,8 @@ bool Select(const float* lane, size_t step, size_t count, SortEntry* best, size_
     }
     float gathered[kBlock];
     for (; i < count; i += kBlock) {
-        const size_t here = count - i < kBlock ? count - i : kBlock;
-        const float* block = lane + i * step;
+        const size_t here = Smaller(count - i, kBlock);
+        const float* block = line + i * step;
         if (step != 1 || here < kBlock) {
             for (size_t j = 0; j < here; ++j) {
                 gathered[j] = block[j * step];

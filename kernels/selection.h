@@ -1,4 +1,4 @@
-// The first entries of a lane in sorted order, without sorting the lane.
+// The first entries of a line of elements in sorted order, without sorting the line.
 #ifndef OPKIT_KERNELS_SELECTION_H
 #define OPKIT_KERNELS_SELECTION_H
 
@@ -7,9 +7,9 @@
 
 namespace opkit {
 
-// Writes the first `keep` entries, 1 to count, of the lane's `count` elements, `step` floats apart, in order: by value,
-// equal values by place. False when the lane holds a NaN, which has no place in that order; best is undefined then.
-using SelectKernel = bool (*)(const float* lane, size_t step, size_t count, SortEntry* best, size_t keep);
+// Writes the first `keep` entries, 1 to count, of the line's `count` elements, `step` floats apart, in order: by value,
+// equal values by place. False when the line holds a NaN, which has no place in that order; best is undefined then.
+using SelectKernel = bool (*)(const float* line, size_t step, size_t count, SortEntry* best, size_t keep);
 
 struct SelectionKernels {
     SelectKernel largest;

@@ -9,17 +9,29 @@
 #include <float.h>
 #include <immintrin.h>
 
+#include "common/convert.h"
 #include "kernels/vector.h"
 
 namespace opkit {
 namespace {
 
 constexpr size_t kWide = kLanes / 2;
+constexpr bool kWideRepays = kWide > 2;  // two lanes are no faster than the formula over libm
 
 typedef double Wide __attribute__((vector_size(kWide * sizeof(double)), may_alias));
 typedef int64_t WideBits __attribute__((vector_size(kWide * sizeof(int64_t)), may_alias));
 typedef uint64_t WideWords __attribute__((vector_size(kWide * sizeof(uint64_t)), may_alias));  // wrap around
 typedef float Narrow __attribute__((vector_size(kWide * sizeof(float)), aligned(sizeof(float)), may_alias));
+
+inline Narrow LoadNarrow(const float* from)
+{
+    return *reinterpret_cast<const Narrow*>(from);
+}
+
+inline void StoreNarrow(float* to, Narrow value)
+{
+    *reinterpret_cast<Narrow*>(to) = value;
+}
 
 inline Wide Widen(Narrow x)
 {
@@ -33,6 +45,34 @@ inline Wide Widen(Narrow x)
 inline Narrow Narrowed(Wide x)
 {
     return __builtin_convertvector(x, Narrow);
+}
+
+// The same where the result is widened again.
+inline Narrow RoundToF32(Wide x)
+{
+    return KeepRounding(Narrowed(x));
+}
+
+template <int kFirst, int... kLane>
+inline Narrow HalfFrom(Vec x, LaneNumbers<kLane...>)
+{
+    return __builtin_shufflevector(x, x, (kFirst + kLane)...);
+}
+
+template <int... kLane>
+inline Vec Join(Narrow low, Narrow high, LaneNumbers<kLane...>)
+{
+    return __builtin_shufflevector(low, high, kLane...);
+}
+
+// Applies step(Narrow, Narrow), which works in f64 inside, to both halves of two vectors.
+template <class Step>
+inline Vec ByHalves(Vec a, Vec b, Step step)
+{
+    using Half = CountLanes<kWide>::Numbers;
+    const Narrow low = step(HalfFrom<0>(a, Half()), HalfFrom<0>(b, Half()));
+    const Narrow high = step(HalfFrom<kWide>(a, Half()), HalfFrom<kWide>(b, Half()));
+    return Join(low, high, CountLanes<kLanes>::Numbers());
 }
 
 inline Wide Splat(double x)
@@ -49,6 +89,17 @@ inline Wide MultiplyAdd(Wide a, Wide b, Wide c)
     return (Wide)_mm256_fmadd_pd((__m256d)a, (__m256d)b, (__m256d)c);
 #else
     return a * b + c;
+#endif
+}
+
+inline Wide SquareRoot(Wide x)
+{
+#if defined(OPKIT_LEVEL_avx512)
+    return (Wide)_mm512_sqrt_pd((__m512d)x);
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Wide)_mm256_sqrt_pd((__m256d)x);
+#else
+    return (Wide)_mm_sqrt_pd((__m128d)x);
 #endif
 }
 
@@ -264,14 +315,14 @@ inline Result RoundBetween(Wide low, Wide high)
 template <class Formula, class Exact>
 __attribute__((noinline)) void MapVector(const float* in, float* out, Formula formula, Exact exact)
 {
-    const Narrow x = *reinterpret_cast<const Narrow*>(in);
+    const Narrow x = LoadNarrow(in);
     Result result = formula(x);
     for (size_t lane = 0; lane < kWide; ++lane) {
         if (IsSet(result.doubtful, lane)) {
             result.value[lane] = exact(x[lane]);
         }
     }
-    *reinterpret_cast<Narrow*>(out) = result.value;
+    StoreNarrow(out, result.value);
 }
 
 // out[i] = exact(in[i]): by the vector formula where its float is certain, by exact itself elsewhere. The formula calls
@@ -279,12 +330,12 @@ __attribute__((noinline)) void MapVector(const float* in, float* out, Formula fo
 template <class Formula, class Exact>
 inline void MapCertain(const float* in, float* out, size_t count, Formula formula, Exact exact)
 {
-#if defined(OPKIT_LEVEL_baseline)
-    (void)formula;
-    for (size_t i = 0; i < count; ++i) {
-        out[i] = exact(in[i]);  // two lanes do not repay the longer way
+    if constexpr (!kWideRepays) {
+        for (size_t i = 0; i < count; ++i) {
+            out[i] = exact(in[i]);
+        }
+        return;
     }
-#else
     size_t i = 0;
     constexpr size_t kVectors = 4;
     constexpr size_t kBlock = kVectors * kWide;
@@ -293,7 +344,7 @@ inline void MapCertain(const float* in, float* out, size_t count, Formula formul
         Flags any = {};
 #pragma GCC unroll 4
         for (size_t v = 0; v < kVectors; ++v) {
-            const Result result = formula(*reinterpret_cast<const Narrow*>(in + i + v * kWide));
+            const Result result = formula(LoadNarrow(in + i + v * kWide));
             value[v] = result.value;
             any |= result.doubtful;
         }
@@ -305,7 +356,7 @@ inline void MapCertain(const float* in, float* out, size_t count, Formula formul
         }
 #pragma GCC unroll 4
         for (size_t v = 0; v < kVectors; ++v) {
-            *reinterpret_cast<Narrow*>(out + i + v * kWide) = value[v];
+            StoreNarrow(out + i + v * kWide, value[v]);
         }
     }
     for (; i + kWide <= count; i += kWide) {
@@ -317,7 +368,6 @@ inline void MapCertain(const float* in, float* out, size_t count, Formula formul
         MapVector(rest, rest, formula, exact);
         __builtin_memcpy(out + i, rest, (count - i) * sizeof(float));
     }
-#endif
 }
 
 }  // namespace

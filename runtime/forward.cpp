@@ -28,8 +28,7 @@ bool StopRequested(const ForwardParam& request)
 // A loop head that asks for no jump is in mid-loop: its outputs are not dumped yet.
 bool IsLoopInProgress(const LayerParam& layer)
 {
-    constexpr uint32_t kNoJump = 0xFFFFFFFFu;
-    return layer.segId == kNoJump && std::strcmp(layer.name, "LoopOpkitForward") == 0;
+    return layer.segId == OPKIT_NO_SEGMENT && std::strcmp(layer.name, "LoopOpkitForward") == 0;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "opkit/attributes/control.h"
 #include "opkit/operators.h"
+#include "opkit/opkit.h"
 #include "ops/control/pass_tensors.h"
 
 using namespace opkit;
@@ -10,13 +11,12 @@ using namespace opkit;
 namespace {
 
 constexpr uint32_t kRefused = 1;
-constexpr uint32_t kNoJump = 0xFFFFFFFFu;
 
 }  // namespace
 
 uint32_t IfBranch(LayerParam* param)
 {
-    param->segId = kNoJump;  // stands even when a tensor fails
+    param->segId = OPKIT_NO_SEGMENT;  // stands even when a tensor fails
     const uint32_t firstInput = AttrOf<CondEndAttr>(param).ifBranch == 1 ? 0 : param->outputNum;
     return PassTensors(param, firstInput, param->outputNum) ? kSuccess : kFailure;
 }

@@ -6,13 +6,13 @@
 #include "common/convert.h"
 #include "opkit/attributes/control.h"
 #include "opkit/operators.h"
+#include "opkit/opkit.h"
 #include "runtime/frame.h"
 
 using namespace opkit;
 
 namespace {
 
-constexpr uint32_t kNoJump = 0xFFFFFFFFu;
 constexpr int32_t kUnknownCondition = -1;
 
 // What a pass has read last. An online input that is not there leaves it as it is, and the copy takes it once more.
@@ -60,7 +60,7 @@ void SetConditionSegId(LayerParam* param, LayerAttrBlock* block)
         attr.iteration = static_cast<int32_t>(static_cast<uint32_t>(attr.iteration) + 1);
     }
     // A condition other than 0 and 1 leaves the loop too, but with the pass counted and nothing reset.
-    param->segId = attr.condition == 1 ? kNoJump : attr.exitSegId;
+    param->segId = attr.condition == 1 ? OPKIT_NO_SEGMENT : attr.exitSegId;
 }
 
 uint32_t LoopFirstTime(LayerParam* param)

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/convert.h"
+#include "common/smaller.h"
 #include "kernels/boxes.h"
 #include "opkit/attributes/detection.h"
 #include "opkit/operators.h"
@@ -22,16 +23,6 @@ namespace {
 uint32_t FieldCount(uint32_t hasClassId)
 {
     return hasClassId != 0 ? 6 : 5;
-}
-
-float Larger(float a, float b)
-{
-    return a > b ? a : b;
-}
-
-float Smaller(float a, float b)
-{
-    return a < b ? a : b;
 }
 
 // Inclusive extent of an overlap; 0 when there is none, and for NaN.

@@ -6,7 +6,7 @@
 
 #include "common/convert.h"
 #include "common/float_compare.h"
-#include "kernels/binary_map.h"
+#include "kernels/map.h"
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"
 #include "ops/elementwise/binary_frame.h"

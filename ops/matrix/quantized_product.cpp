@@ -1,7 +1,9 @@
 // Float emulation of a quantised matrix product: no integers, no rounding, no saturation. The correction subtracts the
 // zero points' share by row and column sums, and the stale result stays in, scaled by 4 * bZero * aZero.
 
+#include "common/smaller.h"
 #include "kernels/quantized.h"
+#include "kernels/reduction.h"
 #include "opkit/helpers.h"
 
 using namespace opkit;
@@ -18,25 +20,21 @@ struct Correction {
     float zero;
 };
 
-size_t Smaller(size_t a, size_t b)
-{
-    return a < b ? a : b;
-}
-
 // Rows [0, rows) of C, at most kRowBlock. Column sums are taken again for each such block, row sums once.
 void CorrectRows(const float* a, const float* b, float* c, size_t rows, size_t N, size_t K,
                  const Correction& correction)
 {
     const QuantizedKernels& kernels = Kernels<QuantizedKernels>();
-    float rowTerms[kRowBlock];
-    kernels.sumRows(a, rows, K, rowTerms);
+    const FoldKernels& sum = Kernels<ReductionKernels>().sum;
+    float rowTerms[kRowBlock] = {};
+    sum.rows(rowTerms, a, rows, K, K);
     for (size_t i = 0; i < rows; ++i) {
         rowTerms[i] *= correction.rowFactor;
     }
     for (size_t j = 0; j < N; j += kColumnBlock) {
         const size_t columns = Smaller(N - j, kColumnBlock);
-        float columnTerms[kColumnBlock];
-        kernels.sumColumns(b + j, K, columns, N, columnTerms);
+        float columnTerms[kColumnBlock] = {};
+        sum.columns(columnTerms, b + j, columns, K, N);
         for (size_t q = 0; q < columns; ++q) {
             columnTerms[q] *= correction.columnFactor;
         }

@@ -3,6 +3,7 @@
 // With countIncludePad padded places count as padValue, as far as bottom and right padding reach; without, only
 // elements count, and a window without any ends the operator. The operator succeeds whatever its core says.
 
+#include "common/smaller.h"
 #include "opkit/attributes/pooling.h"
 #include "opkit/operators.h"
 #include "ops/pooling/pooling_window.h"
@@ -10,11 +11,6 @@
 using namespace opkit;
 
 namespace {
-
-uint32_t Smaller(uint32_t a, uint32_t b)
-{
-    return a < b ? a : b;
-}
 
 // Places that one axis of window i spans, the padded ones included; the start is not clipped, the end is.
 uint32_t Extent(const PoolAxis& axis, uint32_t paddedSize, uint32_t i)

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "kernels/lanes.h"
+#include "kernels/axis_lines.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
 #include "ops/selection/lanes.h"
@@ -46,7 +46,7 @@ void SumLanes(const float* in, float* out, const Lanes& lanes, bool reverse, boo
     const size_t inner = lanes.inner;
     const size_t total = size_t{lanes.count} * lanes.length;
     if (inner == 1) {
-        Kernels<LaneKernels>().runningSums(in, out, lanes.count, lanes.length, reverse);
+        Kernels<AxisLineKernels>().runningSums(in, out, lanes.count, lanes.length, reverse);
     }
     for (size_t begin = 0; inner != 1 && begin < total; begin += inner * lanes.length) {
         SumRows(in + begin, out + begin, lanes.length, inner, reverse);

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "kernels/lanes.h"
+#include "kernels/axis_lines.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -21,7 +21,7 @@ void MarkColumns(const float* x, float* out, size_t count, size_t length, size_t
     for (size_t begin = 0; begin < count; begin += kBlock) {
         const size_t n = count - begin < kBlock ? count - begin : kBlock;
         uint32_t places[kBlock];
-        Kernels<LaneKernels>().firstLargestOfColumns(x + begin, places, n, length, inner);
+        Kernels<AxisLineKernels>().firstLargestOfColumns(x + begin, places, n, length, inner);
         for (size_t i = 0; i < n; ++i) {
             out[places[i] * inner + begin + i] = 1.0f;
         }
@@ -31,7 +31,7 @@ void MarkColumns(const float* x, float* out, size_t count, size_t length, size_t
 void MarkRows(const float* x, float* out, size_t rows, size_t length)
 {
     for (size_t row = 0; row < rows; ++row) {
-        out[row * length + Kernels<LaneKernels>().firstLargest(x + row * length, length)] = 1.0f;
+        out[row * length + Kernels<AxisLineKernels>().firstLargest(x + row * length, length)] = 1.0f;
     }
 }
 

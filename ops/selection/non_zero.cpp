@@ -5,7 +5,7 @@
 // rest of the output. Nothing reports the count.
 
 #include "common/bounded_memory.h"
-#include "kernels/lanes.h"
+#include "kernels/axis_lines.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
@@ -21,7 +21,7 @@ void WriteCoordinates(const Input& in, float* out, uint32_t count)
     for (uint32_t row = 0, done = 0; row < rows && done < count; ++row) {
         // What is found is never more than is still to come.
         const uint32_t found =
-            Kernels<LaneKernels>().nonZeroPlaces(in.data + row * pitch, in.width, columns + done, count - done);
+            Kernels<AxisLineKernels>().nonZeroPlaces(in.data + row * pitch, in.width, columns + done, count - done);
         if (found == 0) {
             continue;
         }
@@ -50,7 +50,7 @@ uint32_t NonZeroOpkitForward(LayerParam* param)
     uint32_t count = 0;
     if (in.count != 0) {
         ForEachRowRun(in.count, in.width, in.Pitch(), in.width, in.Pitch(), [&](size_t from, size_t, uint32_t n) {
-            count += Kernels<LaneKernels>().countNonZero(in.data + from, n);
+            count += Kernels<AxisLineKernels>().countNonZero(in.data + from, n);
         });
     }
     const uint64_t packed = uint64_t{static_cast<uint32_t>(in.dimNum)} * count;

@@ -1,11 +1,20 @@
-// The element loop over two operands that each advance with the output (step 1) or stand still (step 0).
-#ifndef OPKIT_KERNELS_BINARY_MAP_H
-#define OPKIT_KERNELS_BINARY_MAP_H
+// Element loops: over one operand, and over two that each advance with the output (step 1) or stand still (step 0).
+#ifndef OPKIT_KERNELS_MAP_H
+#define OPKIT_KERNELS_MAP_H
 
 #include <stddef.h>
 
 namespace opkit {
 namespace {
+
+// out[i] = Element(in[i]). out may equal in, or lie in front of it.
+template <float (*Element)(float)>
+void Map(const float* in, float* out, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        out[i] = Element(in[i]);
+    }
+}
 
 // out[i] = Element(a[i * stepA], b[i * stepB]). Element is pure; out may equal a or b.
 template <float (*Element)(float, float)>
@@ -41,4 +50,4 @@ void MapBinary(const float* a, size_t stepA, const float* b, size_t stepB, float
 }  // namespace
 }  // namespace opkit
 
-#endif  // OPKIT_KERNELS_BINARY_MAP_H
+#endif  // OPKIT_KERNELS_MAP_H

@@ -1,13 +1,14 @@
-// Loops along contiguous lanes: running sums and the place of the largest element.
-#ifndef OPKIT_KERNELS_LANES_H
-#define OPKIT_KERNELS_LANES_H
+// Loops along lines: the elements of a tensor along one of its axes. Running sums, the place of the largest element,
+// the places of those that are not zero.
+#ifndef OPKIT_KERNELS_AXIS_LINES_H
+#define OPKIT_KERNELS_AXIS_LINES_H
 
 #include "kernels/level.h"
 
 namespace opkit {
 
-struct LaneKernels {
-    // Running sums of `count` lanes of `length` elements, at least one, one lane behind the other, each from its first
+struct AxisLineKernels {
+    // Running sums of `count` lines of `length` elements, at least one, one line behind the other, each from its first
     // element or from its last. out may equal in.
     void (*runningSums)(const float* in, float* out, size_t count, size_t length, bool reverse);
     // Place of the first largest element; NaN never replaces a candidate, and one that comes first stays it.
@@ -20,8 +21,8 @@ struct LaneKernels {
     // that many.
     uint32_t (*nonZeroPlaces)(const float* x, uint32_t count, float* out, uint32_t limit);
 };
-OPKIT_KERNEL_TABLE(LaneKernels)
+OPKIT_KERNEL_TABLE(AxisLineKernels)
 
 }  // namespace opkit
 
-#endif  // OPKIT_KERNELS_LANES_H
+#endif  // OPKIT_KERNELS_AXIS_LINES_H

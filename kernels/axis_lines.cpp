@@ -1,17 +1,16 @@
-// Loops along lanes; see kernels/level.h for the levels.
+// Loops along the lines of an axis; see kernels/level.h for the levels.
 
-#include "kernels/lanes.h"
-
-#include <immintrin.h>
+#include "kernels/axis_lines.h"
 
 #include "common/float_compare.h"
+#include "common/smaller.h"
 #include "kernels/folds.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
-// One lane of the tensor per lane of the vector: squares are turned, summed and turned back.
-void SumVectorOfLanes(const float* in, float* out, size_t length, bool reverse)
+// One line per lane of the vector: squares are turned, summed and turned back.
+void SumLinesSideBySide(const float* in, float* out, size_t length, bool reverse)
 {
     const float* from[kLanes];
     for (size_t lane = 0; lane < kLanes; ++lane) {
@@ -64,7 +63,7 @@ void SumVectorOfLanes(const float* in, float* out, size_t length, bool reverse)
     }
 }
 
-void SumLane(const float* in, float* out, size_t length, bool reverse)
+void SumLine(const float* in, float* out, size_t length, bool reverse)
 {
     size_t place = reverse ? length - 1 : 0;
     float sum = in[place];
@@ -78,25 +77,13 @@ void SumLane(const float* in, float* out, size_t length, bool reverse)
 
 void RunningSums(const float* in, float* out, size_t count, size_t length, bool reverse)
 {
-    size_t lane = 0;
-    for (; lane + kLanes <= count; lane += kLanes) {
-        SumVectorOfLanes(in + lane * length, out + lane * length, length, reverse);
+    size_t line = 0;
+    for (; line + kLanes <= count; line += kLanes) {
+        SumLinesSideBySide(in + line * length, out + line * length, length, reverse);
     }
-    for (; lane < count; ++lane) {
-        SumLane(in + lane * length, out + lane * length, length, reverse);
+    for (; line < count; ++line) {
+        SumLine(in + line * length, out + line * length, length, reverse);
     }
-}
-
-// Bit i: lanes in which a comparison holds.
-inline uint32_t MaskOf(VecIndex condition)
-{
-#if defined(OPKIT_LEVEL_avx512)
-    return _mm512_movepi32_mask((__m512i)condition);
-#elif defined(OPKIT_LEVEL_avx2)
-    return static_cast<uint32_t>(_mm256_movemask_ps((__m256)condition));
-#else
-    return static_cast<uint32_t>(_mm_movemask_ps((__m128)condition));
-#endif
 }
 
 // The largest value first, then its first place: a value that is not above any other is the same wherever it stands.
@@ -114,21 +101,21 @@ size_t FirstLargest(const float* x, size_t count)
     for (; j + kVectors * kLanes <= count; j += kVectors * kLanes) {
         for (size_t v = 0; v < kVectors; ++v) {
             const Vec elements = Load(x + j + v * kLanes);
-            largest[v] = elements > largest[v] ? elements : largest[v];
+            largest[v] = Larger(elements, largest[v]);
         }
     }
     for (size_t v = 1; v < kVectors; ++v) {
-        largest[0] = largest[v] > largest[0] ? largest[v] : largest[0];
+        largest[0] = Larger(largest[v], largest[0]);
     }
     float best = x[0];
     for (size_t lane = 0; lane < kLanes; ++lane) {
-        best = largest[0][lane] > best ? largest[0][lane] : best;
+        best = Larger(largest[0][lane], best);
     }
     for (; j < count; ++j) {
-        best = x[j] > best ? x[j] : best;
+        best = Larger(x[j], best);
     }
     for (j = 0; j + kLanes <= count; j += kLanes) {
-        const uint32_t equal = MaskOf(Load(x + j) == best);
+        const uint32_t equal = LaneBits(Load(x + j) == best);
         if (equal != 0) {
             return j + static_cast<size_t>(__builtin_ctz(equal));
         }
@@ -144,18 +131,16 @@ size_t FirstLargest(const float* x, size_t count)
 void FirstLargestOfColumns(const float* x, uint32_t* places, size_t count, size_t length, size_t rowStride)
 {
     constexpr size_t kVectors = 4;
-    typedef uint32_t Places
-        __attribute__((vector_size(kLanes * sizeof(uint32_t)), aligned(sizeof(uint32_t)), may_alias));
     size_t column = 0;
     for (; column + kVectors * kLanes <= count; column += kVectors * kLanes) {
         Vec largest[kVectors];
-        VecIndex place[kVectors] = {};
+        VecInt place[kVectors] = {};
         for (size_t v = 0; v < kVectors; ++v) {
             largest[v] = Load(x + column + v * kLanes);
         }
         for (size_t j = 1; j < length; ++j) {
             const float* const row = x + j * rowStride + column;
-            const VecIndex here = VecIndex{} + static_cast<int32_t>(j);
+            const VecInt here = VecInt{} + static_cast<int32_t>(j);
             for (size_t v = 0; v < kVectors; ++v) {
                 const Vec elements = Load(row + v * kLanes);
                 const auto above = elements > largest[v];
@@ -164,7 +149,7 @@ void FirstLargestOfColumns(const float* x, uint32_t* places, size_t count, size_
             }
         }
         for (size_t v = 0; v < kVectors; ++v) {
-            *reinterpret_cast<Places*>(places + column + v * kLanes) = (Places)place[v];
+            StoreWords(places + column + v * kLanes, (VecWord)place[v]);
         }
     }
     for (; column < count; ++column) {
@@ -185,34 +170,21 @@ uint32_t CountNonZero(const float* x, uint32_t count)
     return count - zeros;
 }
 
-#if defined(OPKIT_LEVEL_avx512)
-
-// Places are packed in a register: stored through the mask of those in use, which is fast, while packing into memory is
-// not on every processor.
-uint32_t NonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limit)
+uint32_t PackNonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limit)
 {
     uint32_t found = 0;
-    const __m512i magnitude = _mm512_set1_epi32(0x7fffffff);
-    __m512i places = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    VecWord places = FirstWords();
     for (uint32_t i = 0; i < count && found < limit; i += kLanes) {
-        const uint32_t here = count - i < kLanes ? count - i : kLanes;
-        const __mmask16 lanes = static_cast<__mmask16>((1u << here) - 1);
-        const __m512i bits = _mm512_and_si512((__m512i)_mm512_maskz_loadu_ps(lanes, x + i), magnitude);
-        const __mmask16 large =
-            _mm512_mask_cmp_ps_mask(lanes, (__m512)bits, _mm512_set1_ps(kZeroTolerance), _CMP_NLE_UQ);
-        const uint32_t more = static_cast<uint32_t>(__builtin_popcount(large));
-        const __m512 packed = _mm512_maskz_compress_ps(large, _mm512_cvtepu32_ps(places));
-        _mm512_mask_storeu_ps(out + found, static_cast<__mmask16>((1u << more) - 1), packed);
-        found += more;
-        places = _mm512_add_epi32(places, _mm512_set1_epi32(kLanes));
+        const Vec elements = LoadTail(x + i, Smaller<size_t>(count - i, kLanes));  // zeros behind the last one
+        const uint32_t large = LaneBitsNotAtMost(Magnitude(elements), Vec{} + kZeroTolerance);
+        found += StorePacked(out + found, __builtin_convertvector(places, Vec), large);
+        places += static_cast<uint32_t>(kLanes);
     }
     return found;
 }
 
-#else
-
 // What is written for an element near zero is overwritten by the next place.
-uint32_t NonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limit)
+uint32_t WriteNonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limit)
 {
     uint32_t found = 0;
     for (uint32_t i = 0; i < count && found < limit; ++i) {
@@ -222,10 +194,10 @@ uint32_t NonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limi
     return found;
 }
 
-#endif
-
 }  // namespace
 
-extern const LaneKernels kLaneKernels = {RunningSums, FirstLargest, FirstLargestOfColumns, CountNonZero, NonZeroPlaces};
+extern const AxisLineKernels kAxisLineKernels = {
+    RunningSums, FirstLargest, FirstLargestOfColumns, CountNonZero, kPacks ? PackNonZeroPlaces : WriteNonZeroPlaces,
+};
 
 }  // namespace opkit::OPKIT_LEVEL
