@@ -60,7 +60,8 @@ struct Ends {
 struct ExpEnds : Ends {
     static constexpr float kLimit = 120.0f;
 
-    explicit ExpEnds(Narrow x) : Ends(Exp(Widen(Clamp(x, kLimit))), Splat(kWideError)) {}
+    explicit ExpEnds(Narrow x) : ExpEnds(Widen(Clamp(x, kLimit))) {}
+    explicit ExpEnds(Wide clamped) : Ends(Exp(clamped), Splat(kWideError)) {}
 };
 
 // x + 0 from 0 on; below, both ends of the exponential go through the formula. Each of its steps is monotonic, so the
@@ -149,21 +150,23 @@ void Acosh(const float* in, float* out, size_t count)
 // Adds e^x to an accumulator, rounded as the definition has it: the sum is monotonic in the exponential. What lies
 // below -kLimit adds less than half of the smallest float, and so nothing, like the ends that stand for it.
 struct AddExp {
-    static Narrow Half(Narrow acc, Narrow x)
+    static Vec Step(Vec acc, Vec x)
     {
-        const ExpEnds ends(x);
-        const Wide wide = Widen(acc);
-        Result sum = RoundBetween(ends.low + wide, ends.high + wide);
-        sum.doubtful |= NotAtMost(x, ExpEnds::kLimit);
-        if (__builtin_expect(AnyOf(sum.doubtful), 0)) {
-            for (size_t lane = 0; lane < kWide; ++lane) {
-                sum.value[lane] = IsSet(sum.doubtful, lane) ? AddExpElement(acc[lane], x[lane]) : sum.value[lane];
+        const Vec clamped = Clamp(x, ExpEnds::kLimit);
+        const ExpEnds first(WidenLow(clamped));
+        const ExpEnds second(WidenHigh(clamped));
+        const Wide low = WidenLow(acc);
+        const Wide high = WidenHigh(acc);
+        Vec sum = RoundToF32(first.low + low, second.low + high);
+        const Vec above = RoundToF32(first.high + low, second.high + high);
+        const uint32_t doubtful = LaneBits(sum != above) | LaneBitsNotAtMost(x, Vec{} + ExpEnds::kLimit);
+        if (__builtin_expect(doubtful != 0, 0)) {
+            for (size_t lane = 0; lane < kLanes; ++lane) {
+                sum[lane] = ((doubtful >> lane) & 1) != 0 ? AddExpElement(acc[lane], x[lane]) : sum[lane];
             }
         }
-        return KeepRounding(sum.value);
+        return sum;
     }
-
-    static Vec Step(Vec acc, Vec x) { return ByHalves(acc, x, Half); }
 };
 
 struct AddExpExactly {

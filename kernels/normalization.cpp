@@ -40,10 +40,7 @@ struct AddWholeSquare {
 
     static Vec Step(Vec acc, Vec x)
     {
-        return ByHalves(acc, WholeMagnitude(x), [](Narrow sums, Narrow terms) {
-            const Wide n = Widen(terms);
-            return RoundToF32(Widen(sums) + n * n);
-        });
+        return InF64(acc, WholeMagnitude(x), [](Wide sums, Wide n) { return sums + n * n; });
     }
 };
 

@@ -10,6 +10,7 @@
 #include <immintrin.h>
 
 #include "common/convert.h"
+#include "common/smaller.h"
 #include "kernels/vector.h"
 
 namespace opkit {
@@ -33,12 +34,15 @@ inline void StoreNarrow(float* to, Narrow value)
     *reinterpret_cast<Narrow*>(to) = value;
 }
 
+// One instruction; the generic form converts by halves or one by one.
 inline Wide Widen(Narrow x)
 {
 #if defined(OPKIT_LEVEL_avx512)
-    return (Wide)_mm512_cvtps_pd((__m256)x);  // one instruction; the generic form converts by halves
+    return (Wide)_mm512_cvtps_pd((__m256)x);
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Wide)_mm256_cvtps_pd((__m128)x);
 #else
-    return __builtin_convertvector(x, Wide);
+    return (Wide)_mm_cvtps_pd((__m128)__builtin_shufflevector(x, x, 0, 1, 0, 1));
 #endif
 }
 
@@ -47,32 +51,47 @@ inline Narrow Narrowed(Wide x)
     return __builtin_convertvector(x, Narrow);
 }
 
-// The same where the result is widened again.
-inline Narrow RoundToF32(Wide x)
+// The first and the second half of a float vector, and both halves rounded to floats again.
+inline Wide WidenLow(Vec x)
 {
-    return KeepRounding(Narrowed(x));
+#if defined(OPKIT_LEVEL_avx512)
+    return (Wide)_mm512_cvtps_pd(_mm512_castps512_ps256((__m512)x));
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Wide)_mm256_cvtps_pd(_mm256_castps256_ps128((__m256)x));
+#else
+    return (Wide)_mm_cvtps_pd((__m128)x);
+#endif
 }
 
-template <int kFirst, int... kLane>
-inline Narrow HalfFrom(Vec x, LaneNumbers<kLane...>)
+inline Wide WidenHigh(Vec x)
 {
-    return __builtin_shufflevector(x, x, (kFirst + kLane)...);
+#if defined(OPKIT_LEVEL_avx512)
+    return (Wide)_mm512_cvtps_pd(_mm512_extractf32x8_ps((__m512)x, 1));
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Wide)_mm256_cvtps_pd(_mm256_extractf128_ps((__m256)x, 1));
+#else
+    return (Wide)_mm_cvtps_pd(_mm_movehl_ps((__m128)x, (__m128)x));
+#endif
 }
 
-template <int... kLane>
-inline Vec Join(Narrow low, Narrow high, LaneNumbers<kLane...>)
+inline Vec RoundToF32(Wide low, Wide high)
 {
-    return __builtin_shufflevector(low, high, kLane...);
+#if defined(OPKIT_LEVEL_avx512)
+    const __m256 first = KeepRounding(_mm512_cvtpd_ps((__m512d)low));
+    return (Vec)_mm512_insertf32x8(_mm512_castps256_ps512(first), KeepRounding(_mm512_cvtpd_ps((__m512d)high)), 1);
+#elif defined(OPKIT_LEVEL_avx2)
+    const __m128 first = KeepRounding(_mm256_cvtpd_ps((__m256d)low));
+    return (Vec)_mm256_insertf128_ps(_mm256_castps128_ps256(first), KeepRounding(_mm256_cvtpd_ps((__m256d)high)), 1);
+#else
+    return (Vec)_mm_movelh_ps(KeepRounding(_mm_cvtpd_ps((__m128d)low)), KeepRounding(_mm_cvtpd_ps((__m128d)high)));
+#endif
 }
 
-// Applies step(Narrow, Narrow), which works in f64 inside, to both halves of two vectors.
+// Applies a step in f64 to both halves of two float vectors.
 template <class Step>
-inline Vec ByHalves(Vec a, Vec b, Step step)
+inline Vec InF64(Vec a, Vec b, Step step)
 {
-    using Half = CountLanes<kWide>::Numbers;
-    const Narrow low = step(HalfFrom<0>(a, Half()), HalfFrom<0>(b, Half()));
-    const Narrow high = step(HalfFrom<kWide>(a, Half()), HalfFrom<kWide>(b, Half()));
-    return Join(low, high, CountLanes<kLanes>::Numbers());
+    return RoundToF32(step(WidenLow(a), WidenLow(b)), step(WidenHigh(a), WidenHigh(b)));
 }
 
 inline Wide Splat(double x)
@@ -190,8 +209,19 @@ inline Narrow Clamp(Narrow x, float limit)
 #elif defined(OPKIT_LEVEL_avx2)
     return (Narrow)_mm_max_ps((__m128)-high, _mm_min_ps((__m128)high, (__m128)x));
 #else
-    x = high < x ? high : x;
-    return -high > x ? -high : x;
+    return Larger(-high, Smaller(high, x));
+#endif
+}
+
+inline Vec Clamp(Vec x, float limit)
+{
+    const Vec high = Vec{} + limit;
+#if defined(OPKIT_LEVEL_avx512)
+    return (Vec)_mm512_max_ps((__m512)-high, _mm512_min_ps((__m512)high, (__m512)x));
+#elif defined(OPKIT_LEVEL_avx2)
+    return (Vec)_mm256_max_ps((__m256)-high, _mm256_min_ps((__m256)high, (__m256)x));
+#else
+    return (Vec)_mm_max_ps((__m128)-high, _mm_min_ps((__m128)high, (__m128)x));
 #endif
 }
 
