@@ -4,6 +4,7 @@
 
 #include "common/float_compare.h"
 #include "kernels/choose.h"
+#include "kernels/contract.h"
 #include "kernels/map.h"
 #include "kernels/round_elements.h"
 
@@ -13,6 +14,7 @@ namespace {
 // NaN passes both limits.
 void HardSigmoid(const float* in, float* out, size_t count, float alpha, float beta)
 {
+    assert(MayMap(in, out, count));
     for (size_t i = 0; i < count; ++i) {
         const float line = in[i] * alpha + beta;
         out[i] = Choose(line > 1.0f, 1.0f, Choose(line < 0.0f, 0.0f, line));
@@ -22,6 +24,7 @@ void HardSigmoid(const float* in, float* out, size_t count, float alpha, float b
 // The lower side is tested first: with a negative lambd both tests may hold.
 void Shrink(const float* in, float* out, size_t count, float bias, float lambd)
 {
+    assert(MayMap(in, out, count));
     for (size_t i = 0; i < count; ++i) {
         const float x = in[i];
         out[i] = Choose(x < -lambd, x + bias, Choose(x > lambd, x - bias, 0.0f));
@@ -30,6 +33,7 @@ void Shrink(const float* in, float* out, size_t count, float bias, float lambd)
 
 void Threshold(const float* in, float* out, size_t count, float alpha)
 {
+    assert(MayMap(in, out, count));
     for (size_t i = 0; i < count; ++i) {
         out[i] = Choose(in[i] > alpha, in[i], 0.0f);
     }

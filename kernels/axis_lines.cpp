@@ -4,6 +4,7 @@
 
 #include "common/float_compare.h"
 #include "common/smaller.h"
+#include "kernels/contract.h"
 #include "kernels/folds.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -77,6 +78,8 @@ void SumLine(const float* in, float* out, size_t length, bool reverse)
 
 void RunningSums(const float* in, float* out, size_t count, size_t length, bool reverse)
 {
+    assert(length >= 1 && Present(in, count) && Present(out, count));
+    assert(out == in || Apart(in, count * length, out, count * length));
     size_t line = 0;
     for (; line + kLanes <= count; line += kLanes) {
         SumLinesSideBySide(in + line * length, out + line * length, length, reverse);
@@ -89,6 +92,7 @@ void RunningSums(const float* in, float* out, size_t count, size_t length, bool 
 // The largest value first, then its first place: a value that is not above any other is the same wherever it stands.
 size_t FirstLargest(const float* x, size_t count)
 {
+    assert(Present(x, count));
     constexpr size_t kVectors = 4;
     if (count == 0) {
         return 0;
@@ -130,6 +134,7 @@ size_t FirstLargest(const float* x, size_t count)
 
 void FirstLargestOfColumns(const float* x, uint32_t* places, size_t count, size_t length, size_t rowStride)
 {
+    assert(length >= 1 && Present(x, count) && Present(places, count));
     constexpr size_t kVectors = 4;
     size_t column = 0;
     for (; column + kVectors * kLanes <= count; column += kVectors * kLanes) {
@@ -163,6 +168,7 @@ void FirstLargestOfColumns(const float* x, uint32_t* places, size_t count, size_
 
 uint32_t CountNonZero(const float* x, uint32_t count)
 {
+    assert(Present(x, count));
     uint32_t zeros = 0;
     for (uint32_t i = 0; i < count; ++i) {
         zeros += NearZero(x[i]) ? 1 : 0;
@@ -172,6 +178,7 @@ uint32_t CountNonZero(const float* x, uint32_t count)
 
 uint32_t PackNonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limit)
 {
+    assert(Present(x, count) && Present(out, limit));
     uint32_t found = 0;
     VecWord places = FirstWords();
     for (uint32_t i = 0; i < count && found < limit; i += kLanes) {
@@ -186,6 +193,7 @@ uint32_t PackNonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t 
 // What is written for an element near zero is overwritten by the next place.
 uint32_t WriteNonZeroPlaces(const float* x, uint32_t count, float* out, uint32_t limit)
 {
+    assert(Present(x, count) && Present(out, limit));
     uint32_t found = 0;
     for (uint32_t i = 0; i < count && found < limit; ++i) {
         out[found] = static_cast<float>(i);

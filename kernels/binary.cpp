@@ -4,6 +4,7 @@
 
 #include "common/float_compare.h"
 #include "kernels/choose.h"
+#include "kernels/contract.h"
 #include "kernels/map.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -93,6 +94,8 @@ void SelectSteps(const float* condition, const float* x, const float* y, float* 
 void Select(const float* condition, const float* x, size_t stepX, const float* y, size_t stepY, float* out,
             size_t count)
 {
+    assert(stepX <= 1 && stepY <= 1);
+    assert(Present(condition, count) && Present(x, count) && Present(y, count) && Present(out, count));
     if (stepX != 0 && stepY != 0) {
         SelectSteps<1, 1>(condition, x, y, out, count);
     } else if (stepX != 0) {

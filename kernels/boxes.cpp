@@ -4,6 +4,7 @@
 
 #include "common/smaller.h"
 #include "kernels/choose.h"
+#include "kernels/contract.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
@@ -15,6 +16,7 @@ uint32_t MaskOf(bool condition)
 
 bool OverlapsAny(const BoxBlock& block, size_t count, const BoxFields& box, float threshold)
 {
+    assert(count <= kBoxBlock);
     uint32_t any = 0;
     for (size_t j = 0; j < count; ++j) {
         const float left = Larger(box.x1, block.x1[j]);
@@ -38,6 +40,7 @@ float Extent(float low, float high)
 
 void Suppress(const BoxBlock& block, size_t first, size_t end, const BoxFields& box, float threshold, uint32_t* keep)
 {
+    assert(end <= kBoxBlock && Present(keep, end));
     for (size_t j = first; j < end; ++j) {
         const uint32_t apart = MaskOf(block.x1[j] > box.x2) | MaskOf(box.x1 > block.x2[j]) |
                                MaskOf(block.y1[j] > box.y2) | MaskOf(box.y1 > block.y2[j]);

@@ -3,6 +3,7 @@
 #include "kernels/determinant.h"
 
 #include "common/float_compare.h"
+#include "kernels/contract.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
@@ -28,6 +29,7 @@ int32_t LargestMagnitude(const float* row, size_t count)
 
 void FindPivot(const float* matrix, size_t n, size_t k, uint32_t* row, uint32_t* col)
 {
+    assert(matrix != nullptr && k < n && row != nullptr && col != nullptr);
     const float start = matrix[k * n + k];
     if (start != start) {
         return;  // nothing is greater than NaN
@@ -51,6 +53,7 @@ void FindPivot(const float* matrix, size_t n, size_t k, uint32_t* row, uint32_t*
 
 void Eliminate(float* matrix, size_t n, size_t k)
 {
+    assert(matrix != nullptr && k < n);
     const float* pivotRow = matrix + k * n;
     for (size_t r = k + 1; r < n; ++r) {
         float* row = matrix + r * n;

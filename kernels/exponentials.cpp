@@ -203,6 +203,7 @@ void SumRow(float* acc, const float* x, size_t length)
 
 void SumRowsExactly(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
 {
+    assert(MayFoldRows(acc, x, count, rowStride, length));
     for (size_t r = 0; r < count; ++r) {
         FoldRow<AddExpExactly>(acc + r, x + r * rowStride, length);
     }

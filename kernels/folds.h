@@ -3,16 +3,31 @@
 #define OPKIT_KERNELS_FOLDS_H
 
 #include "common/smaller.h"
+#include "kernels/contract.h"
 #include "kernels/reduction.h"
 #include "kernels/vector.h"
 
 namespace opkit {
 namespace {
 
+// The contract of FoldKernels.
+inline bool MayFoldColumns(const float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
+{
+    return Present(acc, count) && Present(x, rows * count) &&
+           Apart(acc, count, x, FloatsSpanned(rows, rowStride, count));
+}
+
+inline bool MayFoldRows(const float* acc, const float* x, size_t count, size_t rowStride, size_t length)
+{
+    return Present(acc, count) && Present(x, count * length) &&
+           (count * length == 1 || Apart(acc, count, x, FloatsSpanned(count, rowStride, length)));
+}
+
 // Four rows at a time: their accumulators are loaded and stored once. A block of accumulators stays in the first cache.
 template <class Kind>
 void Columns(float* __restrict acc, const float* __restrict x, size_t count, size_t rows, size_t rowStride)
 {
+    assert(MayFoldColumns(acc, x, count, rows, rowStride));
     constexpr size_t kBlock = 2048;
     for (size_t begin = 0; begin < count; begin += kBlock) {
         const size_t n = Smaller(count - begin, kBlock);
@@ -41,6 +56,7 @@ void Columns(float* __restrict acc, const float* __restrict x, size_t count, siz
 template <class Kind>
 void VectorColumns(float* acc, const float* x, size_t count, size_t rows, size_t rowStride)
 {
+    assert(MayFoldColumns(acc, x, count, rows, rowStride));
     for (size_t j = 0; j < count; j += kLanes) {
         const size_t tail = Smaller(count - j, kLanes);
         const bool whole = tail == kLanes;
@@ -111,6 +127,7 @@ void FoldRow(float* acc, const float* x, size_t length)
 template <class Kind, void (*SingleRow)(float*, const float*, size_t) = FoldRow<Kind>>
 void Rows(float* acc, const float* x, size_t count, size_t rowStride, size_t length)
 {
+    assert(MayFoldRows(acc, x, count, rowStride, length));
     for (size_t begin = 0; begin < count; begin += kLanes) {
         const size_t rows = Smaller(count - begin, kLanes);
         const float* const first = x + begin * rowStride;

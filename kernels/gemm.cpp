@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "common/smaller.h"
+#include "kernels/contract.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -465,6 +466,7 @@ bool MayReadDirectly(const Product& p)
 
 void Accumulate(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c)
 {
+    assert(Present(a.data, M * K) && Present(b.data, K * N) && Present(c, M * N));
     Product p = Describe(M, N, K, alpha, a, b, c);
     if (IsOneRow(p)) {
         RunOneRow<false>(p);
@@ -481,6 +483,7 @@ void Accumulate(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixV
 
 void AccumulateFrom(size_t M, size_t N, size_t K, float alpha, MatrixView a, const PanelSource& b, float* c)
 {
+    assert(Present(a.data, M * K) && b.fill != nullptr && Present(c, M * N));
     Product p = {a, {nullptr, 0, 0}, M, N, K, alpha, 1.0f, c, N, 1};
     p.source = &b;
     RunInPlace(p, false);
@@ -488,6 +491,7 @@ void AccumulateFrom(size_t M, size_t N, size_t K, float alpha, MatrixView a, con
 
 void AddSums(size_t M, size_t N, size_t K, float alpha, MatrixView a, MatrixView b, float* c)
 {
+    assert(Present(a.data, M * K) && Present(b.data, K * N) && Present(c, M * N));
     Product p = Describe(M, N, K, alpha, a, b, c);
     if (IsOneRow(p)) {
         RunOneRow<true>(p);

@@ -4,6 +4,8 @@
 
 #include <stddef.h>
 
+#include "kernels/contract.h"
+
 namespace opkit {
 namespace {
 
@@ -11,6 +13,7 @@ namespace {
 template <float (*Element)(float)>
 void Map(const float* in, float* out, size_t count)
 {
+    assert(MayMap(in, out, count));
     for (size_t i = 0; i < count; ++i) {
         out[i] = Element(in[i]);
     }
@@ -20,6 +23,8 @@ void Map(const float* in, float* out, size_t count)
 template <float (*Element)(float, float)>
 void MapBinary(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
 {
+    assert(stepA <= 1 && stepB <= 1);
+    assert(Present(a, count) && Present(b, count) && Present(out, count));
     constexpr size_t kShort = 8;  // below, telling the cases apart costs more than it saves
     if (count < kShort) {
         for (size_t i = 0; i < count; ++i) {

@@ -3,6 +3,7 @@
 #include "kernels/normalization.h"
 
 #include "common/convert.h"
+#include "kernels/contract.h"
 #include "kernels/folds.h"
 #include "kernels/wide.h"
 
@@ -49,6 +50,7 @@ constexpr FoldKernels kWholeFold = {VectorColumns<Kind>, Rows<Kind>};
 
 void SquaredDistances(float* acc, const float* centres, const float* x, size_t count, size_t rowStride, size_t length)
 {
+    assert(Present(centres, count) && MayFoldRows(acc, x, count, rowStride, length));
     for (size_t begin = 0; begin < count; begin += kLanes) {
         const size_t rows = Smaller(count - begin, kLanes);
         Vec centre;
@@ -64,6 +66,7 @@ void SquaredDistances(float* acc, const float* centres, const float* x, size_t c
 
 void ScaleAndShift(const float* x, float* out, size_t count, float scale, float shift)
 {
+    assert(MayMap(x, out, count));
     for (size_t i = 0; i < count; ++i) {
         out[i] = x[i] * scale + shift;
     }

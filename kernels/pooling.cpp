@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "common/convert.h"
+#include "kernels/contract.h"
 #include "kernels/fold_steps.h"
 #include "kernels/vector.h"
 
@@ -166,9 +167,18 @@ inline __attribute__((always_inline)) void ForEachFullBlock(const PoolWindows& w
     }
 }
 
+inline bool MayReduce(const PoolWindows& windows, const float* accumulators)
+{
+    const size_t window = FloatsSpanned(windows.rows, windows.pitch, windows.columns);
+    const size_t span = FloatsSpanned(windows.count, static_cast<size_t>(windows.step), window);
+    return windows.step >= 0 && Present(windows.in, span) && Present(accumulators, windows.count) &&
+           Apart(windows.in, span, accumulators, windows.count);
+}
+
 template <class Kind>
 void Reduce(const PoolWindows& windows, float* accumulators)
 {
+    assert(MayReduce(windows, accumulators));
     float* const arrays[] = {accumulators};
     if (windows.count >= kManyWindows) {
         ForEachFullBlock<kManyWindows>(windows, arrays, [&](const float* in, float* const(&at)[1], size_t) {
@@ -187,6 +197,7 @@ void Reduce(const PoolWindows& windows, float* accumulators)
 
 void MaxPosition(const PoolWindows& windows, float* best, float* positions, uint32_t position, uint32_t width)
 {
+    assert(MayReduce(windows, best) && MayReduce(windows, positions));
     const auto place = [&](size_t i) {
         return position + static_cast<uint32_t>(i) * static_cast<uint32_t>(windows.step);
     };

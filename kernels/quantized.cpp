@@ -2,6 +2,7 @@
 
 #include "kernels/quantized.h"
 
+#include "kernels/contract.h"
 #include "kernels/round_elements.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -9,6 +10,7 @@ namespace {
 
 void Correct(float* c, size_t count, const float* columnTerms, float rowTerm, float scale, float zero)
 {
+    assert(Present(c, count) && Present(columnTerms, count) && Apart(c, count, columnTerms, count));
     for (size_t j = 0; j < count; ++j) {
         c[j] = (c[j] - (columnTerms[j] + rowTerm)) * scale - zero;
     }
@@ -16,6 +18,7 @@ void Correct(float* c, size_t count, const float* columnTerms, float rowTerm, fl
 
 void Dequantize(float* data, size_t count, float scale, float zero)
 {
+    assert(Present(data, count));
     for (size_t i = 0; i < count; ++i) {
         data[i] = (data[i] - zero) * scale;
     }
@@ -24,6 +27,7 @@ void Dequantize(float* data, size_t count, float scale, float zero)
 // The sum is defined in f64 and narrowed; two floats add to the same float either way.
 void Quantize(float* data, size_t count, float scale, float zero)
 {
+    assert(Present(data, count));
     for (size_t i = 0; i < count; ++i) {
         data[i] = RoundHalfAwayElement(data[i] / scale) + zero;
     }

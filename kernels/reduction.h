@@ -1,5 +1,5 @@
 // Folds of many elements into few: sums, products, extremes. An accumulator takes its elements in ascending order, one
-// rounding each; what runs side by side are different accumulators. Accumulators and elements do not overlap.
+// rounding each; what runs side by side are different accumulators. Accumulators and elements share no memory.
 #ifndef OPKIT_KERNELS_REDUCTION_H
 #define OPKIT_KERNELS_REDUCTION_H
 
@@ -10,7 +10,7 @@ namespace opkit {
 struct FoldKernels {
     // acc[j] takes x[j], x[rowStride + j], ... of all rows.
     void (*columns)(float* acc, const float* x, size_t count, size_t rows, size_t rowStride);
-    // acc[r] takes the `length` elements from x + r * rowStride on.
+    // acc[r] takes the `length` elements from x + r * rowStride on. A single element may be its own accumulator.
     void (*rows)(float* acc, const float* x, size_t count, size_t rowStride, size_t length);
 };
 

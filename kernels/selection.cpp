@@ -7,6 +7,7 @@
 #include "kernels/selection.h"
 
 #include "common/smaller.h"
+#include "kernels/contract.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -49,6 +50,7 @@ void Insert(SortEntry* best, size_t held, SortEntry entry)
 template <class Order>
 bool Select(const float* line, size_t step, size_t count, SortEntry* best, size_t keep)
 {
+    assert(line != nullptr && best != nullptr && keep >= 1 && keep <= count && count <= INT32_MAX);
     size_t i = 0;
     for (; i < keep; ++i) {
         const float x = line[i * step];

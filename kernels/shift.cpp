@@ -3,6 +3,8 @@
 
 #include "kernels/shift.h"
 
+#include "kernels/contract.h"
+
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
@@ -48,6 +50,8 @@ size_t ShiftPlain(const float* a, const float* b, float* out, size_t count)
 template <class Direction>
 size_t Shift(const float* a, size_t stepA, const float* b, size_t stepB, float* out, size_t count)
 {
+    assert(stepA <= 1 && stepB <= 1);
+    assert(Present(a, count) && Present(b, count) && Present(out, count));
     if (stepA != 0) {
         return stepB != 0 ? ShiftPlain<Direction, 1, 1>(a, b, out, count)
                           : ShiftPlain<Direction, 1, 0>(a, b, out, count);

@@ -4,6 +4,7 @@
 
 #include <xmmintrin.h>
 
+#include "kernels/contract.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -58,6 +59,8 @@ void Edge(const float* in, size_t inStep, float* out, size_t outStep, uint32_t r
 // By strips of rows: whole cache lines of both sides are done with while they are near.
 void Plane(const float* in, size_t inStep, float* out, size_t outStep, uint32_t rows, uint32_t columns)
 {
+    assert(Present(in, size_t{rows} * columns) && Present(out, size_t{rows} * columns));
+    assert(Apart(in, FloatsSpanned(columns, inStep, rows), out, FloatsSpanned(rows, outStep, columns)));
     constexpr uint32_t kStrip = 64;
     constexpr uint32_t kSide = kLanes;
     const uint32_t wholeColumns = columns / kSide * kSide;

@@ -11,6 +11,7 @@
 
 #include "common/convert.h"
 #include "common/smaller.h"
+#include "kernels/contract.h"
 #include "kernels/vector.h"
 
 namespace opkit {
@@ -360,6 +361,7 @@ __attribute__((noinline)) void MapVector(const float* in, float* out, Formula fo
 template <class Formula, class Exact>
 inline void MapCertain(const float* in, float* out, size_t count, Formula formula, Exact exact)
 {
+    assert(MayMap(in, out, count));
     if constexpr (!kWideRepays) {
         for (size_t i = 0; i < count; ++i) {
             out[i] = exact(in[i]);
