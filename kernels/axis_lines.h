@@ -9,7 +9,7 @@ namespace opkit {
 
 struct AxisLineKernels {
     // Running sums of `count` lines of `length` elements, at least one, one line behind the other, each from its first
-    // element or from its last. out may equal in.
+    // element or from its last. out is in, or shares no memory with it.
     void (*runningSums)(const float* in, float* out, size_t count, size_t length, bool reverse);
     // Place of the first largest element; NaN never replaces a candidate, and one that comes first stays it.
     size_t (*firstLargest)(const float* x, size_t count);

@@ -1,4 +1,5 @@
-// Overlaps of boxes; see kernels/level.h for the levels. Which operand a comparison with NaN yields is the operators'.
+// Overlaps of boxes. The operands of Larger and Smaller stand in the order that the operators define, since with a NaN
+// the second one is taken: Larger(box.x1, block.x1[j]) is block.x1[j] when either of the two is NaN.
 
 #include "kernels/boxes.h"
 
@@ -32,10 +33,11 @@ bool OverlapsAny(const BoxBlock& block, size_t count, const BoxFields& box, floa
     return any != 0;
 }
 
-float Extent(float low, float high)
+// Of the coordinates from low to high, both included; 0 when there are none, and for NaN.
+float CountBetween(float low, float high)
 {
-    const float extent = high - low + 1.0f;
-    return Choose(extent >= 0.0f, extent, 0.0f);
+    const float count = high - low + 1.0f;
+    return Choose(count >= 0.0f, count, 0.0f);
 }
 
 void Suppress(const BoxBlock& block, size_t first, size_t end, const BoxFields& box, float threshold, uint32_t* keep)
@@ -44,8 +46,8 @@ void Suppress(const BoxBlock& block, size_t first, size_t end, const BoxFields& 
     for (size_t j = first; j < end; ++j) {
         const uint32_t apart = MaskOf(block.x1[j] > box.x2) | MaskOf(box.x1 > block.x2[j]) |
                                MaskOf(block.y1[j] > box.y2) | MaskOf(box.y1 > block.y2[j]);
-        const float width = Extent(Larger(box.x1, block.x1[j]), Smaller(box.x2, block.x2[j]));
-        const float height = Extent(Larger(box.y1, block.y1[j]), Smaller(box.y2, block.y2[j]));
+        const float width = CountBetween(Larger(box.x1, block.x1[j]), Smaller(box.x2, block.x2[j]));
+        const float height = CountBetween(Larger(box.y1, block.y1[j]), Smaller(box.y2, block.y2[j]));
         const float inter = width * height;
         const float uni = box.area + block.area[j] - inter;
         keep[j] &= apart | ~MaskOf(inter > threshold * uni);

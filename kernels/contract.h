@@ -1,5 +1,5 @@
-// The words of the kernels' preconditions. Each kernel states its own in its header and asserts them at its entry, in
-// builds without NDEBUG: debug and the sanitizers.
+// The words in which kernels assert their preconditions. Assertions are active without NDEBUG, so in debug builds and
+// under the sanitizers.
 #ifndef OPKIT_KERNELS_CONTRACT_H
 #define OPKIT_KERNELS_CONTRACT_H
 

@@ -1,4 +1,5 @@
-// The two loops of an elimination with full pivoting, each over the rest of an n x n matrix from row and column k on.
+// The two loops of an elimination with full pivoting, each over the rest of an n x n matrix from row and column k on, k
+// below n.
 #ifndef OPKIT_KERNELS_DETERMINANT_H
 #define OPKIT_KERNELS_DETERMINANT_H
 

@@ -25,7 +25,9 @@ void Sigmoid(const float* in, float* out, size_t count)
         SigmoidElement);
 }
 
-// log(exp(x) + 1). The sum rounds, so both ends of exp go through it; next to 0 that rounding is most of the result.
+// log(exp(x) + 1). The definition rounds the sum to f64, and far below 0 that rounding shows: e^-36 is 2.32e-16, the
+// sum 1 + 2^-52, and its logarithm 2.22e-16. So both ends of the exponential are added to 1, and the definition's
+// rounded sum lies between the results, `sum` and sum + spread.
 void Softplus(const float* in, float* out, size_t count)
 {
     MapCertain(
@@ -37,8 +39,9 @@ void Softplus(const float* in, float* out, size_t count)
             const Wide spread = ((exponential + margin) + 1.0) - sum;
             const Wide log = Log(sum);
             const Wide logMargin = log * (2 * kWideError);
-            // The logarithm grows by less than spread / sum. That is no more than spread, and no more than the limit,
-            // as spread is two margins and a rounding.
+            // From sum to sum + spread the logarithm grows by less than spread / sum. As sum is at least 1, that is no
+            // more than spread; as spread is two margins, each at most sum * kWideError, and a rounding, it is no more
+            // than the limit either.
             const Wide limit = Splat(4 * kWideError);
             const Wide growth = spread < limit ? spread : limit;
             Result result = RoundBetween(log - logMargin, log + (logMargin + growth));
@@ -64,10 +67,13 @@ struct ExpEnds : Ends {
     explicit ExpEnds(Wide clamped) : Ends(Exp(clamped), Splat(kWideError)) {}
 };
 
-// x + 0 from 0 on; below, both ends of the exponential go through the formula. Each of its steps is monotonic, so the
-// formula's own value lies between the results, and clipping at 0 keeps that. Below -kLimit the growth is -1 at both
-// ends, as it is for every exponential below 2^-54. Next to 0 the difference from 1 is small: there Exp takes 1 from
-// its table and what its series leaves out is below the sixth power of the exponent, so its error shrinks, too.
+// x + 0 from 0 on; below, (e^(x / alpha) - 1) * alpha where that is negative, else 0. Both ends of the exponential go
+// through these steps. Each is monotonic, so the formula's own value lies between the results.
+//
+// An exponent below -kLimit may stand for -kLimit: e^-120 - 1 is -1 in f64, as for every exponential below 2^-54.
+// Next to 0 subtracting 1 cancels, and an error of kWideError would be most of what is left. There the error of Exp is
+// smaller, too: it takes 1 from its table and so errs by what its series leaves out, less than the exponent's sixth
+// power, and by its last roundings. At an exponent of -0.001 the bound is 0.001 * 2^-36 + 2^-51.
 void Celu(const float* in, float* out, size_t count, float alpha)
 {
     MapCertain(

@@ -1,5 +1,5 @@
 // Element functions defined by f64 formulas over exp and log, narrowed to f32. Results are those of the formula over
-// libm, bit for bit: see kernels/wide.h. in may equal out.
+// libm, bit for bit: see kernels/wide.h. out may equal in or lie in front of it.
 #ifndef OPKIT_KERNELS_EXPONENTIALS_H
 #define OPKIT_KERNELS_EXPONENTIALS_H
 

@@ -1,10 +1,11 @@
-// Register-tiled matrix product. Why the bits are those of the plain loops: every C element owns one accumulator lane,
-// takes its terms for k ascending, and each term is a rounded product added with a rounded sum. A lane that is stored
-// and loaded again between two blocks of k is an f32 either way. Lanes beyond the last column work on zeros and are not
-// stored.
+// Matrix product by tiles of C, each held in registers while it takes its terms. The bits are those of the plain loops:
+// every element of C is one lane of one vector, takes its terms for k ascending, and rounds each product and each sum.
+// Storing it between two blocks of terms and loading it again changes nothing, as it is an f32 all the time. Lanes
+// beyond the last column work on zeros and are not stored.
 //
-// One operand is spread over the lanes (the "panel": rows of columns side by side), the other is broadcast element by
-// element. Usually B is the panel; a product with few columns swaps the two, since a * b = b * a.
+// In a tile, a vector holds neighbouring columns of one operand (the "panel") and is multiplied by one element of the
+// other, which is broadcast. B is the panel; a product with few columns computes the transposed C with A as the panel
+// instead, since a * b = b * a.
 
 #include "kernels/gemm.h"
 
@@ -184,7 +185,7 @@ bool WorthCopyingRows(const Product& p)
            (p.columnCount >= 512 || (p.columnCount > kTileColumns && p.rowCount * p.depth > (1 << 17)));
 }
 
-// Asks for what will soon be read or written, so that it is at hand by then.
+// Prefetches what will soon be read or written.
 void FetchRows(const float* from, size_t step, size_t rows, size_t columns)
 {
     for (size_t r = 0; r < rows; ++r) {
@@ -323,7 +324,8 @@ void RunPanel(const RowBlock& a, size_t rows, size_t depth, const Panel& panel, 
     }
 }
 
-// Sums in a block of their own: they start from 0.0 or from C, and go to C as a sum or in its place.
+// Sums in a block beside C. Apart, they start from 0.0 and are added to C at the end; else they start from C and
+// replace it, where C's columns do not lie side by side.
 template <bool kApart>
 void RunBlocked(const Product& p, bool direct)
 {
@@ -370,7 +372,7 @@ size_t EvenColumns(size_t j, size_t columnCount)
     return Smaller(columns, columnCount - j);
 }
 
-// Sums that live in C itself. All of them take a block of terms before the next: the blocks of rows stay in the cache.
+// Sums in C itself. All of C takes one block of terms before the next block, so that packed rows stay in the cache.
 void RunInPlace(const Product& p, bool direct)
 {
     alignas(64) float panelRoom[kDepth * kTileColumns];

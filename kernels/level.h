@@ -19,7 +19,8 @@
 //     extern const UnaryKernels kUnaryKernels = {Neg};
 //     }
 //
-// All levels give identical bits.
+// All levels give identical bits. A kernel's record says what it demands of its arguments, and its entry asserts that
+// in builds without NDEBUG (kernels/contract.h); pointers may be null only where nothing is read or written.
 #ifndef OPKIT_KERNELS_LEVEL_H
 #define OPKIT_KERNELS_LEVEL_H
 

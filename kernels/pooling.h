@@ -17,6 +17,7 @@ struct PoolWindows {
     size_t count;
 };
 
+// Every window has an accumulator: sums[i], or best[i] and positions[i]. They share no memory with the input.
 struct PoolingKernels {
     void (*sum)(const PoolWindows& windows, float* sums);
     void (*sumMagnitudes)(const PoolWindows& windows, float* sums);

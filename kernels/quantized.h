@@ -7,7 +7,7 @@
 namespace opkit {
 
 struct QuantizedKernels {
-    // c[j] = (c[j] - (columnTerms[j] + rowTerm)) * scale - zero
+    // c[j] = (c[j] - (columnTerms[j] + rowTerm)) * scale - zero. The two share no memory.
     void (*correct)(float* c, size_t count, const float* columnTerms, float rowTerm, float scale, float zero);
     // x = (x - zero) * scale
     void (*dequantize)(float* data, size_t count, float scale, float zero);

@@ -13,7 +13,8 @@ struct GatheredRow {
 };
 
 struct ResizeKernels {
-    // out[x] between two rows at distances dy1 and dy2 and two columns at distances dx1[x] and dx2[x].
+    // out[x] between two rows at distances dy1 and dy2 and two columns at distances dx1[x] and dx2[x]. out shares no
+    // memory with the rows.
     void (*blendRows)(GatheredRow row1, GatheredRow row2, const float* dx1, const float* dx2, float dy1, float dy2,
                       float* out, size_t count);
     // out[i] = row[columns[i]]. The row has `width` floats; columns beyond it are allowed where there is memory.

@@ -7,8 +7,9 @@
 
 namespace opkit {
 
-// Writes the first `keep` entries, 1 to count, of the line's `count` elements, `step` floats apart, in order: by value,
-// equal values by place. False when the line holds a NaN, which has no place in that order; best is undefined then.
+// Writes the first `keep` entries, 1 to count, of the line's `count` elements, at most INT32_MAX, `step` floats apart,
+// in order: by value, equal values by place. False when the line holds a NaN, which has no place in that order; best is
+// undefined then.
 using SelectKernel = bool (*)(const float* line, size_t step, size_t count, SortEntry* best, size_t keep);
 
 struct SelectionKernels {

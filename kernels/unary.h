@@ -1,4 +1,5 @@
-// Element loops of unary operators that the compiler can run several lanes at a time. in may equal out.
+// Element loops of unary operators that the compiler can run several lanes at a time. out may equal in or lie in front
+// of it.
 #ifndef OPKIT_KERNELS_UNARY_H
 #define OPKIT_KERNELS_UNARY_H
 

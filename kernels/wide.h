@@ -1,8 +1,8 @@
 // Vectors of doubles, half as many as a level has float lanes, with an exponential and a logarithm of known error.
 //
-// They serve formulas that are defined in f64 and narrowed to f32: a result with a bound on its error is narrowed at
-// both ends of the bound. Where the ends agree, every f64 value between them narrows to the same float, the formula's
-// own among them; where they differ, the caller computes that lane by the formula itself.
+// They serve formulas that are defined over libm in f64 and rounded to f32. An approximation with a bound on its error
+// says between which two values the formula's own lies. Where both round to the same float, that float is the result;
+// where they do not, or no bound holds, the lane is "doubtful" and computed by the formula itself.
 #ifndef OPKIT_KERNELS_WIDE_H
 #define OPKIT_KERNELS_WIDE_H
 
@@ -238,7 +238,9 @@ inline Wide Reciprocal(Wide x)
 #endif
 }
 
-// 2^(i / 16) for i from 0 to 15, less i / 16 in the exponent: adding k / 16 to that of entry k % 16 leaves 2^(k / 16).
+// The bits of 2^(i / 16), i from 0 to 15, less i << 48. The exponent begins at bit 52, so that adding k << 48 to entry
+// k % 16 gives 2^(k / 16). For k = 35 = 2 * 16 + 3: entry 3 plus (35 << 48) is 2^(3 / 16) with 32 << 48 on top, which
+// is 2 in the exponent: 2^(2 + 3 / 16).
 struct FractionalPowers {
     uint64_t bits[16];
 };
@@ -319,15 +321,17 @@ struct Result {
     Flags doubtful;
 };
 
-// A value with a relative error below 2^-40. Narrowing drops 29 bits of the mantissa: only when these lie next to one
-// half can the error change the float. Valid where the float is normal or the value narrows to 0 or 1 for certain.
+// Rounds a value with a relative error below 2^-40. Rounding drops the low 29 bits of the mantissa, upward from half of
+// their range on, 0x10000000. The error moves the mantissa by less than kMargin, so that the float is in doubt only
+// when the dropped bits lie within kMargin of that half: 0x10000123 is in doubt, 0x10012345 is not. Valid where the
+// float is normal (more bits are dropped from smaller ones) or certainly 0 or 1.
 inline Result RoundCertain(Wide value)
 {
     constexpr uint64_t kDropped = 0x1fffffff;
     constexpr uint64_t kHalf = 0x10000000;
     constexpr uint64_t kMargin = 0x2000;  // 2^-40 of a mantissa below 2, in units of 2^-52
     constexpr uint64_t kBeyondMargin = kDropped & ~(2 * kMargin - 1);
-    const WideWords distance = (WideWords)value + (kMargin - kHalf);
+    const WideWords distance = (WideWords)value + (kMargin - kHalf);  // doubtful from 0 to 2 * kMargin - 1
 #if defined(OPKIT_LEVEL_avx512)
     return {Narrowed(value), _mm512_testn_epi64_mask((__m512i)distance, _mm512_set1_epi64(kBeyondMargin))};
 #else
@@ -335,7 +339,7 @@ inline Result RoundCertain(Wide value)
 #endif
 }
 
-// A value known to lie between two ends, of which NaN is none.
+// Rounds a value that lies between two others, of which none is NaN.
 inline Result RoundBetween(Wide low, Wide high)
 {
     const Narrow value = Narrowed(low);
