@@ -62,7 +62,6 @@ list(APPEND opkit_sources
     ops/pooling/pooling_max.cpp
     # matrix
     ops/matrix/convolution.cpp
-    ops/matrix/image_columns.cpp
     ops/matrix/determinant.cpp
     ops/matrix/im2col.cpp
     ops/matrix/product.cpp

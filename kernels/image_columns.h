@@ -4,25 +4,16 @@
 #define OPKIT_KERNELS_IMAGE_COLUMNS_H
 
 #include "kernels/level.h"
+#include "opkit/helpers/matrix.h"
 
 namespace opkit {
 
-// Column matrix [channels * kernelH * kernelW, outHeight * outWidth] of an image [channels, height, width]. All numbers
-// are below 2^20, the strides above 0.
+// The column matrix that Im2col lays out for an image. The padded image is less than 2^31 high and wide, and takes in
+// the kernel; strides are not 0.
 struct ImageColumns {
-    const float* image;
-    int64_t height;
-    int64_t width;
-    uint32_t kernelH;
-    uint32_t kernelW;
-    int64_t padTop;
-    int64_t padLeft;
-    int64_t strideH;
-    int64_t strideW;
-    int64_t dilationH;
-    int64_t dilationW;
+    Im2colArgs args;
+    size_t outHeight;
     size_t outWidth;
-    float padding;
 };
 
 struct ImageColumnKernels {

@@ -5,17 +5,15 @@
 // point; Y is not cleared, so that its old content counts when both zero points are set; and the bias step adds the
 // weights, which it rescales in place once per image, times the bytes of the ones area read as floats.
 //
-// Work space: the column matrix, then the ones area of one byte per output position. Without zero points the product
-// takes its columns straight from the image, and the matrix is not laid out.
-
-#include <cstring>
+// Work space: the column matrix, then the ones area of one byte per output position. The matrix is laid out only where
+// the plan of the layer, or an image's values, ask for it.
 
 #include "common/bounded_memory.h"
 #include "common/convert.h"
-#include "kernels/gemm.h"
 #include "opkit/attributes/matrix.h"
 #include "opkit/operators.h"
-#include "ops/matrix/image_columns.h"
+#include "ops/matrix/im2col.h"
+#include "ops/matrix/product_plan.h"
 #include "runtime/frame.h"
 
 namespace opkit {
@@ -23,115 +21,133 @@ namespace {
 
 constexpr int32_t kFormFailure = -1;
 constexpr uint32_t kFirstQuantizedCount = 5;
+constexpr uint32_t kMostInputs = 9;
+constexpr uint32_t kAbsent = kMostInputs;
 
-// A scale and a zero point as the product sees them.
+// The logical inputs of a form: how many, and which are the weights and the single values.
+struct Form {
+    uint32_t inputs;
+    uint32_t w;
+    uint32_t xScale = kAbsent;
+    uint32_t xZero = kAbsent;
+    uint32_t wScale = kAbsent;
+    uint32_t wZero = kAbsent;
+    uint32_t yScale = kAbsent;
+    uint32_t yZero = kAbsent;
+    bool hasBias = false;
+};
+
+// A scale and a zero point as the layer has them.
 struct Quantization {
-    uint8_t scale = 1;
-    uint8_t zeroPoint = 0;
+    float scale = 1.0f;
+    float zero = 0.0f;
 };
 
 struct Operands {
     Input x;
     Input w;
     Output y;
-    int32_t padValue = 0;
     Quantization forX;
     Quantization forW;
     Quantization forY;
 };
 
-struct WorkSpace {
-    float* columns;
-    void* ones;
+// How the products of a layer run. Whether they do read an image is decided with the values of image and weights.
+struct Plan {
+    Im2colArgs layout;     // of the first image
+    QGemmArgs product;     // of its first group
+    ImageColumns columns;  // of the same
+    size_t weights;        // of all groups, in floats
+    bool imageIsMatrix;    // the image lies as its column matrix would
+    bool mayReadImage;     // products may take their columns straight from the image
 };
 
-WorkSpace PrepareWorkSpace(const LayerParam* param, const ConvolutionAttr& attr)
+Im2colArgs LayoutOf(const ConvolutionAttr& attr, float* x, int32_t padValue, float* columns)
 {
-    const uint32_t plane = attr.outHeight * attr.outWidth;
-    float* const columns = static_cast<float*>(param->opkitBuf);
-    const WorkSpace space = {columns, columns + plane * attr.colChannels};
-    memset_s(space.ones, plane, 1, plane);
-    return space;
+    return {x,
+            attr.channels,
+            attr.height,
+            attr.width,
+            attr.kernelH,
+            attr.kernelW,
+            attr.padTop,
+            attr.padBottom,
+            attr.padLeft,
+            attr.padRight,
+            attr.strideH,
+            attr.strideW,
+            attr.dilationH,
+            attr.dilationW,
+            padValue,
+            columns};
 }
 
-bool CompactOperand(const Input& input, Caller caller)
+Quantization ValuesOf(const Input (&in)[kMostInputs], uint32_t scale, uint32_t zero)
 {
-    if (input.alignNum == input.width ||
-        DelAlignSpace(input.data, static_cast<int32_t>(input.count), input.width, input.alignNum)) {
-        return true;
+    return {scale == kAbsent ? 1.0f : in[scale].data[0], zero == kAbsent ? 0.0f : in[zero].data[0]};
+}
+
+QMatrix Quantized(float* data, Quantization values)
+{
+    return {data, TruncateToByte(values.scale), TruncateToByte(values.zero)};
+}
+
+uint32_t ResultPlane(const ConvolutionAttr& attr)
+{
+    return attr.outHeight * attr.outWidth;
+}
+
+// Whether so many blocks of `size` floats, `distance` apart, lie within `room` floats, and their offsets in 31 bits.
+bool Fit(uint32_t blocks, uint64_t distance, uint64_t size, uint64_t room)
+{
+    return blocks != 0 && room <= INT32_MAX && size <= room && (blocks - uint64_t{1}) * distance <= room - size;
+}
+
+// Whether the groups share out the whole column matrix evenly, and it does not reach into the ones behind its place.
+bool GroupsFitMatrix(const ConvolutionAttr& attr, const ImageColumns& columns)
+{
+    const uint64_t rows = uint64_t{attr.channels} * attr.kernelH * attr.kernelW;
+    const uint64_t block = uint64_t{attr.gemmK} * attr.gemmN;
+    return attr.groupNum != 0 && attr.channels % attr.groupNum == 0 && rows == uint64_t{attr.groupNum} * attr.gemmK &&
+           columns.outHeight * columns.outWidth == attr.gemmN && (attr.groupNum == 1 || attr.colGroupOffset == block) &&
+           Fit(attr.groupNum, attr.colGroupOffset, block, ResultPlane(attr) * attr.colChannels);
+}
+
+// Whether all that the products read and write lies in the three tensors, and Y apart from the others.
+bool ProductsFitTensors(const ConvolutionAttr& attr, const Operands& o)
+{
+    const uint32_t images = o.x.shape[0];
+    const uint64_t plane = uint64_t{attr.height} * attr.width;
+    const uint64_t image = plane * attr.channels;
+    const uint64_t product = uint64_t{attr.gemmM} * attr.gemmN;
+    const uint64_t result = (attr.groupNum - uint64_t{1}) * attr.outGroupOffset + product;
+    return plane <= INT32_MAX && Fit(images, image, image, o.x.count) &&
+           Fit(attr.groupNum, attr.weightGroupOffset, uint64_t{attr.gemmM} * attr.gemmK, o.w.count) &&
+           Fit(attr.groupNum, attr.outGroupOffset, product, o.y.count) &&
+           Fit(images, ResultPlane(attr) * attr.outChannels, result, o.y.count) &&
+           !RangesOverlap(o.x.data, o.x.count, o.y.data, o.y.count) &&
+           !RangesOverlap(o.w.data, o.w.count, o.y.data, o.y.count);
+}
+
+// A column matrix that is not laid out must not be missed: Im2col has a message for a null image or work space, and a Y
+// that lies in X or W is written before all of them is read.
+Plan PlanLayer(const ConvolutionAttr& attr, const Operands& o, float* columns)
+{
+    Plan plan = {};
+    plan.layout = LayoutOf(attr, o.x.data, TruncateToI32(o.forX.zero), columns);
+    plan.product = {attr.gemmM,
+                    attr.gemmN,
+                    attr.gemmK,
+                    Quantized(o.w.data, o.forW),
+                    Quantized(columns, o.forX),
+                    Quantized(o.y.data, o.forY)};
+    if (o.x.data != nullptr && columns != nullptr && DescribeColumns(plan.layout, &plan.columns) &&
+        GroupsFitMatrix(attr, plan.columns) && ProductsFitTensors(attr, o)) {
+        plan.weights = (attr.groupNum - size_t{1}) * attr.weightGroupOffset + size_t{attr.gemmM} * attr.gemmK;
+        plan.imageIsMatrix = IsPointwise(plan.layout);
+        plan.mayReadImage = CorrectionVanishes(plan.product);
     }
-    Report(caller, "DelAlignSpace failed.\n");
-    return false;
-}
-
-int32_t ExpandResult(const Output& out, Caller caller)
-{
-    const uint32_t lastIndex = LastIndex(out.count, out.width, out.alignNum);
-    if (!InsertAlignSpace(out.data, out.count, static_cast<int32_t>(out.width), out.alignNum, lastIndex)) {
-        Report(caller, "InsertAlignSpace failed.\n");
-        return kFormFailure;
-    }
-    return 0;
-}
-
-void LayOutColumns(const ConvolutionAttr& attr, float* image, int32_t padValue, float* columns)
-{
-    Im2colArgs args = {};
-    args.src = image;
-    args.channels = attr.channels;
-    args.height = attr.height;
-    args.width = attr.width;
-    args.kernelH = attr.kernelH;
-    args.kernelW = attr.kernelW;
-    args.padTop = attr.padTop;
-    args.padBottom = attr.padBottom;
-    args.padLeft = attr.padLeft;
-    args.padRight = attr.padRight;
-    args.strideH = attr.strideH;
-    args.strideW = attr.strideW;
-    args.dilationH = attr.dilationH;
-    args.dilationW = attr.dilationW;
-    args.padValue = padValue;
-    args.dst = columns;
-    Im2col(args);
-}
-
-uint32_t ImageSize(const ConvolutionAttr& attr)
-{
-    return attr.channels * attr.height * attr.width;
-}
-
-bool Overlap(const float* a, uint64_t countA, const float* b, uint64_t countB)
-{
-    const uintptr_t beginA = reinterpret_cast<uintptr_t>(a);
-    const uintptr_t beginB = reinterpret_cast<uintptr_t>(b);
-    return beginA < beginB + countB * sizeof(float) && beginB < beginA + countA * sizeof(float);
-}
-
-// Whether the products write elsewhere than to these values: then it does not matter when they are read.
-bool StaysUntouched(const ConvolutionAttr& attr, const float* values, uint64_t count, const float* y)
-{
-    const uint64_t lastGroup = (attr.groupNum - uint64_t{1}) * attr.outGroupOffset;
-    const uint64_t group = uint64_t{attr.gemmM} * attr.gemmN;
-    return attr.groupNum != 0 && lastGroup <= INT32_MAX && group <= INT32_MAX &&
-           !Overlap(values, count, y, lastGroup + group);
-}
-
-// Whether the corrections leave the products of an image as they are. Without zero points they subtract 0 times the
-// sums of rows and columns: +0.0 or -0.0 while those are finite. That changes no sum that started from a cleared Y,
-// since none of these is -0.0.
-bool NeedsNoCorrection(const ConvolutionAttr& attr, const Operands& operands, const float* image, const float* y)
-{
-    constexpr uint64_t kTerms = 1 << 24;
-    constexpr float kLimit = 1e30f;  // so many of these stay finite
-    const uint64_t weights = (attr.groupNum - uint64_t{1}) * attr.weightGroupOffset + uint64_t{attr.gemmM} * attr.gemmK;
-    const uint64_t imageSize = ImageSize(attr);
-    const bool zeroPoints = (operands.forX.zeroPoint | operands.forW.zeroPoint | operands.forY.zeroPoint) != 0;
-    return !zeroPoints && operands.forY.scale == 1 && attr.gemmK <= kTerms && weights <= operands.w.count &&
-           static_cast<uint64_t>(image - operands.x.data) + imageSize <= operands.x.count &&
-           StaysUntouched(attr, operands.w.data, weights, y) &&
-           Kernels<ImageColumnKernels>().areWithin(operands.w.data, weights, kLimit) &&
-           Kernels<ImageColumnKernels>().areWithin(image, imageSize, kLimit);
+    return plan;
 }
 
 int32_t GroupOffset(uint32_t group, uint32_t distance)
@@ -139,88 +155,90 @@ int32_t GroupOffset(uint32_t group, uint32_t distance)
     return static_cast<int32_t>(group * distance);
 }
 
-void MultiplyGroups(const ConvolutionAttr& attr, const Operands& operands, float* columns, float* y)
+// The products of an image from its column matrix.
+void MultiplyColumns(const ConvolutionAttr& attr, const Plan& plan, float* columns, float* y)
 {
     for (uint32_t g = 0; g < attr.groupNum; ++g) {
-        QGemmArgs args = {};
-        args.M = attr.gemmM;
-        args.N = attr.gemmN;
-        args.K = attr.gemmK;
-        args.a = {operands.w.data + GroupOffset(g, attr.weightGroupOffset), operands.forW.scale,
-                  operands.forW.zeroPoint};
-        args.b = {columns + GroupOffset(g, attr.colGroupOffset), operands.forX.scale, operands.forX.zeroPoint};
-        args.c = {y + GroupOffset(g, attr.outGroupOffset), operands.forY.scale, operands.forY.zeroPoint};
+        QGemmArgs args = plan.product;
+        args.a.data += GroupOffset(g, attr.weightGroupOffset);
+        args.b.data = columns + GroupOffset(g, attr.colGroupOffset);
+        args.c.data = y + GroupOffset(g, attr.outGroupOffset);
         QGemm(args);
     }
 }
 
-// The same for images that need no correction, straight from the image.
-void MultiplyImage(const ConvolutionAttr& attr, const Operands& operands, const float* image, float* y)
+// The same straight from the image, where it and the weights are small: then there is nothing to correct.
+void MultiplyImage(const ConvolutionAttr& attr, const Plan& plan, float* image, float* y)
 {
-    const float scale = static_cast<float>(operands.forW.scale) * static_cast<float>(operands.forX.scale);
+    ImageColumns columns = plan.columns;
+    const PanelSource source = {Kernels<ImageColumnKernels>().fill, &columns};
+    const float alpha = static_cast<float>(plan.product.a.scale) * static_cast<float>(plan.product.b.scale);
     for (uint32_t g = 0; g < attr.groupNum; ++g) {
-        const float* const w = operands.w.data + GroupOffset(g, attr.weightGroupOffset);
+        const MatrixView w = {plan.product.a.data + GroupOffset(g, attr.weightGroupOffset), attr.gemmK, 1};
         float* const c = y + GroupOffset(g, attr.outGroupOffset);
-        const ImageColumns columns = FindColumns(attr, image, g, operands.padValue);
-        std::memset(c, 0, size_t{attr.gemmM} * attr.gemmN * sizeof(float));
-        Kernels<GemmKernels>().accumulateFrom(attr.gemmM, attr.gemmN, attr.gemmK, scale, {w, attr.gemmK, 1},
-                                              {Kernels<ImageColumnKernels>().fill, &columns}, c);
+        columns.args.src = image + g * (attr.channels / attr.groupNum) * size_t{attr.height} * attr.width;
+        RunProduct({attr.gemmM, attr.gemmN, attr.gemmK, alpha, w, {}, &source, Start::kCleared, c});
     }
 }
 
+float* LayOutColumns(const Plan& plan, float* image)
+{
+    Im2colArgs args = plan.layout;
+    args.src = image;
+    Im2col(args);
+    return args.dst;
+}
+
 // Rescales the first gemmN weights in place, then adds W[o] * ones[j] to Y[o][j].
-void AddBias(const ConvolutionAttr& attr, float* w, void* ones, float scale, float zero, float* y)
+void AddBias(const ConvolutionAttr& attr, float* w, float* ones, float scale, float zero, float* y)
 {
     for (uint32_t i = 0; i < attr.gemmN; ++i) {
         w[i] = scale * w[i] - zero;
     }
-    GemmArgs args = {};
-    args.M = attr.outChannels;
-    args.N = attr.gemmN;
-    args.K = 1;
-    args.alpha = 1.0f;
-    args.A = w;
-    args.B = static_cast<float*>(ones);
-    args.beta = 1.0f;
-    args.C = y;
-    Gemm(args);
+    Gemm({0, 0, attr.outChannels, attr.gemmN, 1, 1.0f, w, ones, 1.0f, y});
 }
 
-// Calls afterImage(y) when the groups of an image are done.
-template <class AfterImage>
-void ForEachImage(const ConvolutionAttr& attr, const Operands& operands, const WorkSpace& space, AfterImage afterImage)
+void RunImages(const ConvolutionAttr& attr, const Operands& o, const Plan& plan, bool hasBias, float* ones)
 {
-    const uint32_t imageSize = ImageSize(attr);
-    const uint32_t resultSize = attr.outHeight * attr.outWidth * attr.outChannels;
-    for (uint32_t n = 0; n < operands.x.shape[0]; ++n) {
-        float* const image = operands.x.data + imageSize * n;
-        float* const y = operands.y.data + resultSize * n;
-        // Without an image or a work space Im2col has a message.
-        const bool untouched =
-            image != nullptr && space.columns != nullptr && StaysUntouched(attr, image, imageSize, y);
-        if (untouched && CanFindColumns(attr) && NeedsNoCorrection(attr, operands, image, y)) {
-            MultiplyImage(attr, operands, image, y);
-        } else if (untouched && ImageIsColumns(attr)) {
-            MultiplyGroups(attr, operands, image, y);
+    const uint32_t imageSize = attr.channels * attr.height * attr.width;
+    const uint32_t resultSize = ResultPlane(attr) * attr.outChannels;
+    bool smallWeights = false;
+    for (uint32_t n = 0; n < o.x.shape[0]; ++n) {
+        float* const image = o.x.data + imageSize * n;
+        float* const y = o.y.data + resultSize * n;
+        if (n == 0 || hasBias) {  // the bias step changes weights
+            smallWeights = plan.mayReadImage && AreSmall(o.w.data, plan.weights);
+        }
+        if (smallWeights && AreSmall(image, imageSize)) {
+            MultiplyImage(attr, plan, image, y);
         } else {
-            LayOutColumns(attr, image, operands.padValue, space.columns);
-            MultiplyGroups(attr, operands, space.columns, y);
+            MultiplyColumns(attr, plan, plan.imageIsMatrix ? image : LayOutColumns(plan, image), y);
         }
-        afterImage(y);
+        if (hasBias) {
+            AddBias(attr, o.w.data, ones, o.forY.scale, o.forY.zero, y);
+        }
     }
 }
 
-// Resolves the inputs from logical input 0 on, `count` of them.
-template <size_t kRoom>
-bool ResolveInputs(LayerParam* param, uint32_t count, Input (&inputs)[kRoom])
+int32_t Convolve(LayerParam* param, const Form& form, Caller caller)
 {
-    InputCursor cursor = {param};
-    for (uint32_t k = 0; k < count; ++k) {
-        if (!NextInput(&cursor, &inputs[k])) {
-            return false;
-        }
+    const ConvolutionAttr& attr = AttrOf<ConvolutionAttr>(param);
+    Input in[kMostInputs];
+    if (!Resolve(param, in, form.inputs, Rows::kInPlace, Messages::kNone)) {
+        return kFormFailure;
     }
-    return true;
+    Operands o = {in[0], in[form.w], OutputOf(param, 0), {}, {}, {}};
+    float* const columns = static_cast<float*>(param->opkitBuf);
+    float* const ones = columns + ResultPlane(attr) * attr.colChannels;
+    memset_s(ones, ResultPlane(attr), 1, ResultPlane(attr));
+    if (!CompactInput(o.x, MessageEnd::kNewline, caller) || !CompactInput(o.w, MessageEnd::kNewline, caller)) {
+        return kFormFailure;
+    }
+    o.forX = ValuesOf(in, form.xScale, form.xZero);
+    o.forW = ValuesOf(in, form.wScale, form.wZero);
+    o.forY = ValuesOf(in, form.yScale, form.yZero);
+    RunImages(attr, o, PlanLayer(attr, o, columns), form.hasBias, ones);
+    return ExpandOutput(o.y, MessageEnd::kNewline, caller) == kSuccess ? 0 : kFormFailure;
 }
 
 }  // namespace
@@ -230,57 +248,27 @@ using namespace opkit;
 
 int32_t ConvIntegerForward(LayerParam* param)
 {
-    const ConvolutionAttr& attr = AttrOf<ConvolutionAttr>(param);
-    Input in[4];
-    const uint32_t declared = attr.inputCount < 2 ? 2 : attr.inputCount < 4 ? attr.inputCount : 4;
-    if (!ResolveInputs(param, declared, in)) {
-        return kFormFailure;
-    }
-    Operands operands;
-    operands.x = in[0];
-    operands.w = in[1];
-    operands.y = OutputOf(param, 0);
-    const WorkSpace space = PrepareWorkSpace(param, attr);
-    if (!CompactOperand(operands.x, Here()) || !CompactOperand(operands.w, Here())) {
-        return kFormFailure;
-    }
-    const float xZero = attr.inputCount > 2 ? in[2].data[0] : 0.0f;
-    const float wZero = attr.inputCount > 3 ? in[3].data[0] : 0.0f;
-    operands.padValue = TruncateToI32(xZero);
-    operands.forX.zeroPoint = TruncateToByte(xZero);
-    operands.forW.zeroPoint = TruncateToByte(wZero);
-    ForEachImage(attr, operands, space, [](float*) {});
-    return ExpandResult(operands.y, Here());
+    const uint32_t count = AttrOf<ConvolutionAttr>(param).inputCount;
+    Form form = {.inputs = count < 2 ? 2 : count < 4 ? count : 4, .w = 1};
+    form.xZero = count > 2 ? 2 : kAbsent;
+    form.wZero = count > 3 ? 3 : kAbsent;
+    return Convolve(param, form, Here());
 }
 
 int32_t QLinearConvForward(LayerParam* param)
 {
-    const ConvolutionAttr& attr = AttrOf<ConvolutionAttr>(param);
-    const bool hasBias = attr.hasBias != 0;
-    Input in[9];
-    if (!ResolveInputs(param, hasBias ? 9 : 8, in)) {
-        return kFormFailure;
-    }
-    Operands operands;
-    operands.x = in[0];
-    operands.w = in[3];
-    operands.y = OutputOf(param, 0);
-    const WorkSpace space = PrepareWorkSpace(param, attr);
-    if (!CompactOperand(operands.x, Here()) || !CompactOperand(operands.w, Here())) {
-        return kFormFailure;
-    }
-    const float yScale = in[6].data[0];
-    const float yZero = in[7].data[0];
-    operands.padValue = TruncateToI32(in[2].data[0]);
-    operands.forX = {TruncateToByte(in[1].data[0]), TruncateToByte(in[2].data[0])};
-    operands.forW = {TruncateToByte(in[4].data[0]), TruncateToByte(in[5].data[0])};
-    operands.forY = {TruncateToByte(yScale), TruncateToByte(yZero)};
-    ForEachImage(attr, operands, space, [&](float* y) {
-        if (hasBias) {
-            AddBias(attr, operands.w.data, space.ones, yScale, yZero, y);
-        }
-    });
-    return ExpandResult(operands.y, Here());
+    const bool hasBias = AttrOf<ConvolutionAttr>(param).hasBias != 0;
+    return Convolve(param,
+                    {.inputs = hasBias ? 9u : 8u,
+                     .w = 3,
+                     .xScale = 1,
+                     .xZero = 2,
+                     .wScale = 4,
+                     .wZero = 5,
+                     .yScale = 6,
+                     .yZero = 7,
+                     .hasBias = hasBias},
+                    Here());
 }
 
 uint32_t ConvolutionOpkitForward(LayerParam* param)

@@ -12,6 +12,7 @@
 #include "common/move_floats.h"
 #include "opkit/attributes/matrix.h"
 #include "opkit/operators.h"
+#include "ops/matrix/product_plan.h"
 #include "runtime/frame.h"
 
 namespace opkit {
@@ -60,24 +61,12 @@ void PrepareSum(float* to, const Output& out, const Input& c, GemmAttr* attr)
 void MultiplyMatrices(const GemmAttr& attr, const Input& a, const Input& b, const Output& out, float* sum)
 {
     const int32_t last = a.dimNum - 1;  // A's, for B's shape as well
-    GemmArgs args = {};
-    args.transA = attr.transA;
-    args.transB = attr.transB;
-    args.M = a.shape[attr.transA != 0 ? last : last - 1];
-    args.K = a.shape[attr.transA != 0 ? last - 1 : last];
-    args.N = b.shape[attr.transB != 0 ? last - 1 : last];
-    args.alpha = attr.alpha;
-    args.A = a.data;
-    args.B = b.data;
-    args.beta = attr.beta;
-    args.C = sum;
+    const uint32_t M = a.shape[attr.transA != 0 ? last : last - 1];
+    const uint32_t K = a.shape[attr.transA != 0 ? last - 1 : last];
+    const uint32_t N = b.shape[attr.transB != 0 ? last - 1 : last];
     const int32_t matrices = static_cast<int32_t>(ShapeCount(out.shape, out.dimNum, 0, out.dimNum - 2));
-    for (int32_t g = 0; g < matrices; ++g) {
-        Gemm(args);
-        args.A += size_t{args.M} * args.K;
-        args.B += size_t{args.K} * args.N;
-        args.C += size_t{args.M} * args.N;
-    }
+    MultiplyStack({attr.transA, attr.transB, M, N, K, attr.alpha, a.data, b.data, attr.beta, sum}, matrices, matrices,
+                  matrices);
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
 // Image to columns: row (c * kernelH + kh) * kernelW + kw of the column matrix holds, for every output position, the
 // image element under that place of the kernel, or the padding value outside the image.
 
-#include "common/move_floats.h"
+#include "ops/matrix/im2col.h"
+
 #include "common/report.h"
-#include "opkit/helpers.h"
 
-using namespace opkit;
-
+namespace opkit {
 namespace {
+
+constexpr uint32_t kMostPlaces = 1 << 16;
+constexpr size_t kChannelsAtATime = 8;
 
 // Signed division: a numerator just below zero still counts as one position.
 int32_t OutputExtent(uint32_t size, uint32_t padBegin, uint32_t padEnd, uint32_t kernel, uint32_t dilation,
@@ -17,91 +19,91 @@ int32_t OutputExtent(uint32_t size, uint32_t padBegin, uint32_t padEnd, uint32_t
     return static_cast<int32_t>(room) / static_cast<int32_t>(stride) + 1;
 }
 
-// How the output positions along one axis fall, for one place of the kernel: `before` of them lie outside the image,
-// then `inside` in it, from coordinate `first` on; the rest lie behind it.
-struct Span {
-    uint32_t before;
-    uint32_t inside;
-    uint32_t first;
-};
-
-// The coordinate starts at `start`, which has wrapped when it lies ahead of the image, and moves on by `stride`.
-Span SpanOf(uint32_t start, uint32_t stride, uint32_t positions, uint32_t size)
+int32_t OutputHeight(const Im2colArgs& args)
 {
-    Span span = {0, 0, start};
-    if (!IsAgeZeroAndAltB(start, size)) {
-        const uint64_t toZero = 0x100000000u - uint64_t{start};
-        const uint64_t before = (toZero + stride - 1) / stride;
-        span.before = before < positions ? static_cast<uint32_t>(before) : positions;
-        span.first = start + span.before * stride;
-    }
-    if (span.before < positions && IsAgeZeroAndAltB(span.first, size)) {
-        const uint64_t inside = (uint64_t{size} - span.first + stride - 1) / stride;
-        const uint32_t left = positions - span.before;
-        span.inside = inside < left ? static_cast<uint32_t>(inside) : left;
-        return span;
-    }
-    return {span.before, 0, 0};
+    return OutputExtent(args.height, args.padTop, args.padBottom, args.kernelH, args.dilationH, args.strideH);
 }
 
-float* Fill(float* dst, size_t count, float padding)
+int32_t OutputWidth(const Im2colArgs& args)
 {
-    for (size_t i = 0; i < count; ++i) {
-        dst[i] = padding;
-    }
-    return dst + count;
+    return OutputExtent(args.width, args.padLeft, args.padRight, args.kernelW, args.dilationW, args.strideW);
 }
 
-float* CopyEvery(const float* from, size_t stride, size_t count, float* dst)
+// Whether no coordinate along an axis wraps: the padded size is below 2^31, and the kernel does not reach beyond it.
+bool IsPlainAxis(uint64_t paddedSize, uint32_t kernel, uint32_t dilation, uint32_t stride)
 {
-    if (stride == 1) {
-        MoveFloats(dst, from, count);
-    } else if (stride == 2) {  // a constant, for the compiler's sake
-        for (size_t i = 0; i < count; ++i) {
-            dst[i] = from[i * 2];
-        }
-    } else {
-        for (size_t i = 0; i < count; ++i) {
-            dst[i] = from[i * stride];
-        }
-    }
-    return dst + count;
+    return kernel != 0 && kernel <= kMostPlaces && stride != 0 && stride <= INT32_MAX && paddedSize <= INT32_MAX &&
+           (kernel - uint64_t{1}) * dilation + 1 <= paddedSize;
 }
 
-// One row of the column matrix: every output position of one plane for one place of the kernel.
-float* WriteMatrixRow(const Im2colArgs& args, const float* plane, Span rows, Span columns, size_t outH, size_t outW,
-                      float padding, float* dst)
+void LayOut(const ImageColumns& columns, size_t rows, float* dst)
 {
-    dst = Fill(dst, rows.before * outW, padding);
-    const float* row = plane + size_t{rows.first} * args.width;
-    if (args.strideH == 1 && args.strideW == 1 && columns.inside == outW && outW == args.width) {
-        dst = CopyEvery(row, 1, rows.inside * outW, dst);
-    } else {
-        const size_t step = size_t{args.strideH} * args.width;
-        for (uint32_t oh = 0; oh < rows.inside; ++oh, row += step) {
-            dst = Fill(dst, columns.before, padding);
-            dst = CopyEvery(row + columns.first, args.strideW, columns.inside, dst);
-            dst = Fill(dst, outW - columns.before - columns.inside, padding);
-        }
+    const size_t positions = columns.outHeight * columns.outWidth;
+    const size_t block = size_t{columns.args.kernelH} * columns.args.kernelW * kChannelsAtATime;
+    for (size_t k = 0; k < rows; k += block) {
+        const size_t depth = rows - k < block ? rows - k : block;
+        Kernels<ImageColumnKernels>().fill(&columns, k, depth, 0, positions, dst + k * positions, positions);
     }
-    return Fill(dst, (outH - rows.before - rows.inside) * outW, padding);
 }
 
-// The same, element by element. With a stride from 2^31 on the coordinates run backward, over and over.
-float* WriteMatrixRowByElement(const Im2colArgs& args, const float* plane, uint32_t h, uint32_t firstW, uint32_t outH,
-                               uint32_t outW, float padding, float* dst)
+// One row of the column matrix, for coordinates that wrap. With a stride from 2^31 on they run backward, over and over.
+float* WriteRowByElement(const Im2colArgs& args, const float* plane, uint32_t h, uint32_t firstW, uint32_t outH,
+                         uint32_t outW, float* dst)
 {
     for (uint32_t oh = 0; oh < outH; ++oh, h += args.strideH) {
         uint32_t w = firstW;
         for (uint32_t ow = 0; ow < outW; ++ow, w += args.strideW) {
             const bool inside = IsAgeZeroAndAltB(h, args.height) && IsAgeZeroAndAltB(w, args.width);
-            *dst++ = inside ? plane[size_t{h} * args.width + w] : padding;
+            *dst++ = inside ? plane[size_t{h} * args.width + w] : static_cast<float>(args.padValue);
         }
     }
     return dst;
 }
 
+void LayOutByElement(const Im2colArgs& args, uint32_t outH, uint32_t outW)
+{
+    const float* plane = args.src;
+    float* dst = args.dst;
+    for (uint32_t c = 0; c < args.channels; ++c, plane += size_t{args.height} * args.width) {
+        for (uint32_t kh = 0; kh < args.kernelH; ++kh) {
+            for (uint32_t kw = 0; kw < args.kernelW; ++kw) {
+                dst = WriteRowByElement(args, plane, kh * args.dilationH - args.padTop,
+                                        kw * args.dilationW - args.padLeft, outH, outW, dst);
+            }
+        }
+    }
+}
+
 }  // namespace
+
+bool IsPointwise(const Im2colArgs& args)
+{
+    return args.kernelH == 1 && args.kernelW == 1 && args.strideH == 1 && args.strideW == 1 &&
+           (args.padTop | args.padBottom | args.padLeft | args.padRight) == 0;
+}
+
+bool DescribeColumns(const Im2colArgs& args, ImageColumns* columns)
+{
+    const uint64_t paddedHeight = uint64_t{args.height} + args.padTop + args.padBottom;
+    const uint64_t paddedWidth = uint64_t{args.width} + args.padLeft + args.padRight;
+    if (!IsPlainAxis(paddedHeight, args.kernelH, args.dilationH, args.strideH) ||
+        !IsPlainAxis(paddedWidth, args.kernelW, args.dilationW, args.strideW)) {
+        return false;
+    }
+    *columns = {args, static_cast<size_t>(OutputHeight(args)), static_cast<size_t>(OutputWidth(args))};
+    const uint64_t plane = uint64_t{args.height} * args.width;
+    if (IsPointwise(args) && plane <= INT32_MAX) {  // a single row, the longer the better
+        columns->args.height = 1;
+        columns->args.width = static_cast<uint32_t>(plane);
+        columns->outHeight = 1;
+        columns->outWidth = plane;
+    }
+    return true;
+}
+
+}  // namespace opkit
+
+using namespace opkit;
 
 bool IsAgeZeroAndAltB(uint32_t a, uint32_t b)
 {
@@ -128,36 +130,20 @@ uint32_t Im2col(Im2colArgs args)
         Report(Here(), "Im2Col Error: the divisor is 0!\n\n");
         return kFailure;
     }
-    const int32_t outH =
-        OutputExtent(args.height, args.padTop, args.padBottom, args.kernelH, args.dilationH, args.strideH);
-    const int32_t outW =
-        OutputExtent(args.width, args.padLeft, args.padRight, args.kernelW, args.dilationW, args.strideW);
-    const int32_t kernelH = static_cast<int32_t>(args.kernelH);
-    const int32_t kernelW = static_cast<int32_t>(args.kernelW);
-    if (args.channels == 0 || kernelH < 1 || kernelW < 1) {
+    if (args.channels == 0 || static_cast<int32_t>(args.kernelH) < 1 || static_cast<int32_t>(args.kernelW) < 1) {
         return 0;
     }
+    ImageColumns columns;
+    if (DescribeColumns(args, &columns)) {
+        LayOut(columns, size_t{args.channels} * args.kernelH * args.kernelW, args.dst);
+        return 0;
+    }
+    const int32_t outH = OutputHeight(args);
+    const int32_t outW = OutputWidth(args);
     if (outH < 0 || outW < 0) {
         Report(Here(), "Im2Col Error: the kernel exceeds the padded image!\n\n");
         return kFailure;
     }
-    const uint32_t rows = static_cast<uint32_t>(outH);
-    const uint32_t columns = static_cast<uint32_t>(outW);
-    const bool backward = static_cast<int32_t>(args.strideH | args.strideW) < 0;
-    const float padding = static_cast<float>(args.padValue);
-    const float* plane = args.src;
-    float* dst = args.dst;
-    for (uint32_t c = 0; c < args.channels; ++c, plane += size_t{args.height} * args.width) {
-        for (uint32_t kh = 0; kh < args.kernelH; ++kh) {
-            const uint32_t h = kh * args.dilationH - args.padTop;
-            const Span rowSpan = SpanOf(h, args.strideH, rows, args.height);
-            for (uint32_t kw = 0; kw < args.kernelW; ++kw) {
-                const uint32_t w = kw * args.dilationW - args.padLeft;
-                const Span columnSpan = SpanOf(w, args.strideW, columns, args.width);
-                dst = backward ? WriteMatrixRowByElement(args, plane, h, w, rows, columns, padding, dst)
-                               : WriteMatrixRow(args, plane, rowSpan, columnSpan, rows, columns, padding, dst);
-            }
-        }
-    }
+    LayOutByElement(args, static_cast<uint32_t>(outH), static_cast<uint32_t>(outW));
     return 0;
 }

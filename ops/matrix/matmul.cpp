@@ -3,7 +3,7 @@
 // matrices counts.
 
 #include "opkit/operators.h"
-#include "ops/matrix/stacked_product.h"
+#include "ops/matrix/product_plan.h"
 #include "runtime/frame.h"
 
 using namespace opkit;
@@ -33,7 +33,7 @@ uint32_t MatMulOpkitForward(LayerParam* param)
             Report(Here(), "cannot divisor zero, len0 = %d, len1 = %d\n", aBatch, bBatch);
             return kFailure;
         }
-        MultiplyStacks(rows, out.width, a.width, {a.data, aBatch}, {b.data, bBatch}, {out.data, yBatch});
+        MultiplyStack({0, 0, rows, out.width, a.width, 1.0f, a.data, b.data, 0.0f, out.data}, aBatch, bBatch, yBatch);
     }
     return ExpandOutputChecked(out);
 }

@@ -1,44 +1,86 @@
-// The one matrix product of the library.
+// The one matrix product of the library: Gemm, stacks of it, and what runs them.
 //
-// The order of additions is contract, and the two walks differ on purpose: the untransposed one adds term by term onto
-// the scaled C, the transposed one sums the products apart and adds C once at the end. Both multiply alpha into A
-// first.
+// The order of additions is contract, and the two loops behind Gemm differ on purpose: the untransposed one adds term
+// by term onto the scaled C, the transposed one sums the products apart and adds C once at the end.
 
-#include <cstring>
+#include <string.h>
 
-#include "kernels/gemm.h"
-#include "opkit/helpers.h"
+#include "ops/matrix/product_plan.h"
 
-using namespace opkit;
-
+namespace opkit {
 namespace {
 
-void ScaleResult(const GemmArgs& args, int32_t count)
+// As Gemm counts the elements of C.
+int32_t CountOf(uint32_t M, uint32_t N)
 {
-    if (args.beta == 0.0f) {
-        std::memset(args.C, 0, static_cast<size_t>(count) * sizeof(float));  // whatever C held, NaN included, is gone
-        return;
+    return static_cast<int32_t>(M * N);
+}
+
+Start StartOf(const GemmArgs& args)
+{
+    if (args.beta == 0.0f && CountOf(args.M, args.N) > 0) {
+        return Start::kCleared;
     }
-    for (int32_t i = 0; i < count; ++i) {
-        args.C[i] *= args.beta;
-    }
+    return args.transA != 0 || args.transB != 0 ? Start::kApart : Start::kFromC;
+}
+
+ProductPlan PlanOf(const GemmArgs& args)
+{
+    const MatrixView a = args.transA != 0 ? MatrixView{args.A, 1, args.M} : MatrixView{args.A, args.K, 1};
+    const MatrixView b = args.transB != 0 ? MatrixView{args.B, 1, args.K} : MatrixView{args.B, args.N, 1};
+    return {args.M, args.N, args.K, args.alpha, a, b, nullptr, StartOf(args), args.C};
+}
+
+bool IsOneTallProduct(const GemmArgs& first, int32_t aCount, int32_t bCount, int32_t count)
+{
+    return count > 1 && aCount == count && bCount == 1 && first.transA == 0 &&
+           uint64_t{first.M} * static_cast<uint32_t>(count) <= INT32_MAX / (uint64_t{first.N} + 1);
 }
 
 }  // namespace
 
+void RunProduct(const ProductPlan& plan)
+{
+    const GemmKernels& kernels = Kernels<GemmKernels>();
+    const int32_t count = CountOf(plan.M, plan.N);
+    if (plan.start == Start::kCleared && count > 0) {
+        memset(plan.c, 0, static_cast<size_t>(count) * sizeof(float));
+    }
+    if (plan.source != nullptr) {
+        kernels.accumulateFrom(plan.M, plan.N, plan.K, plan.alpha, plan.a, *plan.source, plan.c);
+    } else if (plan.start != Start::kApart) {
+        kernels.accumulate(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
+    } else if (count != 0) {
+        kernels.addSums(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
+    }
+}
+
+void MultiplyStack(GemmArgs first, int32_t aCount, int32_t bCount, int32_t count)
+{
+    GemmArgs args = first;
+    if (IsOneTallProduct(first, aCount, bCount, count)) {
+        args.M *= static_cast<uint32_t>(count);
+        count = 1;
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        args.A = first.A + size_t{static_cast<uint32_t>(i % aCount)} * first.M * first.K;
+        args.B = first.B + size_t{static_cast<uint32_t>(i % bCount)} * first.K * first.N;
+        args.C = first.C + size_t{static_cast<uint32_t>(i)} * first.M * first.N;
+        Gemm(args);
+    }
+}
+
+}  // namespace opkit
+
+using namespace opkit;
+
 void Gemm(GemmArgs args)
 {
-    const int32_t count = static_cast<int32_t>(args.M * args.N);
-    if (count > 0) {
-        ScaleResult(args, count);
+    if (args.beta != 0.0f) {  // NaN included
+        const int32_t count = CountOf(args.M, args.N);
+        for (int32_t i = 0; i < count; ++i) {
+            args.C[i] *= args.beta;
+        }
     }
-    const MatrixView a = args.transA ? MatrixView{args.A, 1, args.M} : MatrixView{args.A, args.K, 1};
-    const MatrixView b = args.transB ? MatrixView{args.B, 1, args.K} : MatrixView{args.B, args.N, 1};
-    // Onto a cleared C both walks give the same, since a sum that starts from 0.0 is never -0.0.
-    const bool cleared = count > 0 && args.beta == 0.0f;
-    if ((!args.transA && !args.transB) || cleared) {
-        Kernels<GemmKernels>().accumulate(args.M, args.N, args.K, args.alpha, a, b, args.C);
-    } else if (count != 0) {
-        Kernels<GemmKernels>().addSums(args.M, args.N, args.K, args.alpha, a, b, args.C);
-    }
+    RunProduct(PlanOf(args));
 }

@@ -8,7 +8,7 @@
 #include "kernels/quantized.h"
 #include "opkit/attributes/matrix.h"
 #include "opkit/operators.h"
-#include "ops/matrix/stacked_product.h"
+#include "ops/matrix/product_plan.h"
 #include "runtime/frame.h"
 
 namespace opkit {
@@ -98,7 +98,7 @@ uint32_t QLinearMatMulOpkitForward(LayerParam* param)
             Report(Here(), "cannot divisor zero, aBatch = %d, bBatch = %d\n", aBatch, bBatch);
             return kFailure;
         }
-        MultiplyStacks(rows, out.width, a.width, {a.data, aBatch}, {b.data, bBatch}, {out.data, yBatch});
+        MultiplyStack({0, 0, rows, out.width, a.width, 1.0f, a.data, b.data, 0.0f, out.data}, aBatch, bBatch, yBatch);
     }
     if (inputCount == kFullForm) {
         QLinearMatMulQuantize(out.data, static_cast<int32_t>(out.count), kQuantize, in[6].data[0], in[7].data[0]);

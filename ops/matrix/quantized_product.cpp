@@ -2,14 +2,16 @@
 // zero points' share by row and column sums, and the stale result stays in, scaled by 4 * bZero * aZero.
 
 #include "common/smaller.h"
+#include "kernels/image_columns.h"
 #include "kernels/quantized.h"
 #include "kernels/reduction.h"
-#include "opkit/helpers.h"
+#include "ops/matrix/product_plan.h"
 
-using namespace opkit;
-
+namespace opkit {
 namespace {
 
+constexpr uint32_t kMostTerms = 1 << 24;
+constexpr float kSmall = 1e30f;  // as many of these have a finite sum
 constexpr size_t kRowBlock = 256;
 constexpr size_t kColumnBlock = 1024;
 
@@ -46,19 +48,25 @@ void CorrectRows(const float* a, const float* b, float* c, size_t rows, size_t N
 
 }  // namespace
 
+bool CorrectionVanishes(const QGemmArgs& args)
+{
+    return (args.a.zeroPoint | args.b.zeroPoint | args.c.zeroPoint) == 0 && args.c.scale == 1 && args.K <= kMostTerms;
+}
+
+bool AreSmall(const float* values, size_t count)
+{
+    return Kernels<ImageColumnKernels>().areWithin(values, count, kSmall);
+}
+
+}  // namespace opkit
+
+using namespace opkit;
+
 int32_t QGemmWithoutEigen(float* A, float* B, float* C, int32_t M, int32_t N, int32_t K, float aScale, float aZero,
                           float bScale, float bZero, float cScale, float cZero)
 {
-    GemmArgs args = {};
-    args.M = static_cast<uint32_t>(M);
-    args.N = static_cast<uint32_t>(N);
-    args.K = static_cast<uint32_t>(K);
-    args.alpha = aScale * bScale;
-    args.A = A;
-    args.B = B;
-    args.beta = (bZero * aZero) * 4.0f;
-    args.C = C;
-    Gemm(args);
+    Gemm({0, 0, static_cast<uint32_t>(M), static_cast<uint32_t>(N), static_cast<uint32_t>(K), aScale * bScale, A, B,
+          (bZero * aZero) * 4.0f, C});
     if (M < 1 || N < 1) {
         return 0;
     }
