@@ -72,6 +72,12 @@ LayerCase Case(uint32_t inputCount, const Problem& p)
     return layer;
 }
 
+void FillWorkSpace(World& world, float value)
+{
+    float* const space = static_cast<float*>(world.Param().opkitBuf);
+    std::fill(space, space + world.Param().opkitBufSize / sizeof(float), value);
+}
+
 // X = 1 to 9 as 3 x 3, W = ((1, 0), (0, 1)); the plain result is ((6, 8), (12, 14)).
 const Floats kX = {1, 2, 3, 4, 5, 6, 7, 8, 9};
 const Floats kW = {1, 0, 0, 1};
@@ -494,6 +500,67 @@ TEST(Convolution, OneInfinity)
     }
 }
 
+// The bias step rescales weights between images: what was found of them before the first image does not hold later.
+TEST(Convolution, WeightsThatGrowFromImageToImage)
+{
+    const Problem p = {.images = 4};
+    // The y scale of 2^23 + 1 counts as 1 in the product and as itself in the bias step.
+    LayerCase layer = QuantizedCase(8, p, Floats(36, 1.0f), Floats(4, 1e28f), {1, 0, 1, 0, 8388609.0f, 0});
+    layer.Attr<ConvolutionAttr>().hasBias = 1;
+    layer.Online({1}, {12345});
+    layer.Tamper([](World& world) { FillWorkSpace(world, 1.0f); });
+    World world(layer);
+    ExpectSuccess(RunCaptured(world, ConvolutionOpkitForward));
+    const Floats result = world.Output(0);
+    for (size_t i = 0; i < result.size(); ++i) {
+        EXPECT_EQ(std::isnan(result[i]), i >= 8) << "infinite weights leave no correction at 0: " << i;
+    }
+    ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+}
+
+// Whether the layer laid out a column matrix.
+bool WritesColumns(const LayerCase& layer)
+{
+    constexpr float kOld = -77.0f;
+    World world(layer);
+    FillWorkSpace(world, kOld);
+    EXPECT_EQ(RunCaptured(world, ConvolutionOpkitForward).result, 0u);
+    return *static_cast<const float*>(world.Param().opkitBuf) != kOld;
+}
+
+TEST(Convolution, ColumnMatrixOnlyWhereNeeded)
+{
+    const Floats small(9, 1.0f);
+    Floats infinite = small;
+    infinite[4] = kInf;
+    const auto layerOf = [&](const Problem& p, const Floats& image, const Floats& zeroPoints) {
+        LayerCase layer = Case(2 + static_cast<uint32_t>(zeroPoints.size()), p);
+        layer.Online(p.Images(), image).Offline(p.Weights(), Floats(ElementCount(p.Weights()), 2.0f));
+        for (const float zero : zeroPoints) {
+            layer.Online({1}, {zero});
+        }
+        return layer;
+    };
+    const Problem wide = {};
+    const Problem padded = {.pad = {1, 0, 2, 1}, .stride = {2, 1}, .dilation = {1, 2}};
+    const Problem pointwise = {.kernel = {1, 1}};
+    for (const Problem& p : {wide, padded, pointwise}) {
+        EXPECT_FALSE(WritesColumns(layerOf(p, small, {}).Output(p.Result())));
+        EXPECT_FALSE(WritesColumns(layerOf(p, small, {256, 0.5f}).Output(p.Result()))) << "bytes of 0";
+    }
+    EXPECT_TRUE(WritesColumns(layerOf(wide, small, {1}).Output(wide.Result())));
+    EXPECT_TRUE(WritesColumns(layerOf(wide, small, {0, 1}).Output(wide.Result())));
+    EXPECT_TRUE(WritesColumns(layerOf(wide, infinite, {}).Output(wide.Result())));
+    EXPECT_FALSE(WritesColumns(layerOf(pointwise, infinite, {1, 1}).Output(pointwise.Result()))) << "the image is it";
+    EXPECT_TRUE(WritesColumns(layerOf(pointwise, small, {}).OutputInPlace(0, pointwise.Result())));
+    LayerCase uneven = layerOf(wide, small, {}).Output(wide.Result());
+    uneven.Attr<ConvolutionAttr>().gemmN = 3;
+    EXPECT_TRUE(WritesColumns(uneven));
+    LayerCase narrow = layerOf(wide, small, {}).Output(wide.Result());
+    narrow.Attr<ConvolutionAttr>().colChannels = 3;
+    EXPECT_TRUE(WritesColumns(narrow)) << "the matrix reaches into the ones";
+}
+
 // Attributes that do not fit together are followed as they stand.
 TEST(Convolution, OddAttributes)
 {
@@ -527,10 +594,7 @@ TEST(Convolution, NoImage)
         const Problem p = {.kernel = {kernel, kernel}};
         LayerCase layer = Case(2, p);
         layer.Online(p.Images(), kX).Offline(p.Weights(), Floats(kernel * kernel, 1.0f)).Output(p.Result());
-        layer.Tamper([](World& world) {
-            float* const space = static_cast<float*>(world.Param().opkitBuf);
-            std::fill(space, space + world.Param().opkitBufSize / sizeof(float), 3.0f);
-        });
+        layer.Tamper([](World& world) { FillWorkSpace(world, 3.0f); });
         NullInput(layer, 0);
         ForEachLevel([&](Level) {
             World world(layer);

@@ -10,6 +10,7 @@
 #include "tests/reference/matrix_core.h"
 #include "tests/support/capture.h"
 #include "tests/support/float_bits.h"
+#include "tests/support/levels.h"
 #include "tests/support/random.h"
 
 namespace opkit {
@@ -45,13 +46,15 @@ void ExpectColumns(Image image, const Window& window, int32_t padValue, const Fl
 {
     Floats src(size_t{image.channels} * image.height * image.width + 1);
     std::iota(src.begin(), src.end(), 1.0f);
-    Floats dst(expected.size() + 4, kUntouched);
-    CaptureStdout capture;
-    EXPECT_EQ(Im2col(Args(src.data(), image, window, padValue, dst.data())), 0u);
-    EXPECT_EQ(capture.Stop(), "");
     Floats whole = expected;
     whole.insert(whole.end(), 4, kUntouched);
-    EXPECT_TRUE(SameFloats(dst, whole));
+    ForEachLevel([&](Level) {
+        Floats dst(expected.size() + 4, kUntouched);
+        CaptureStdout capture;
+        EXPECT_EQ(Im2col(Args(src.data(), image, window, padValue, dst.data())), 0u);
+        EXPECT_EQ(capture.Stop(), "");
+        EXPECT_TRUE(SameFloats(dst, whole));
+    });
 }
 
 TEST(Im2col, ByHand)
@@ -97,6 +100,23 @@ TEST(Im2col, StrideBelowZeroWalksBackward)
                   {7, 7, 7, 7, 1, 7, 7, 7, 7, 1, 7, 7, 7, 7, 1, 7, 7, 7, 7, 1});
 }
 
+// Coordinates that wrap, or would: sizes whose sum passes 2^31, strides and kernels as large.
+TEST(Im2col, LargeNumbers)
+{
+    const uint32_t half = 0x80000000u;
+    ExpectColumns({1, 1, 2}, {{1, 1}, {0, 0, 0, 0}, {1, 0x7FFFFFFFu}}, 9, {1});
+    ExpectColumns({1, 1, 2}, {{1, 1}, {0, 0, 0, 0}, {1, half}}, 9, {1});
+    // a padded width of 2^31 - 1: positions 0, 2^30 - 1 and 2^31 - 2
+    ExpectColumns({1, 1, 1}, {{1, 1}, {0, 0, half - 2, 0}, {1, half / 2 - 1}}, 9, {9, 9, 1});
+    // two more, and the room of 2^31 counts as negative
+    ExpectColumns({1, 1, 2}, {{1, 1}, {0, 0, half - 1, 0}, {1, half - 1}}, 9, {});
+    // a dilation of 2^31 with a single place, and one of 2^32 - 1, which steps backward
+    ExpectColumns({1, 1, 2}, {{1, 1}, {0, 0, 0, 0}, {1, 1}, {half, half}}, 9, {1, 2});
+    ExpectColumns({1, 1, 3}, {{1, 2}, {0, 0, 0, 0}, {1, 1}, {1, 0xFFFFFFFFu}}, 9, {1, 2, 3, 9, 9, 1, 2, 3});
+    // places on top of each other, more than 2^16
+    ExpectColumns({1, 1, 1}, {{1, 70000}, {0, 0, 0, 0}, {1, 1}, {1, 0}}, 9, Floats(70000, 1.0f));
+}
+
 TEST(Im2col, Failures)
 {
     float value = 3.0f;
@@ -133,7 +153,8 @@ TEST(Im2col, SameAsReference)
         const auto number = [&random](int32_t least, int32_t most) {
             return static_cast<uint32_t>(random.Int(least, most));
         };
-        const Image image = {number(0, 3), number(1, 9), random.Chance(0.3) ? number(1, 70) : number(1, 9)};
+        const Image image = {random.Chance(0.1) ? number(7, 20) : number(0, 3), number(1, 9),
+                             random.Chance(0.3) ? number(1, 70) : number(1, 9)};
         const bool same = random.Chance(0.3);  // kernel and padding that keep the size
         Window w = {{number(1, 4), number(1, 4)},
                     {number(0, 5), number(0, 5), number(0, 5), number(0, 5)},
@@ -149,16 +170,18 @@ TEST(Im2col, SameAsReference)
         }
         Floats src = random.Floats(uint64_t{image.channels} * image.height * image.width + 1, Values::kPlain);
         const size_t size = size_t{image.channels} * w.kernel[0] * w.kernel[1] * static_cast<uint32_t>(outH * outW);
-        Floats dst(size + 1, kUntouched);
-        Floats expected = dst;
+        Floats expected(size + 1, kUntouched);
         const int32_t padValue = random.OneOf({0, 128, -5, std::numeric_limits<int32_t>::min()});
         EXPECT_EQ(RefIm2col(Args(src.data(), image, w, padValue, expected.data())), 0u);
-        EXPECT_EQ(Im2col(Args(src.data(), image, w, padValue, dst.data())), 0u);
-        EXPECT_TRUE(SameFloats(dst, expected))
-            << "image " << image.channels << " " << image.height << " " << image.width << ", kernel " << w.kernel[0]
-            << " " << w.kernel[1] << ", padding " << w.pad[0] << " " << w.pad[1] << " " << w.pad[2] << " " << w.pad[3]
-            << ", stride " << w.stride[0] << " " << w.stride[1] << ", dilation " << w.dilation[0] << " "
-            << w.dilation[1];
+        ForEachLevel([&](Level) {
+            Floats dst(size + 1, kUntouched);
+            EXPECT_EQ(Im2col(Args(src.data(), image, w, padValue, dst.data())), 0u);
+            EXPECT_TRUE(SameFloats(dst, expected))
+                << "image " << image.channels << " " << image.height << " " << image.width << ", kernel " << w.kernel[0]
+                << " " << w.kernel[1] << ", padding " << w.pad[0] << " " << w.pad[1] << " " << w.pad[2] << " "
+                << w.pad[3] << ", stride " << w.stride[0] << " " << w.stride[1] << ", dilation " << w.dilation[0] << " "
+                << w.dilation[1];
+        });
     });
 }
 
