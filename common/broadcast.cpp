@@ -1,64 +1,16 @@
-// Broadcast index mapping: the exported routines, which map one element, and the preparation of the walks.
+// Broadcast index mapping: the exported routines, which map one element, and what the walks share.
 
 #include "common/broadcast.h"
 
+#include "common/move_floats.h"
 #include "opkit/helpers.h"
 
 namespace opkit {
 
-void BroadcastOperand::Prepare(const RowShape& operand, const RowShape& output)
+uint32_t OperandExtent(const RowShape& operand, const RowShape& output, uint32_t d)
 {
-    for (uint32_t d = 0; d < output.dimNum; ++d) {
-        dim_[d] = 1;
-    }
-    if (operand.dimNum > output.dimNum) {
-        return;  // read at element 0 only
-    }
-    size_t stride = 1;
-    for (uint32_t e = operand.dimNum; e-- > 0;) {
-        const uint32_t d = e + output.dimNum - operand.dimNum;
-        const bool covered = output.shape[d] / operand.shape[e] > 0;
-        dim_[d] = covered ? operand.shape[e] : output.shape[d];  // of a longer dimension the front is read
-        stride_[d] = stride;
-        stride = e + 1 == operand.dimNum ? operand.rowPitch : stride * operand.shape[e];
-    }
-}
-
-// Whether the operand runs through dimension d in step with the output, right behind `innerLength` elements.
-bool BroadcastOperand::Advances(uint32_t d, const RowShape& output, size_t innerLength) const
-{
-    return dim_[d] == output.shape[d] && (dim_[d] == 1 || stride_[d] == innerLength);
-}
-
-uint32_t BroadcastOperand::MergeableDims(const RowShape& output) const
-{
-    bool advances = true;
-    bool stands = true;
-    size_t innerLength = 1;
-    uint32_t merged = 0;
-    for (uint32_t d = output.dimNum; d-- > 0; ++merged) {
-        advances = advances && Advances(d, output, innerLength);
-        stands = stands && dim_[d] == 1;
-        if (!advances && !stands) {
-            break;
-        }
-        innerLength *= output.shape[d];
-    }
-    return merged > 0 ? merged : 1;
-}
-
-void BroadcastOperand::Merge(const RowShape& output, uint32_t innerDims)
-{
-    bool advances = true;
-    bool stands = true;
-    size_t innerLength = 1;
-    for (uint32_t d = output.dimNum; d-- > output.dimNum - innerDims;) {
-        advances = advances && Advances(d, output, innerLength);
-        stands = stands && dim_[d] == 1;
-        innerLength *= output.shape[d];
-    }
-    step_ = stands ? 0 : 1;
-    wrapWidth_ = advances || stands ? 0 : dim_[output.dimNum - 1];
+    const uint32_t missing = output.dimNum - operand.dimNum;
+    return operand.dimNum > output.dimNum || d < missing ? 1 : operand.shape[d - missing];
 }
 
 size_t SourceOffset(const RowShape& operand, const RowShape& output, size_t element)
@@ -75,6 +27,15 @@ size_t SourceOffset(const RowShape& operand, const RowShape& output, size_t elem
         stride = e + 1 == operand.dimNum ? operand.rowPitch : stride * operand.shape[e];
     }
     return offset;
+}
+
+void CopyBroadcast(float* to, const RowShape& output, const float* from, const RowShape& operand)
+{
+    const RowShape operands[1] = {operand};
+    ForEachBroadcastRun(output, operands,
+                        [=](size_t at, const size_t(&source)[1], const uint32_t(&steps)[1], uint32_t length) {
+                            MoveOrRepeat(to + at, from + source[0], steps[0], length);
+                        });
 }
 
 }  // namespace opkit

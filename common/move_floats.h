@@ -4,6 +4,7 @@
 #define OPKIT_COMMON_MOVE_FLOATS_H
 
 #include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 #include <xmmintrin.h>
 
@@ -35,6 +36,23 @@ inline void MoveFloats(float* to, const float* from, size_t count)
         to[0] = first;
         to[count / 2] = middle;
         to[count - 1] = last;
+    }
+}
+
+inline void RepeatFloat(float* to, float value, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        to[i] = value;
+    }
+}
+
+// Moves a run that advances, with step 1, or repeats the element at which it stands, with step 0.
+inline void MoveOrRepeat(float* to, const float* from, uint32_t step, size_t count)
+{
+    if (step != 0) {
+        MoveFloats(to, from, count);
+    } else {
+        RepeatFloat(to, *from, count);
     }
 }
 

@@ -173,15 +173,9 @@ template <class Attr>
 uint32_t MapCompacting(LayerParam* param, Attr& attr, MapKernel kernel, Caller caller = Here())
 {
     const auto run = [kernel](const float* const(&in)[1], const uint32_t(&steps)[1], float* out, uint32_t length) {
-        if (steps[0] != 0) {
-            kernel(in[0], out, length);
-            return;
-        }
-        float value;
-        kernel(in[0], &value, 1);
-        for (uint32_t i = 0; i < length; ++i) {
-            out[i] = value;
-        }
+        const uint32_t mapped = steps[0] != 0 ? length : 1;
+        kernel(in[0], out, mapped);
+        RepeatFloat(out + mapped, *out, length - mapped);
     };
     return RunCompacting<1>(param, attr, run, caller);
 }

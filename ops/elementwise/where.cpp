@@ -20,14 +20,7 @@ void SelectRun(const float* const (&in)[kInputs], const uint32_t (&steps)[kInput
         return;
     }
     const uint32_t chosen = NearZero(*in[0]) ? 2 : 1;  // for the whole run
-    if (steps[chosen] != 0) {
-        MoveFloats(out, in[chosen], length);
-        return;
-    }
-    const float value = *in[chosen];
-    for (uint32_t i = 0; i < length; ++i) {
-        out[i] = value;
-    }
+    MoveOrRepeat(out, in[chosen], steps[chosen], length);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <string.h>
 
 #include "common/broadcast.h"
-#include "common/move_floats.h"
 #include "opkit/attributes/matrix.h"
 #include "opkit/operators.h"
 #include "ops/matrix/product_plan.h"
@@ -20,42 +19,19 @@ namespace {
 
 constexpr uint32_t kIndexOfC = 2;
 
-RowShape CompactShape(const Tensor& tensor)
-{
-    return {tensor.shape, static_cast<uint32_t>(tensor.dimNum), tensor.width};
-}
-
 void WriteStrides(StrideRecord* record, const Tensor& tensor)
 {
     SetStride(record->strides, &record->count, tensor.shape, static_cast<uint32_t>(tensor.dimNum));
-}
-
-void BroadcastTo(float* to, const Output& out, const Input& c)
-{
-    const RowShape source[] = {CompactShape(c)};
-    ForEachBroadcastRun(CompactShape(out), source,
-                        [&](size_t at, const size_t(&from)[1], const uint32_t(&steps)[1], uint32_t length) {
-                            if (steps[0] != 0) {
-                                memcpy(to + at, c.data + from[0], length * sizeof(float));
-                                return;
-                            }
-                            const float value = c.data[from[0]];
-                            for (uint32_t i = 0; i < length; ++i) {
-                                to[at + i] = value;
-                            }
-                        });
 }
 
 // Fills `to` with C in Y's shape and leaves the stride records behind.
 void PrepareSum(float* to, const Output& out, const Input& c, GemmAttr* attr)
 {
     WriteStrides(&attr->outputStrides[0], out);
-    if (JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), c.shape, c.dimNum) == 0) {
-        MoveFloats(to, c.data, out.count);
-        return;
+    if (JudgeBroadCast(out.shape, static_cast<uint32_t>(out.dimNum), c.shape, c.dimNum) != 0) {
+        WriteStrides(&attr->inputStrides[kIndexOfC], c);
     }
-    WriteStrides(&attr->inputStrides[kIndexOfC], c);
-    BroadcastTo(to, out, c);
+    CopyBroadcast(to, CompactShape(out.shape, out.dimNum), c.data, CompactShape(c.shape, c.dimNum));
 }
 
 void MultiplyMatrices(const GemmAttr& attr, const Input& a, const Input& b, const Output& out, float* sum)

@@ -176,7 +176,58 @@ TEST(ForEachBroadcastRun, MergesWhatItCan)
     EXPECT_THAT(Runs({2, 1, 1}, 1, {2, 3, 2}, 2), ElementsAre(RunRecord{0, 0, 0, 6}, RunRecord{6, 1, 0, 6}));
     EXPECT_THAT(Runs({3, 2}, 2, {2, 3, 2}, 2), ElementsAre(RunRecord{0, 0, 1, 6}, RunRecord{6, 0, 1, 6}));
     EXPECT_THAT(Runs({2, 3}, 4, {2, 3}, 8), ElementsAre(RunRecord{0, 0, 1, 3}, RunRecord{8, 4, 1, 3}));
-    EXPECT_THAT(Runs({2}, 2, {5}, 5), ElementsAre(RunRecord{0, 0, 1, 2}, RunRecord{2, 0, 1, 2}, RunRecord{4, 0, 1, 1}));
+}
+
+TEST(ForEachBroadcastRun, CutsADimensionThatWrapsIntoWholeParts)
+{
+    EXPECT_THAT(Runs({2}, 2, {6}, 6), ElementsAre(RunRecord{0, 0, 1, 2}, RunRecord{2, 0, 1, 2}, RunRecord{4, 0, 1, 2}));
+    EXPECT_THAT(Runs({2, 3}, 3, {4, 3}, 3), ElementsAre(RunRecord{0, 0, 1, 6}, RunRecord{6, 0, 1, 6}));
+    EXPECT_THAT(Runs({2, 1}, 1, {4, 3}, 3), ElementsAre(RunRecord{0, 0, 0, 3}, RunRecord{3, 1, 0, 3},
+                                                        RunRecord{6, 0, 0, 3}, RunRecord{9, 1, 0, 3}));
+}
+
+TEST(ForEachBroadcastRun, WalksByElementWhereADimensionCannotBeCut)
+{
+    EXPECT_THAT(Runs({2}, 2, {3}, 3), ElementsAre(RunRecord{0, 0, 1, 1}, RunRecord{1, 1, 1, 1}, RunRecord{2, 0, 1, 1}));
+    EXPECT_THAT(Runs({2, 1}, 4, {3, 2}, 8),
+                ElementsAre(RunRecord{0, 0, 1, 1}, RunRecord{1, 0, 1, 1}, RunRecord{8, 4, 1, 1}, RunRecord{9, 4, 1, 1},
+                            RunRecord{16, 0, 1, 1}, RunRecord{17, 0, 1, 1}));
+}
+
+// What one operand alone allows, 2 or 3 times in 6, the two together do not.
+TEST(ForEachBroadcastRun, TwoOperandsThatWrapDifferently)
+{
+    const Shape out = {6};
+    const Shape shapes[] = {{2}, {3}};
+    const RowShape operands[] = {{shapes[0].data(), 1, 2}, {shapes[1].data(), 1, 3}};
+    std::vector<size_t> offsets;
+    ForEachBroadcastRun({out.data(), 1, 6}, operands,
+                        [&](size_t to, const size_t(&from)[2], const uint32_t(&)[2], uint32_t length) {
+                            EXPECT_EQ(to, offsets.size() / 2);
+                            EXPECT_EQ(length, 1u);
+                            offsets.insert(offsets.end(), {from[0], from[1]});
+                        });
+    EXPECT_THAT(offsets, ElementsAre(0, 0, 1, 1, 0, 2, 1, 0, 0, 1, 1, 2));
+}
+
+// Only the wrapped count of elements is walked, as an index of 32 bits would do.
+TEST(ForEachBroadcastRun, CountThatWraps)
+{
+    EXPECT_THAT(Runs({1}, 1, {0x10001, 0x10000}, 0x10000), ElementsAre(RunRecord{0, 0, 0, 0x10000}));
+    EXPECT_THAT(Runs({0x10001, 1}, 1, {0x10001, 0x10000}, 0x10000), ElementsAre(RunRecord{0, 0, 0, 0x10000}));
+}
+
+TEST(CopyBroadcast, MovesRunsAndRepeatsElements)
+{
+    const std::vector<float> values = {1, 2, 3, 4};
+    const uint32_t out[] = {2, 2, 2};
+    const uint32_t columns[] = {2, 2, 1};
+    const uint32_t rows[] = {2, 1, 2};
+    std::vector<float> to(8);
+    CopyBroadcast(to.data(), CompactShape(out, 3), values.data(), CompactShape(columns, 3));
+    EXPECT_THAT(to, ElementsAre(1, 1, 2, 2, 3, 3, 4, 4));
+    CopyBroadcast(to.data(), CompactShape(out, 3), values.data(), CompactShape(rows, 3));
+    EXPECT_THAT(to, ElementsAre(1, 2, 1, 2, 3, 4, 3, 4));
 }
 
 TEST(ForEachBroadcastRun, OperandOfAHigherRankStandsAtItsFirstElement)
@@ -185,7 +236,7 @@ TEST(ForEachBroadcastRun, OperandOfAHigherRankStandsAtItsFirstElement)
     Shape out(11, 1);
     Shape operand(12, 1);
     out.back() = operand.back() = 2;
-    EXPECT_THAT(Runs(operand, 2, out, 2), ElementsAre(RunRecord{0, 0, 1, 1}, RunRecord{1, 0, 1, 1}));
+    EXPECT_THAT(Runs(operand, 2, out, 2), ElementsAre(RunRecord{0, 0, 0, 2}));
 }
 
 TEST(ForEachBroadcastRun, EmptyOutput)
