@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "common/convert.h"
+#include "common/loop_nest.h"
 #include "opkit/attributes/movement.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -81,6 +82,18 @@ const float* GatherRow(const ElementSource& source, const IndexRow& row, float* 
     return nullptr;
 }
 
+// The walk over the rows of indices, by the rows of the data that their coordinates select; the axis selects none.
+LoopNest<1> PlanBaseRows(const Input& data, const Input& indices, int32_t axis)
+{
+    LoopNest<1> nest;
+    const int32_t last = data.dimNum - 1;
+    for (int32_t d = indices.dimNum - 2; d >= 0; --d) {
+        const bool selects = d < last && d != axis;
+        nest.AddOuter({indices.shape[d], {selects ? ShapeCount(data.shape, data.dimNum, d + 1, last) : 0}});
+    }
+    return nest;
+}
+
 }  // namespace
 }  // namespace opkit
 
@@ -107,18 +120,11 @@ uint32_t GatherElementsOpkitForward(LayerParam* param)
 
     const Output out = OutputOf(param, 0);
     const ElementSource source = SourceOf(data, axis, axis == indices.dimNum - 1);
-    // Counters over the outer axes of the indices, and how many rows each moves the base; the axis itself moves none.
-    const uint32_t outerAxes = static_cast<uint32_t>(indices.dimNum) - 1;
-    auto* const counters = static_cast<uint32_t*>(__builtin_alloca((outerAxes + 1) * sizeof(uint32_t)));
-    auto* const steps = static_cast<uint32_t*>(__builtin_alloca((outerAxes + 1) * sizeof(uint32_t)));
-    for (uint32_t i = 0; i < outerAxes; ++i) {
-        const int32_t d = static_cast<int32_t>(i);
-        counters[i] = 0;
-        steps[i] = d < data.dimNum - 1 && d != axis ? ShapeCount(data.shape, data.dimNum, d + 1, data.dimNum - 1) : 0;
-    }
+    const LoopNest<1> nest = PlanBaseRows(data, indices, axis);
+    LoopWalk<1> base(nest);
     RowCursor place(out.width, out.Pitch());
-    uint32_t baseRow = 0;
-    for (uint32_t row = 0; row < rows; ++row) {
+    for (uint32_t row = 0; row < rows; ++row, base.Next()) {
+        const uint32_t baseRow = static_cast<uint32_t>(base.Offset(0));
         const float* const line = indices.data + row * indexPitch;
         for (uint32_t first = 0, count = 0; first < indices.width; first += count) {
             count = std::min(indices.width - first, place.LeftInRow());
@@ -128,14 +134,6 @@ uint32_t GatherElementsOpkitForward(LayerParam* param)
                 return kFailure;
             }
             place.Advance(count);
-        }
-        for (uint32_t i = outerAxes; i-- > 0;) {
-            baseRow += steps[i];
-            if (++counters[i] < indices.shape[i]) {
-                break;
-            }
-            baseRow -= steps[i] * indices.shape[i];
-            counters[i] = 0;
         }
     }
     return kSuccess;

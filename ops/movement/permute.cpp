@@ -4,6 +4,7 @@
 // combination of perm and shapes still has a meaning, by index arithmetic on the compact pitches of both shapes; it is
 // followed while it stays inside the two tensors.
 
+#include "common/loop_nest.h"
 #include "common/move_floats.h"
 #include "kernels/transpose.h"
 #include "opkit/attributes/movement.h"
@@ -12,18 +13,6 @@
 
 namespace opkit {
 namespace {
-
-// An axis of the walk, in output order.
-struct Axis {
-    uint32_t extent;
-    size_t inStep;  // floats, padding included
-    size_t outStep;
-};
-
-struct Walk {
-    Axis axes[OPKIT_MAX_DIMS];
-    uint32_t rank = 0;
-};
 
 // Whether the output's shape is the permuted shape of the input, with a number of elements that 32 bits hold.
 bool IsTransposition(const Input& in, const Output& out, const uint32_t* perm)
@@ -46,92 +35,48 @@ bool IsTransposition(const Input& in, const Output& out, const uint32_t* perm)
     return seen == (1u << in.dimNum) - 1;
 }
 
-// Axes of extent 1 are dropped, neighbours that the input holds in one piece merged.
-Walk PlanWalk(const Input& in, const uint32_t* perm)
+constexpr uint32_t kIn = 0;  // operands of the walk
+constexpr uint32_t kOut = 1;
+
+// The axes in output order.
+LoopNest<2> PlanWalk(const Input& in, const uint32_t* perm)
 {
-    size_t steps[OPKIT_MAX_DIMS];
-    steps[in.dimNum - 1] = 1;
-    size_t step = in.Pitch();
+    size_t inSteps[OPKIT_MAX_DIMS];
+    inSteps[in.dimNum - 1] = 1;
+    size_t inStep = in.Pitch();
     for (int32_t a = in.dimNum - 2; a >= 0; --a) {
-        steps[a] = step;
-        step *= in.shape[a];
+        inSteps[a] = inStep;
+        inStep *= in.shape[a];
     }
-    Walk walk;
-    for (int32_t d = 0; d < in.dimNum; ++d) {
-        const Axis axis = {in.shape[perm[d]], steps[perm[d]], 0};
-        if (axis.extent == 1) {
-            continue;
-        }
-        Axis* const before = walk.rank > 0 ? &walk.axes[walk.rank - 1] : nullptr;
-        if (before != nullptr && before->inStep == axis.extent * axis.inStep) {
-            *before = {before->extent * axis.extent, axis.inStep, 0};
-        } else {
-            walk.axes[walk.rank++] = axis;
-        }
-    }
+    LoopNest<2> nest;
     size_t outStep = 1;
-    for (uint32_t d = walk.rank; d-- > 0;) {
-        walk.axes[d].outStep = outStep;
-        outStep *= walk.axes[d].extent;
+    for (int32_t d = in.dimNum; d-- > 0;) {
+        const uint32_t extent = in.shape[perm[d]];
+        nest.AddOuter({extent, {inSteps[perm[d]], outStep}});
+        outStep *= extent;
     }
-    return walk;
+    return nest;
 }
 
-Axis TakeAxis(Walk* walk, uint32_t d)
+void Transpose(const float* in, float* out, LoopNest<2>* nest)
 {
-    const Axis axis = walk->axes[d];
-    for (--walk->rank; d < walk->rank; ++d) {
-        walk->axes[d] = walk->axes[d + 1];
+    const LoopAxis<2> inner = nest->count > 0 ? nest->Take(0) : LoopAxis<2>{1, {1, 1}};
+    const bool movesRows = inner.steps[kIn] == 1;
+    uint32_t partner = 0;  // the axis that makes rows or planes of the inner one
+    while (!movesRows && partner < nest->count && nest->axes[partner].steps[kIn] != 1) {
+        ++partner;
     }
-    return axis;
-}
-
-// Calls body(inOffset, outOffset) for every position of the walk, none of its extents 0.
-template <class Body>
-void ForEachPosition(const Walk& walk, Body body)
-{
-    uint32_t position[OPKIT_MAX_DIMS] = {};
-    size_t inOffset = 0;
-    size_t outOffset = 0;
-    for (;;) {
-        body(inOffset, outOffset);
-        uint32_t d = walk.rank;
-        for (;;) {
-            if (d-- == 0) {
-                return;
-            }
-            const Axis& axis = walk.axes[d];
-            inOffset += axis.inStep;
-            outOffset += axis.outStep;
-            if (++position[d] < axis.extent) {
-                break;
-            }
-            inOffset -= axis.inStep * axis.extent;
-            outOffset -= axis.outStep * axis.extent;
-            position[d] = 0;
+    const LoopAxis<2> rows = partner < nest->count ? nest->Take(partner) : LoopAxis<2>{1, {0, 0}};
+    for (LoopWalk<2> walk(*nest); !walk.Done(); walk.Next()) {
+        const float* const from = in + walk.Offset(kIn);
+        float* const to = out + walk.Offset(kOut);
+        if (movesRows) {
+            MoveRows(to, rows.steps[kOut], from, rows.steps[kIn], rows.extent, inner.extent);
+        } else {
+            Kernels<TransposeKernels>().plane(from, inner.steps[kIn], to, rows.steps[kOut],
+                                              static_cast<uint32_t>(rows.extent), static_cast<uint32_t>(inner.extent));
         }
     }
-}
-
-void Transpose(const float* in, float* out, Walk walk)
-{
-    constexpr Axis kNone = {1, 0, 0};
-    const Axis inner = walk.rank > 0 ? TakeAxis(&walk, walk.rank - 1) : Axis{1, 1, 1};
-    if (inner.inStep == 1) {
-        const Axis rows = walk.rank > 0 ? TakeAxis(&walk, walk.rank - 1) : kNone;
-        ForEachPosition(walk, [&](size_t from, size_t to) {
-            MoveRows(out + to, rows.outStep, in + from, rows.inStep, rows.extent, inner.extent);
-        });
-        return;
-    }
-    uint32_t unit = 0;
-    while (unit < walk.rank && walk.axes[unit].inStep != 1) {
-        ++unit;
-    }
-    const Axis rows = unit < walk.rank ? TakeAxis(&walk, unit) : kNone;
-    ForEachPosition(walk, [&](size_t from, size_t to) {
-        Kernels<TransposeKernels>().plane(in + from, inner.inStep, out + to, rows.outStep, rows.extent, inner.extent);
-    });
 }
 
 // The index arithmetic itself. An entry of perm may also name a pitch of the output, which lie behind the input's.
@@ -187,7 +132,8 @@ uint32_t PermuteOpkitForward(LayerParam* param)
     }
     if (static_cast<int32_t>(in.count) > 0) {
         if (IsTransposition(in, out, attr.perm)) {
-            Transpose(in.data, out.data, PlanWalk(in, attr.perm));
+            LoopNest<2> nest = PlanWalk(in, attr.perm);
+            Transpose(in.data, out.data, &nest);
         } else if (!PermuteByIndex(in, out, attr.perm)) {
             Report(Here(), "perm leads outside the tensor.\n\n");
             return kFailure;

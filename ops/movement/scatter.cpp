@@ -2,12 +2,13 @@
 // axis, where its index stands. The last of several updates to one element wins.
 //
 // Compacts all three inputs, writes the output compactly and expands it. Indices are rounded, checked, all of them
-// before the output is touched, and kept as whole numbers in the work space, with the counters and pitches of the walk.
+// before the output is touched, and kept as whole numbers in the work space.
 
 #include <algorithm>
 
 #include "common/bounded_memory.h"
 #include "common/convert.h"
+#include "common/loop_nest.h"
 #include "opkit/attributes/movement.h"
 #include "opkit/operators.h"
 #include "runtime/frame.h"
@@ -30,12 +31,25 @@ bool ResolveIndices(const Input& indices, int32_t extent, uint32_t* resolved, Ca
     return true;
 }
 
-// One row of updates. Along the rows themselves an index is the column, elsewhere each column keeps its own.
-void ScatterRow(const float* updates, const uint32_t* indices, uint32_t count, float* out, uint32_t axisPitch,
-                bool alongRows)
+// The walk over the updates' coordinates, the axis left out, by what they select in the compact output. The number of
+// indices ends it; an extent of 0 counts as 1.
+LoopNest<1> PlanWalk(const Input& data, const Input& updates, int32_t axis)
+{
+    LoopNest<1> nest;
+    uint32_t pitch = 1;
+    for (int32_t d = data.dimNum - 1; d >= 0; --d) {
+        nest.AddOuter({std::max(updates.shape[d], 1u), {d == axis ? 0 : pitch}});
+        pitch *= data.shape[d];
+    }
+    return nest;
+}
+
+// A run of updates along one axis of the walk.
+void ScatterRun(const float* updates, const uint32_t* indices, uint32_t count, float* out, uint32_t axisPitch,
+                uint32_t step)
 {
     for (uint32_t i = 0; i < count; ++i) {
-        out[alongRows ? indices[i] : indices[i] * axisPitch + i] = updates[i];
+        out[indices[i] * axisPitch + i * step] = updates[i];
     }
 }
 
@@ -67,29 +81,15 @@ uint32_t ScatterOpkitForward(LayerParam* param)
         return kFailure;
     }
 
-    const int32_t last = data.dimNum - 1;
-    uint32_t* const counters = resolved + indices.count;
-    uint32_t* const pitches = counters + data.dimNum;
-    uint32_t pitch = 1;
-    for (int32_t d = last; d >= 0; --d) {
-        counters[d] = 0;
-        pitches[d] = pitch;
-        pitch *= data.shape[d];
-    }
-    const uint32_t rowLength = std::max(updates.shape[last], 1u);
-    uint32_t base = 0;  // what the counters select, the axis left out
-    for (uint32_t i = 0, count = 0; i < indices.count; i += count) {
-        count = std::min(rowLength, indices.count - i);
-        ScatterRow(updates.data + i, resolved + i, count, out.data + base, pitches[axis], axis == last);
-        for (int32_t d = last - 1; d >= 0; --d) {
-            const uint32_t step = d == axis ? 0 : pitches[d];
-            base += step;
-            if (++counters[d] < updates.shape[d]) {
-                break;
-            }
-            base -= step * counters[d];
-            counters[d] = 0;
-        }
+    LoopNest<1> nest = PlanWalk(data, updates, axis);
+    const LoopAxis<1> run = nest.count > 0 ? nest.Take(0) : LoopAxis<1>{1, {0}};
+    const uint32_t step = static_cast<uint32_t>(run.steps[0]);
+    const uint32_t axisPitch = ShapeCount(data.shape, data.dimNum, axis + 1, data.dimNum);
+    LoopWalk<1> walk(nest);
+    for (uint32_t i = 0, count = 0; i < indices.count; i += count, walk.Next()) {
+        count = static_cast<uint32_t>(std::min(run.extent, size_t{indices.count} - i));
+        float* const base = out.data + static_cast<uint32_t>(walk.Offset(0));
+        ScatterRun(updates.data + i, resolved + i, count, base, axisPitch, step);
     }
     return ExpandOutput(out);
 }
