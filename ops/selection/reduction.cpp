@@ -7,7 +7,7 @@
 
 #include <cmath>
 
-#include "common/convert.h"
+#include "common/loop_nest.h"
 #include "kernels/exponentials.h"
 #include "kernels/reduction.h"
 #include "opkit/attributes/selection.h"
@@ -126,77 +126,38 @@ void FoldElementwise(const Input& in, const Output& out, ReductionAttr& attr, co
     }
 }
 
-constexpr int32_t kMaxGroups = 10;
+constexpr uint32_t kIn = 0;   // operands of the loops: the padded input
+constexpr uint32_t kOut = 1;  // and the compact output, which stands still along a reduced axis
 
-// Neighbouring dimensions that are all reduced or all kept, and evenly spaced.
-struct Group {
-    size_t size;
-    size_t step;     // floats in the input
-    size_t outStep;  // elements in the output; 0 when reduced
-    bool reduced;
-};
-
-// The input as nested loops, innermost group first; the innermost one is contiguous.
-struct LoopNest {
-    Group groups[kMaxGroups];
-    int32_t count = 0;
-    size_t outCount = 1;  // outputs that are reached
-
-    void Add(const Group& group)
-    {
-        if (count > 0) {
-            Group& last = groups[count - 1];
-            if (last.reduced == group.reduced && last.step * last.size == group.step) {
-                last.size *= group.size;
-                return;
-            }
-        }
-        groups[count++] = group;
-    }
-
-    // Index of the first group of the kind, or -1.
-    int32_t Find(bool reduced) const
-    {
-        for (int32_t i = 0; i < count; ++i) {
-            if (groups[i].reduced == reduced) {
-                return i;
-            }
-        }
-        return -1;
-    }
-};
-
-// False unless different kept coordinates lead to different outputs in row-major order: entries of `axes` behind
-// `axesNum` count for the distances but not for the walk, and may break that. The input's rows are plain, so it has at
-// least one dimension.
-bool PlanLoops(const Input& in, ReductionAttr& attr, const uint32_t* outDistant, LoopNest* nest)
+bool IsReduced(const LoopAxis<2>& axis)
 {
-    if (in.dimNum > kMaxGroups) {
-        return false;
-    }
-    const size_t pitch = in.Pitch();
+    return axis.steps[kOut] == 0;
+}
+
+// False unless different kept coordinates lead to different outputs in row-major order, all of which there are: entries
+// of `axes` behind `axesNum` count for the distances but not for the walk, and may break that. The input's rows are
+// plain, so it has at least one dimension.
+bool PlanLoops(const Input& in, const Output& out, ReductionAttr& attr, const uint32_t* outDistant, LoopNest<2>* nest)
+{
+    size_t step = 1;
     uint64_t elements = 1;
+    size_t outCount = 1;  // outputs that are reached
     for (int32_t k = in.dimNum - 1; k >= 0; --k) {
-        const uint32_t size = in.shape[k];
+        const uint32_t extent = in.shape[k];
         const bool reduced = attr.reduceAll != 0 || ReductionFind(attr.axes, static_cast<uint32_t>(k),
                                                                   static_cast<int32_t>(attr.axesNum)) != 0;
-        if (!reduced && size > 1 && outDistant[k] != nest->outCount) {
+        if (!reduced && extent > 1 && outDistant[k] != outCount) {
             return false;
         }
-        const bool isRow = k == in.dimNum - 1;
-        if (size != 1 || (isRow && pitch != 1)) {
-            nest->Add({size, isRow ? 1 : elements / in.width * pitch, reduced ? 0 : nest->outCount, reduced});
-        }
-        elements *= size;
-        if (size == 0 || elements > UINT32_MAX) {
+        nest->AddOuter({extent, {step, reduced ? 0 : outCount}});
+        elements *= extent;
+        if (extent == 0 || elements > UINT32_MAX) {
             return false;
         }
-        nest->outCount *= reduced ? 1 : size;
+        step = k == in.dimNum - 1 ? in.Pitch() : step * extent;
+        outCount *= reduced ? 1 : extent;
     }
-    if (nest->count == 0) {
-        nest->Add({1, 1, 0, true});
-    }
-    return true;
+    return outCount <= out.count;
 }
 
 // Calls fold(accumulators, first, count) for blocks of the outputs from `begin` on; what does not lie contiguously in
@@ -236,44 +197,31 @@ void ForEachAccumulatorBlock(const Output& out, size_t begin, size_t count, Fold
     }
 }
 
-// The innermost group and the innermost one of the other kind make one call of a kernel; the other groups are counted
-// around it, so that every accumulator still meets its elements in ascending order.
-void FoldLoops(const Input& in, const Output& out, const LoopNest& nest, const FoldKernels& fold)
+// The innermost axis, if its elements are neighbours, and the innermost one of the other kind make one call of a
+// kernel; the others are walked around it, so that every accumulator still meets its elements in ascending order.
+void FoldLoops(const Input& in, const Output& out, LoopNest<2>* nest, const FoldKernels& fold)
 {
-    const Group inner = nest.groups[0];
-    const int32_t paired = nest.Find(!inner.reduced);
-    const Group other = paired >= 0 ? nest.groups[paired] : Group{1, 0, 0, !inner.reduced};
-    size_t counter[kMaxGroups] = {};
-    size_t i = 0;
-    size_t o = 0;
-    for (;;) {
-        const float* const x = in.data + i;
-        if (inner.reduced) {
-            ForEachAccumulatorBlock(out, o, other.size, [&](float* acc, size_t first, size_t count) {
-                fold.rows(acc, x + first * other.step, count, other.step, inner.size);
+    LoopAxis<2> inner = {1, {1, 0}};
+    if (nest->count > 0 && nest->axes[0].steps[kIn] == 1) {
+        inner = nest->Take(0);
+    } else if (nest->count > 0 && IsReduced(nest->axes[0])) {
+        inner.steps[kOut] = 1;  // the one element of a row counts as kept
+    }
+    uint32_t paired = 0;
+    while (paired < nest->count && IsReduced(nest->axes[paired]) == IsReduced(inner)) {
+        ++paired;
+    }
+    const LoopAxis<2> other = paired < nest->count ? nest->Take(paired) : LoopAxis<2>{1, {0, 0}};
+    for (LoopWalk<2> walk(*nest); !walk.Done(); walk.Next()) {
+        const float* const x = in.data + walk.Offset(kIn);
+        if (IsReduced(inner)) {
+            ForEachAccumulatorBlock(out, walk.Offset(kOut), other.extent, [&](float* acc, size_t first, size_t count) {
+                fold.rows(acc, x + first * other.steps[kIn], count, other.steps[kIn], inner.extent);
             });
         } else {
-            ForEachAccumulatorBlock(out, o, inner.size, [&](float* acc, size_t first, size_t count) {
-                fold.columns(acc, x + first, count, other.size, other.step);
+            ForEachAccumulatorBlock(out, walk.Offset(kOut), inner.extent, [&](float* acc, size_t first, size_t count) {
+                fold.columns(acc, x + first, count, other.extent, other.steps[kIn]);
             });
-        }
-        int32_t g = 1;
-        for (; g < nest.count; ++g) {
-            const Group& group = nest.groups[g];
-            if (g == paired) {
-                continue;
-            }
-            i += group.step;
-            o += group.outStep;
-            if (++counter[g] < group.size) {
-                break;
-            }
-            counter[g] = 0;
-            i -= group.step * group.size;
-            o -= group.outStep * group.size;
-        }
-        if (g == nest.count) {
-            return;
         }
     }
 }
@@ -346,12 +294,12 @@ uint32_t ReductionOpkitForward(LayerParam* param)
 
     const FoldKernels* const fold = FoldOf(attr.reductionType);
     const bool silent = plain && HasPlainRows(in);
-    LoopNest nest;
+    LoopNest<2> nest;
     if (silent && fold == nullptr) {
         return kSuccess;
     }
-    if (silent && !TensorsOverlap(in, out) && PlanLoops(in, attr, outDistant, &nest) && nest.outCount <= out.count) {
-        FoldLoops(in, out, nest, *fold);
+    if (silent && !TensorsOverlap(in, out) && PlanLoops(in, out, attr, outDistant, &nest)) {
+        FoldLoops(in, out, &nest, *fold);
     } else {
         FoldElementwise(in, out, attr, fold, inDistant, outDistant);
     }

@@ -254,7 +254,7 @@ TEST(Reduction, OutputOverlapsInput)
     }
 }
 
-// What makes no plan of loops: no elements, more axes than a layer's attributes name, a count that wraps.
+// What is at the edge of a plan of loops: no elements, more axes than a layer's attributes name, a count that wraps.
 TEST(Reduction, UnplannedShapes)
 {
     EXPECT_THAT(Reduce(OPKIT_REDUCE_SUM, {0, 3}, {}, {}, {1}, true), ElementsAre(0));
