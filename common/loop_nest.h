@@ -50,9 +50,13 @@ struct LoopNest {
         }
     }
 
-    // Removes axis i, for the caller to walk in a loop of its own.
+    // Removes axis i, for the caller to walk in a loop of its own; where there is none, that is one of a single
+    // position.
     LoopAxis<N> Take(uint32_t i)
     {
+        if (i >= count) {
+            return {1, {}};
+        }
         const LoopAxis<N> taken = axes[i];
         for (--count; i < count; ++i) {
             axes[i] = axes[i + 1];

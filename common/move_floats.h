@@ -41,7 +41,13 @@ inline void MoveFloats(float* to, const float* from, size_t count)
 
 inline void RepeatFloat(float* to, float value, size_t count)
 {
-    for (size_t i = 0; i < count; ++i) {
+    const __m128 four = _mm_set1_ps(value);
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        _mm_storeu_ps(to + i, four);
+        _mm_storeu_ps(to + i + 4, four);
+    }
+    for (; i < count; ++i) {
         to[i] = value;
     }
 }

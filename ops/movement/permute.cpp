@@ -58,24 +58,36 @@ LoopNest<2> PlanWalk(const Input& in, const uint32_t* perm)
     return nest;
 }
 
+void MoveByRows(const float* in, float* out, LoopNest<2>* nest, size_t width)
+{
+    const LoopAxis<2> rows = nest->Take(0);
+    for (LoopWalk<2> walk(*nest); !walk.Done(); walk.Next()) {
+        MoveRows(out + walk.Offset(kOut), rows.steps[kOut], in + walk.Offset(kIn), rows.steps[kIn], rows.extent, width);
+    }
+}
+
+// The planes are those of the innermost axis of the output and the contiguous one of the input.
+void MoveByPlanes(const float* in, float* out, LoopNest<2>* nest, const LoopAxis<2>& inner)
+{
+    uint32_t unit = 0;
+    while (unit < nest->count && nest->axes[unit].steps[kIn] != 1) {
+        ++unit;
+    }
+    const LoopAxis<2> rows = nest->Take(unit);
+    for (LoopWalk<2> walk(*nest); !walk.Done(); walk.Next()) {
+        Kernels<TransposeKernels>().plane(in + walk.Offset(kIn), inner.steps[kIn], out + walk.Offset(kOut),
+                                          rows.steps[kOut], static_cast<uint32_t>(rows.extent),
+                                          static_cast<uint32_t>(inner.extent));
+    }
+}
+
 void Transpose(const float* in, float* out, LoopNest<2>* nest)
 {
-    const LoopAxis<2> inner = nest->count > 0 ? nest->Take(0) : LoopAxis<2>{1, {1, 1}};
-    const bool movesRows = inner.steps[kIn] == 1;
-    uint32_t partner = 0;  // the axis that makes rows or planes of the inner one
-    while (!movesRows && partner < nest->count && nest->axes[partner].steps[kIn] != 1) {
-        ++partner;
-    }
-    const LoopAxis<2> rows = partner < nest->count ? nest->Take(partner) : LoopAxis<2>{1, {0, 0}};
-    for (LoopWalk<2> walk(*nest); !walk.Done(); walk.Next()) {
-        const float* const from = in + walk.Offset(kIn);
-        float* const to = out + walk.Offset(kOut);
-        if (movesRows) {
-            MoveRows(to, rows.steps[kOut], from, rows.steps[kIn], rows.extent, inner.extent);
-        } else {
-            Kernels<TransposeKernels>().plane(from, inner.steps[kIn], to, rows.steps[kOut],
-                                              static_cast<uint32_t>(rows.extent), static_cast<uint32_t>(inner.extent));
-        }
+    const LoopAxis<2> inner = nest->Take(0);
+    if (inner.steps[kIn] == 1 || inner.extent == 1) {
+        MoveByRows(in, out, nest, inner.extent);
+    } else {
+        MoveByPlanes(in, out, nest, inner);
     }
 }
 

@@ -44,12 +44,12 @@ LoopNest<1> PlanWalk(const Input& data, const Input& updates, int32_t axis)
     return nest;
 }
 
-// A run of updates along one axis of the walk.
+// A run of updates along one axis of the walk, `step` apart in the output but for their indices.
 void ScatterRun(const float* updates, const uint32_t* indices, uint32_t count, float* out, uint32_t axisPitch,
-                uint32_t step)
+                size_t step)
 {
-    for (uint32_t i = 0; i < count; ++i) {
-        out[indices[i] * axisPitch + i * step] = updates[i];
+    for (uint32_t i = 0; i < count; ++i, out += step) {
+        out[indices[i] * axisPitch] = updates[i];
     }
 }
 
@@ -82,14 +82,13 @@ uint32_t ScatterOpkitForward(LayerParam* param)
     }
 
     LoopNest<1> nest = PlanWalk(data, updates, axis);
-    const LoopAxis<1> run = nest.count > 0 ? nest.Take(0) : LoopAxis<1>{1, {0}};
-    const uint32_t step = static_cast<uint32_t>(run.steps[0]);
+    const LoopAxis<1> run = nest.Take(0);
     const uint32_t axisPitch = ShapeCount(data.shape, data.dimNum, axis + 1, data.dimNum);
     LoopWalk<1> walk(nest);
     for (uint32_t i = 0, count = 0; i < indices.count; i += count, walk.Next()) {
         count = static_cast<uint32_t>(std::min(run.extent, size_t{indices.count} - i));
         float* const base = out.data + static_cast<uint32_t>(walk.Offset(0));
-        ScatterRun(updates.data + i, resolved + i, count, base, axisPitch, step);
+        ScatterRun(updates.data + i, resolved + i, count, base, axisPitch, run.steps[0]);
     }
     return ExpandOutput(out);
 }

@@ -149,12 +149,18 @@ bool PlanLoops(const Input& in, const Output& out, ReductionAttr& attr, const ui
         if (!reduced && extent > 1 && outDistant[k] != outCount) {
             return false;
         }
-        nest->AddOuter({extent, {step, reduced ? 0 : outCount}});
+        const bool isRow = k == in.dimNum - 1;
+        const LoopAxis<2> axis = {extent, {step, reduced ? 0 : outCount}};
+        if (isRow && extent == 1 && in.Pitch() != 1) {
+            nest->axes[nest->count++] = axis;  // the innermost axis is to be contiguous
+        } else {
+            nest->AddOuter(axis);
+        }
         elements *= extent;
         if (extent == 0 || elements > UINT32_MAX) {
             return false;
         }
-        step = k == in.dimNum - 1 ? in.Pitch() : step * extent;
+        step = isRow ? in.Pitch() : step * extent;
         outCount *= reduced ? 1 : extent;
     }
     return outCount <= out.count;
@@ -197,21 +203,16 @@ void ForEachAccumulatorBlock(const Output& out, size_t begin, size_t count, Fold
     }
 }
 
-// The innermost axis, if its elements are neighbours, and the innermost one of the other kind make one call of a
-// kernel; the others are walked around it, so that every accumulator still meets its elements in ascending order.
+// The innermost axis and the innermost one of the other kind make one call of a kernel; the others are walked around
+// it, so that every accumulator still meets its elements in ascending order.
 void FoldLoops(const Input& in, const Output& out, LoopNest<2>* nest, const FoldKernels& fold)
 {
-    LoopAxis<2> inner = {1, {1, 0}};
-    if (nest->count > 0 && nest->axes[0].steps[kIn] == 1) {
-        inner = nest->Take(0);
-    } else if (nest->count > 0 && IsReduced(nest->axes[0])) {
-        inner.steps[kOut] = 1;  // the one element of a row counts as kept
-    }
+    const LoopAxis<2> inner = nest->Take(0);
     uint32_t paired = 0;
     while (paired < nest->count && IsReduced(nest->axes[paired]) == IsReduced(inner)) {
         ++paired;
     }
-    const LoopAxis<2> other = paired < nest->count ? nest->Take(paired) : LoopAxis<2>{1, {0, 0}};
+    const LoopAxis<2> other = nest->Take(paired);
     for (LoopWalk<2> walk(*nest); !walk.Done(); walk.Next()) {
         const float* const x = in.data + walk.Offset(kIn);
         if (IsReduced(inner)) {

@@ -122,6 +122,10 @@ TEST(LoopNest, TakesAnyAxis)
         std::vector<LoopAxis<1>> rest = axes;
         rest.erase(rest.begin() + i);
         EXPECT_EQ(Walked(nest), Odometer(rest));
+        const LoopAxis<1> none = nest.Take(2);
+        EXPECT_EQ(none.extent, 1u);
+        EXPECT_EQ(none.steps[0], 0u);
+        EXPECT_EQ(nest.count, 2u);
     }
 }
 

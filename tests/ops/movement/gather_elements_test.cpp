@@ -153,5 +153,22 @@ TEST(GatherElements, IndicesOfAHigherRank)
     ExpectSameAsReference(layer, GatherElementsOpkitForward, RefGatherElements);
 }
 
+// More dimensions than a constant may have, so all tensors are online.
+TEST(GatherElements, AnyRank)
+{
+    const Shape shape = {2, 1, 2, 1, 2, 3, 1, 2, 1, 1, 2, 1, 2};
+    for (const int32_t axis : {0, 5, 9, 10, 12}) {
+        Shape indices = shape;
+        indices[static_cast<size_t>(axis)] = 3;
+        std::vector<float> values(modelkit::ElementCount(indices));
+        for (size_t i = 0; i < values.size(); ++i) {
+            values[i] = static_cast<float>(i * 7 % shape[static_cast<size_t>(axis)]);
+        }
+        LayerCase layer = GatherElements(axis);
+        layer.Online(shape, Iota(192), 16).Online(indices, values, 32).Output(indices, 16);
+        ExpectSameAsReference(layer, GatherElementsOpkitForward, RefGatherElements);
+    }
+}
+
 }  // namespace
 }  // namespace opkit::test

@@ -120,6 +120,42 @@ TEST(Scatter, InPlace)
     ExpectSameAsReference(layer, ScatterOpkitForward, RefScatter);
 }
 
+// More dimensions than a constant may have, so all tensors are online.
+TEST(Scatter, AnyRank)
+{
+    const Shape shape = {2, 1, 2, 1, 2, 3, 1, 2, 1, 1, 2, 1, 2};
+    for (const int32_t axis : {0, 5, 9, 10, 12}) {
+        Shape indices = shape;
+        indices[static_cast<size_t>(axis)] = 3;
+        std::vector<float> values(modelkit::ElementCount(indices));
+        for (size_t i = 0; i < values.size(); ++i) {
+            values[i] = static_cast<float>(i * 7 % shape[static_cast<size_t>(axis)]);
+        }
+        LayerCase layer = Scatter(axis);
+        layer.Online(shape, Iota(192), 16).Online(indices, values, 32);
+        layer.Online(indices, Iota(static_cast<uint32_t>(values.size())), 16).Output(shape, 16);
+        ExpectSameAsReference(layer, ScatterOpkitForward, RefScatter);
+    }
+}
+
+// Updates that are narrower than the data: rows of one, an inner axis of one, a whole plane.
+TEST(Scatter, UpdatesOfFewerElements)
+{
+    LayerCase narrow = Scatter(1);
+    narrow.Online({3, 2}, Iota(6)).Online({3, 1}, {1, 0, 1}).Online({3, 1}, {7, 8, 9}).Output({3, 2});
+    EXPECT_THAT(RunOutput(narrow, ScatterOpkitForward), ElementsAre(0, 7, 8, 3, 4, 9));
+    LayerCase column = Scatter(0);
+    column.Online({3, 2}, Iota(6)).Online({3, 1}, {2, 0, 0}).Online({3, 1}, {7, 8, 9}).Output({3, 2});
+    EXPECT_THAT(RunOutput(column, ScatterOpkitForward), ElementsAre(9, 1, 2, 3, 7, 5));
+    LayerCase inner = Scatter(0);
+    inner.Online({2, 2, 2}, Iota(8)).Online({1, 2, 1}, {1, 0}).Online({1, 2, 1}, {8, 9}).Output({2, 2, 2});
+    EXPECT_THAT(RunOutput(inner, ScatterOpkitForward), ElementsAre(0, 1, 9, 3, 8, 5, 6, 7));
+    LayerCase plane = Scatter(0);
+    plane.Online({2, 2, 2}, Iota(8)).Online({1, 2, 2}, {1, 0, 0, 1}).Online({1, 2, 2}, {10, 11, 12, 13});
+    plane.Output({2, 2, 2});
+    EXPECT_THAT(RunOutput(plane, ScatterOpkitForward), ElementsAre(0, 11, 12, 3, 10, 5, 6, 13));
+}
+
 // The walk is driven by the number of indices, its counters by the shape of the updates.
 TEST(Scatter, SameAsReference)
 {
