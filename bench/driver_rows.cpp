@@ -30,39 +30,10 @@ struct NegChain {
     }
 };
 
-// The names of the operator table, in its order up to the one that is looked for.
+// The names of the operator table, in its order.
 constexpr const char* kNames[] = {
-    "AcosOpkitForward",
-    "AcoshOpkitForward",
-    "ArgminOpkitForward",
-    "AsinOpkitForward",
-    "AsinhOpkitForward",
-    "AtanOpkitForward",
-    "AtanhOpkitForward",
-    "BinaryMathOpkitForward",
-    "BitShiftOpkitForward",
-    "CeluOpkitForward",
-    "CmpOpkitForward",
-    "ConcatOpkitForward",
-    "ConvolutionOpkitForward",
-    "CosOpkitForward",
-    "CoshOpkitForward",
-    "CumSumOpkitForward",
-    "DetOpkitForward",
-    "ExpandOpkitForward",
-    "EyelikeOpkitForward",
-    "GemmOpkitForward",
-    "PoolingLpOpkitForward",
-    "PoolingMaxOpkitForward",
-    "HardmaxOpkitForward",
-    "HardSigmoidOpkitForward",
-    "InstanceNormalizationOpkitForward",
-    "LogicalOpkitForward",
-    "LpNormOpkitForward",
-    "MatMulOpkitForward",
-    "MaxUnpoolOpkitForward",
-    "ModOpkitForward",
-    "NegOpkitForward",
+#define OPKIT_OPERATOR(name, forward, record, check) #name "OpkitForward",
+#include "opkit/operators.def"
 };
 
 void Negate(const TensorInfo* in, TensorInfo* out)

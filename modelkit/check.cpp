@@ -111,7 +111,7 @@ struct LayerWrites {
 };
 
 // The attribute block without what the operator writes there, and with its state.
-void AddAttributeRanges(const Layer& layer, int owner, const std::vector<ModelWrite>& writes,
+void AddAttributeRanges(const Layer& layer, uint32_t size, int owner, const std::vector<ModelWrite>& writes,
                         std::vector<StructureRange>* ranges)
 {
     std::vector<ModelWrite> own;
@@ -131,7 +131,7 @@ void AddAttributeRanges(const Layer& layer, int owner, const std::vector<ModelWr
         }
         at = write.end;
     }
-    add(at, layer.attrAt + FindAttributeRecord(layer.place.operatorName)->size, false, "an attribute block");
+    add(at, layer.attrAt + size, false, "an attribute block");
 }
 
 void CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,
@@ -144,10 +144,11 @@ void CheckTable(const ModelView& model, const ModelTable& table, std::vector<Str
         const size_t conditions = model.report->conditions.size();
         try {
             const Layer layer = ReadLayer(model, table, i, owner, ranges);
+            const AttributeRecord& record = *FindAttributeRecord(layer.place.operatorName);  // known: it was read
             LayerCheck layerCheck(model, layer);
-            FindOperatorCheck(layer.place.operatorName)->check(layerCheck);
+            CheckOperator(layerCheck, record);
             layerCheck.CheckSharing();
-            AddAttributeRanges(layer, owner, layerCheck.Writes(), ranges);
+            AddAttributeRanges(layer, record.size, owner, layerCheck.Writes(), ranges);
             writes->back() = {layer.place, owner, layerCheck.Writes()};
         } catch (const Refused&) {
             model.report->conditions.resize(conditions);

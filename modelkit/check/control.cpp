@@ -25,21 +25,6 @@ void CheckCopy(LayerCheck& layer, const Tensor& in, const Tensor& out)
     layer.Elements(in, out.Count(), "fewer elements than " + out.name + " takes");
 }
 
-void CheckIf(LayerCheck& layer)
-{
-    const IfAttr attr = layer.Attr<IfAttr>();
-    CheckFirstElement(layer, layer.Logical(0));
-    if (attr.hasSecondOperand != 0) {
-        layer.AtMost(OPKIT_ATTR_FIELD(layer, IfAttr, cmpType), attr.cmpType, OPKIT_IF_EQUAL,
-                     "the operator fails on this code");
-        CheckFirstElement(layer, layer.Logical(1));
-    }
-    CheckFirstElement(layer, layer.OutRaw(0));
-    layer.MayShareAll();
-    layer.Segment(OPKIT_ATTR_FIELD(layer, IfAttr, thenSegId), attr.thenSegId);
-    layer.Segment(OPKIT_ATTR_FIELD(layer, IfAttr, elseSegId), attr.elseSegId);
-}
-
 // Logical input first + i to output i.
 void CheckPassed(LayerCheck& layer, uint32_t first, int64_t count)
 {
@@ -48,18 +33,6 @@ void CheckPassed(LayerCheck& layer, uint32_t first, int64_t count)
         const Tensor& out = layer.OutRaw(i);
         CheckCopy(layer, layer.Logical(first + i), out);
     }
-}
-
-void CheckThenEnd(LayerCheck& layer)
-{
-    const ThenEndAttr attr = layer.Attr<ThenEndAttr>();
-    CheckPassed(layer, 0, attr.tensorNum);
-    layer.Segment(OPKIT_ATTR_FIELD(layer, ThenEndAttr, nextSegId), attr.nextSegId);
-}
-
-void CheckElseBegin(LayerCheck& layer)
-{
-    CheckPassed(layer, 0, layer.Attr<ElseBeginAttr>().tensorNum);
 }
 
 void CheckOutputCount(LayerCheck& layer, uint32_t tensorNum)
@@ -89,21 +62,6 @@ void CheckLoopEnd(LayerCheck& layer, const CondEndAttr& attr)
     layer.Segment(OPKIT_ATTR_FIELD(layer, CondEndAttr, nextSegId), attr.nextSegId);
 }
 
-void CheckCondEnd(LayerCheck& layer)
-{
-    const CondEndAttr attr = layer.Attr<CondEndAttr>();
-    if (attr.ifBranch != 0) {
-        CheckPassed(layer, attr.ifBranch == 1 ? 0 : layer.OutputNum(), layer.OutputNum());
-    } else if (attr.loopBranch != 0) {
-        CheckLoopEnd(layer, attr);
-    } else if (attr.scanBranch != 0) {
-        CheckOutputCount(layer, attr.tensorNum);
-        CheckPassed(layer, 0, layer.OutputNum());
-    } else {
-        layer.Refuse(OPKIT_ATTR_FIELD(layer, CondEndAttr, scanBranch), attr.scanBranch, 1, "no branch is selected");
-    }
-}
-
 // One way through a loop: a first pass, after which the online inputs of later passes begin where its own ended.
 void CheckLoopPasses(LayerCheck& layer, const LoopAttr& attr, bool conditionKnown)
 {
@@ -131,6 +89,50 @@ void CheckLoopPasses(LayerCheck& layer, const LoopAttr& attr, bool conditionKnow
     }
     for (uint32_t i = 0; i < carried; ++i) {
         copyToBoth(i, layer.OnlineRaw(cursor + 1 + i, kMissing));
+    }
+}
+
+}  // namespace
+
+void CheckIf(LayerCheck& layer)
+{
+    const IfAttr attr = layer.Attr<IfAttr>();
+    CheckFirstElement(layer, layer.Logical(0));
+    if (attr.hasSecondOperand != 0) {
+        layer.AtMost(OPKIT_ATTR_FIELD(layer, IfAttr, cmpType), attr.cmpType, OPKIT_IF_EQUAL,
+                     "the operator fails on this code");
+        CheckFirstElement(layer, layer.Logical(1));
+    }
+    CheckFirstElement(layer, layer.OutRaw(0));
+    layer.MayShareAll();
+    layer.Segment(OPKIT_ATTR_FIELD(layer, IfAttr, thenSegId), attr.thenSegId);
+    layer.Segment(OPKIT_ATTR_FIELD(layer, IfAttr, elseSegId), attr.elseSegId);
+}
+
+void CheckThenEnd(LayerCheck& layer)
+{
+    const ThenEndAttr attr = layer.Attr<ThenEndAttr>();
+    CheckPassed(layer, 0, attr.tensorNum);
+    layer.Segment(OPKIT_ATTR_FIELD(layer, ThenEndAttr, nextSegId), attr.nextSegId);
+}
+
+void CheckElseBegin(LayerCheck& layer)
+{
+    CheckPassed(layer, 0, layer.Attr<ElseBeginAttr>().tensorNum);
+}
+
+void CheckCondEnd(LayerCheck& layer)
+{
+    const CondEndAttr attr = layer.Attr<CondEndAttr>();
+    if (attr.ifBranch != 0) {
+        CheckPassed(layer, attr.ifBranch == 1 ? 0 : layer.OutputNum(), layer.OutputNum());
+    } else if (attr.loopBranch != 0) {
+        CheckLoopEnd(layer, attr);
+    } else if (attr.scanBranch != 0) {
+        CheckOutputCount(layer, attr.tensorNum);
+        CheckPassed(layer, 0, layer.OutputNum());
+    } else {
+        layer.Refuse(OPKIT_ATTR_FIELD(layer, CondEndAttr, scanBranch), attr.scanBranch, 1, "no branch is selected");
     }
 }
 
@@ -165,18 +167,6 @@ void CheckLoop(LayerCheck& layer)
     layer.ModifiesAttr("iteration", offsetof(LoopAttr, iteration), 8, kState);
     layer.ModifiesAttr("outputTotal", offsetof(LoopAttr, outputTotal), 12, kState);
     layer.Segment(OPKIT_ATTR_FIELD(layer, LoopAttr, exitSegId), attr.exitSegId);
-}
-
-constexpr OperatorCheck kControl[] = {
-    {"CondEndOpkitForward", CheckCondEnd}, {"ElseBeginOpkitForward", CheckElseBegin}, {"IfOpkitForward", CheckIf},
-    {"LoopOpkitForward", CheckLoop},       {"ThenEndOpkitForward", CheckThenEnd},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> ControlChecks()
-{
-    return kControl;
 }
 
 }  // namespace opkit::modelkit::check

@@ -19,6 +19,8 @@ void CheckParams(LayerCheck& layer, const CustomAttr& attr)
     layer.AtMost(field, attr.params.sized.sizedSize, room - 4, "the parameters end behind the attribute block");
 }
 
+}  // namespace
+
 void CheckCustom(LayerCheck& layer)
 {
     const CustomAttr attr = layer.Attr<CustomAttr>();
@@ -46,15 +48,6 @@ void CheckCustom(LayerCheck& layer)
     CheckParams(layer, attr);
     layer.Condition("the function \"" + std::string(attr.funcName, end) +
                     "\" of libtvr_opkit_custom_x86.so keeps to the tensors and parameters that it is given");
-}
-
-constexpr OperatorCheck kCustom[] = {{"CustomOpkitForward", CheckCustom}};
-
-}  // namespace
-
-std::span<const OperatorCheck> CustomChecks()
-{
-    return kCustom;
 }
 
 }  // namespace opkit::modelkit::check

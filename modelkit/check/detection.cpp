@@ -31,6 +31,8 @@ void CheckShare(LayerCheck& layer, const Tensor& share, uint64_t proposals, uint
     layer.Floats(share, floats, reason);
 }
 
+}  // namespace
+
 void CheckDecBbox(LayerCheck& layer)
 {
     const DecBboxAttr attr = layer.Attr<DecBboxAttr>();
@@ -113,19 +115,6 @@ void CheckNonMaxSuppression(LayerCheck& layer)
     if (rows < Mul(lists, boxNum)) {
         layer.Condition("at most " + std::to_string(rows) + " boxes are selected in all");
     }
-}
-
-constexpr OperatorCheck kDetection[] = {
-    {"DecBboxOpkitForward", CheckDecBbox},      {"FilterBoxOpkitForward", CheckDetectionOutput},
-    {"NMSOpkitForward", CheckDetectionOutput},  {"NonMaxSuppressionOpkitForward", CheckNonMaxSuppression},
-    {"SortOpkitForward", CheckDetectionOutput},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> DetectionChecks()
-{
-    return kDetection;
 }
 
 }  // namespace opkit::modelkit::check

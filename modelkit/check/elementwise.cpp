@@ -8,8 +8,27 @@ namespace {
 
 constexpr const char* kOneForEach = "the output has fewer elements than the input";
 
+// Broadcasting reads each operand modulo its own dimensions, so any shapes do.
+template <class Attr>
+void CheckBroadcast(LayerCheck& layer, uint32_t operands, bool compacts, bool expands)
+{
+    std::vector<const Tensor*> inputs;
+    for (uint32_t k = 0; k < operands; ++k) {
+        inputs.push_back(compacts ? &layer.NextCompacted() : &layer.Next());
+        layer.ModifiesAttr("inputStrides[" + std::to_string(k) + "]",
+                           offsetof(Attr, inputStrides) + k * sizeof(StrideRecord), sizeof(StrideRecord));
+    }
+    const Tensor& out = expands ? layer.OutExpanded() : layer.Out();
+    layer.ModifiesAttr("outputStrides[0]", offsetof(Attr, outputStrides), sizeof(StrideRecord));
+    for (const Tensor* in : inputs) {
+        layer.MayRunInPlace(out, *in);
+    }
+}
+
+}  // namespace
+
 // Element by element through both row layouts.
-void CheckRowWalk(LayerCheck& layer)
+void CheckInPlace(LayerCheck& layer)
 {
     const Tensor& in = layer.Next();
     const Tensor& out = layer.Out();
@@ -27,29 +46,12 @@ void CheckCompacting(LayerCheck& layer)
 }
 
 // Reads padded rows, writes compactly, expands.
-void CheckPaddedToCompact(LayerCheck& layer)
+void CheckExpanding(LayerCheck& layer)
 {
     const Tensor& in = layer.Next();
     const Tensor& out = layer.OutExpanded();
     layer.Elements(out, in.Count(), kOneForEach);
     layer.MayRunInPlace(out, in);
-}
-
-// Broadcasting reads each operand modulo its own dimensions, so any shapes do.
-template <class Attr>
-void CheckBroadcast(LayerCheck& layer, uint32_t operands, bool compacts, bool expands)
-{
-    std::vector<const Tensor*> inputs;
-    for (uint32_t k = 0; k < operands; ++k) {
-        inputs.push_back(compacts ? &layer.NextCompacted() : &layer.Next());
-        layer.ModifiesAttr("inputStrides[" + std::to_string(k) + "]",
-                           offsetof(Attr, inputStrides) + k * sizeof(StrideRecord), sizeof(StrideRecord));
-    }
-    const Tensor& out = expands ? layer.OutExpanded() : layer.Out();
-    layer.ModifiesAttr("outputStrides[0]", offsetof(Attr, outputStrides), sizeof(StrideRecord));
-    for (const Tensor* in : inputs) {
-        layer.MayRunInPlace(out, *in);
-    }
 }
 
 void CheckBinaryMath(LayerCheck& layer)
@@ -100,7 +102,7 @@ void CheckSqrt(LayerCheck& layer)
 }
 
 // Rows as far apart as the stride says, of one shape on both sides.
-void CheckAlignedRows(LayerCheck& layer)
+void CheckStepping(LayerCheck& layer)
 {
     const Tensor& in = layer.Next();
     const Tensor& out = layer.Out();
@@ -121,7 +123,7 @@ void CheckCelu(LayerCheck& layer)
     if (alpha > -1.17549435e-38f && alpha < 1.17549435e-38f) {
         layer.Refuse(OPKIT_ATTR_FIELD(layer, CeluAttr, alpha), 0, 1, "alpha is zero or subnormal");
     }
-    CheckAlignedRows(layer);
+    CheckStepping(layer);
 }
 
 void CheckRound(LayerCheck& layer)
@@ -132,46 +134,6 @@ void CheckRound(LayerCheck& layer)
     layer.Elements(out, in.Count(), kOneForEach);
     layer.Elements(in, out.Count(), "the output has more elements than the input");
     layer.MayRunInPlace(out, in);
-}
-
-constexpr OperatorCheck kUnary[] = {
-    {"AcosOpkitForward", CheckRowWalk},     {"AcoshOpkitForward", CheckCompacting},
-    {"AsinOpkitForward", CheckRowWalk},     {"AsinhOpkitForward", CheckRowWalk},
-    {"AtanOpkitForward", CheckRowWalk},     {"AtanhOpkitForward", CheckRowWalk},
-    {"CosOpkitForward", CheckRowWalk},      {"CoshOpkitForward", CheckRowWalk},
-    {"NegOpkitForward", CheckRowWalk},      {"ReciprocalOpkitForward", CheckRowWalk},
-    {"SigmoidOpkitForward", CheckRowWalk},  {"SignOpkitForward", CheckRowWalk},
-    {"SinOpkitForward", CheckRowWalk},      {"SoftplusOpkitForward", CheckRowWalk},
-    {"SoftsignOpkitForward", CheckRowWalk}, {"TanOpkitForward", CheckRowWalk},
-};
-
-constexpr OperatorCheck kElementwise[] = {
-    {"BinaryMathOpkitForward", CheckBinaryMath},
-    {"BitShiftOpkitForward", CheckBitShift},
-    {"CeluOpkitForward", CheckCelu},
-    {"CmpOpkitForward", CheckCmp},
-    {"HardSigmoidOpkitForward", CheckPaddedToCompact},
-    {"LogicalOpkitForward", CheckLogical},
-    {"ModOpkitForward", CheckMod},
-    {"RoundOpkitForward", CheckRound},
-    {"SeluOpkitForward", CheckPaddedToCompact},
-    {"ShrinkOpkitForward", CheckPaddedToCompact},
-    {"SinhOpkitForward", CheckCompacting},
-    {"SqrtOpkitForward", CheckSqrt},
-    {"ThresholdedReluOpkitForward", CheckAlignedRows},
-    {"WhereOpkitForward", CheckWhere},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> UnaryChecks()
-{
-    return kUnary;
-}
-
-std::span<const OperatorCheck> ElementwiseChecks()
-{
-    return kElementwise;
 }
 
 }  // namespace opkit::modelkit::check

@@ -12,6 +12,25 @@ uint64_t AlignedSpan(uint64_t rows, uint64_t align, uint64_t width)
     return rows == 0 ? 0 : Add(Mul(rows - 1, align), width);
 }
 
+// The shape checks of the operator itself, which fails otherwise.
+void CheckScatterShapes(LayerCheck& layer, const Tensor& data, const Tensor& indices, const Tensor& updates)
+{
+    const uint64_t length = indices.Width();
+    layer.AtMost(indices.Dim(indices.Rank() - 1), length, data.Rank(), "tuples longer than the data's rank");
+    const size_t before = indices.Rank() - 1;
+    const size_t rank = before + data.Rank() - static_cast<size_t>(length);
+    layer.Rank(updates, rank, rank, "the updates have the indices' outer and the data's inner dimensions");
+    for (size_t d = 0; d < rank; ++d) {
+        const uint32_t expected = d < before ? indices.dims[d] : data.dims[d - before + length];
+        if (updates.dims[d] != expected) {
+            layer.Refuse(updates.Dim(d), updates.dims[d], expected,
+                         "the updates have the indices' outer and the data's inner dimensions");
+        }
+    }
+}
+
+}  // namespace
+
 void CheckGather(LayerCheck& layer)
 {
     const Tensor& data = layer.Next();
@@ -84,23 +103,6 @@ void CheckScatter(LayerCheck& layer)
     layer.MayRunInPlace(out, data);
 }
 
-// The shape checks of the operator itself, which fails otherwise.
-void CheckScatterShapes(LayerCheck& layer, const Tensor& data, const Tensor& indices, const Tensor& updates)
-{
-    const uint64_t length = indices.Width();
-    layer.AtMost(indices.Dim(indices.Rank() - 1), length, data.Rank(), "tuples longer than the data's rank");
-    const size_t before = indices.Rank() - 1;
-    const size_t rank = before + data.Rank() - static_cast<size_t>(length);
-    layer.Rank(updates, rank, rank, "the updates have the indices' outer and the data's inner dimensions");
-    for (size_t d = 0; d < rank; ++d) {
-        const uint32_t expected = d < before ? indices.dims[d] : data.dims[d - before + length];
-        if (updates.dims[d] != expected) {
-            layer.Refuse(updates.Dim(d), updates.dims[d], expected,
-                         "the updates have the indices' outer and the data's inner dimensions");
-        }
-    }
-}
-
 void CheckScatterND(LayerCheck& layer)
 {
     const Tensor& data = layer.Next();
@@ -120,19 +122,6 @@ void CheckScatterND(LayerCheck& layer)
     layer.WorkSpace(Mul(Add(indices.Rows(), data.Rank()), 4),
                     "the work space holds an offset per tuple and the pitches");
     layer.MayRunInPlace(out, data);
-}
-
-constexpr OperatorCheck kIndex[] = {
-    {"GatherOpkitForward", CheckGather},       {"GatherElementsOpkitForward", CheckGatherElements},
-    {"GatherNDOpkitForward", CheckGatherND},   {"ScatterOpkitForward", CheckScatter},
-    {"ScatterNDOpkitForward", CheckScatterND},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> IndexChecks()
-{
-    return kIndex;
 }
 
 }  // namespace opkit::modelkit::check

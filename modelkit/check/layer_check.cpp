@@ -1,7 +1,6 @@
 #include "modelkit/check/layer_check.h"
 
 #include <algorithm>
-#include <array>
 
 namespace opkit::modelkit::check {
 namespace {
@@ -315,19 +314,13 @@ void LayerCheck::CheckSharing() const
     }
 }
 
-const OperatorCheck* FindOperatorCheck(const std::string& name)
+void CheckOperator(LayerCheck& layer, const AttributeRecord& record)
 {
-    static const std::array kSubsystems = {UnaryChecks(),     ElementwiseChecks(), MatrixChecks(),  PoolingChecks(),
-                                           SelectionChecks(), MovementChecks(),    IndexChecks(),   PadChecks(),
-                                           ResizeChecks(),    DetectionChecks(),   ControlChecks(), CustomChecks()};
-    for (const auto& subsystem : kSubsystems) {
-        for (const OperatorCheck& entry : subsystem) {
-            if (name == entry.name) {
-                return &entry;
-            }
-        }
-    }
-    return nullptr;
+    constexpr void (*kChecks[])(LayerCheck&) = {
+#define OPKIT_OPERATOR(name, forward, record, check) Check##check,
+#include "opkit/operators.def"
+    };
+    kChecks[&record - AttributeRecords().data()](layer);
 }
 
 }  // namespace opkit::modelkit::check

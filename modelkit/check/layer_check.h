@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "modelkit/attribute_fields.h"
 #include "modelkit/check.h"
 #include "modelkit/check/tensor.h"
 #include "opkit/records.h"
@@ -163,28 +164,12 @@ private:
     std::vector<ModelWrite> writes_;
 };
 
-// The check of one operator: by the name that layers use.
-struct OperatorCheck {
-    const char* name;
-    void (*check)(LayerCheck& layer);
-};
+// The checks that the operators name, defined by subsystem beside this file.
+#define OPKIT_OPERATOR(name, forward, record, check) void Check##check(LayerCheck& layer);
+#include "opkit/operators.def"
 
-// By subsystem.
-std::span<const OperatorCheck> UnaryChecks();
-std::span<const OperatorCheck> ElementwiseChecks();
-std::span<const OperatorCheck> MatrixChecks();
-std::span<const OperatorCheck> PoolingChecks();
-std::span<const OperatorCheck> SelectionChecks();
-std::span<const OperatorCheck> MovementChecks();
-std::span<const OperatorCheck> IndexChecks();  // gather and scatter
-std::span<const OperatorCheck> PadChecks();
-std::span<const OperatorCheck> ResizeChecks();
-std::span<const OperatorCheck> DetectionChecks();
-std::span<const OperatorCheck> ControlChecks();
-std::span<const OperatorCheck> CustomChecks();
-
-// Null for a name that is not in the library's table.
-const OperatorCheck* FindOperatorCheck(const std::string& name);
+// Runs the check of the operator whose attribute record this is.
+void CheckOperator(LayerCheck& layer, const AttributeRecord& record);
 
 }  // namespace opkit::modelkit::check
 

@@ -12,31 +12,6 @@ uint64_t Matrices(const Tensor& tensor)
     return tensor.Rank() < 3 ? 1 : tensor.Count(0, tensor.Rank() - 2);
 }
 
-void CheckGemm(LayerCheck& layer)
-{
-    const GemmAttr attr = layer.Attr<GemmAttr>();
-    const Tensor& a = layer.NextCompacted();
-    const Tensor& b = layer.NextCompacted();
-    const Tensor& y = layer.OutExpanded();
-    if (attr.inputCount == 3) {
-        layer.NextCompacted();
-        layer.ModifiesAttr("inputStrides[2]", offsetof(GemmAttr, inputStrides) + 2 * sizeof(StrideRecord),
-                           sizeof(StrideRecord));
-        layer.ModifiesAttr("outputStrides[0]", offsetof(GemmAttr, outputStrides), sizeof(StrideRecord));
-        layer.WorkSpace(Mul(y.Count(), 4), "the work space holds the output's elements");
-    }
-    layer.Rank(a, 2, OPKIT_MAX_DIMS, "A is a matrix or a stack of them");
-    layer.Rank(b, a.Rank(), OPKIT_MAX_DIMS, "B's sizes stand where A's do");  // by A's rank in both shapes
-    const size_t last = a.Rank() - 1;
-    const uint64_t M = a.dims[attr.transA != 0 ? last : last - 1];
-    const uint64_t K = a.dims[attr.transA != 0 ? last - 1 : last];
-    const uint64_t N = b.dims[attr.transB != 0 ? last - 1 : last];
-    const uint64_t matrices = Matrices(y);
-    layer.Elements(a, Mul(matrices, M, K), "A has no matrix for each of the output");
-    layer.Elements(b, Mul(matrices, K, N), "B has no matrix of A's inner size for each of the output");
-    layer.Elements(y, Mul(matrices, M, N), "the products do not fit the output");
-}
-
 // M rows of A's width times B, N columns; the smaller stacks repeat.
 void CheckStacks(LayerCheck& layer, const Tensor& a, const Tensor& b, const Tensor& y, uint64_t M)
 {
@@ -45,38 +20,6 @@ void CheckStacks(LayerCheck& layer, const Tensor& a, const Tensor& b, const Tens
     layer.Elements(a, Mul(Matrices(a), M, K), "A has fewer rows than the output");
     layer.Elements(b, Mul(Matrices(b), K, N), "B's matrices are smaller than A's width by the output's");
     layer.Elements(y, Mul(Matrices(y), M, N), "the products do not fit the output");
-}
-
-void CheckMatMul(LayerCheck& layer)
-{
-    const Tensor& a = layer.NextCompacted();
-    const Tensor& b = layer.NextCompacted();
-    const Tensor& y = layer.OutExpanded();
-    CheckStacks(layer, a, b, y, a.FromEnd(2));
-}
-
-void CheckQLinearMatMul(LayerCheck& layer)
-{
-    constexpr int32_t kFullForm = 8;
-    const int32_t inputCount = layer.Attr<QLinearMatMulAttr>().inputCount;
-    if (inputCount < 2) {
-        layer.Refuse(OPKIT_ATTR_FIELD(layer, QLinearMatMulAttr, inputCount), inputCount, 2, "the operator fails");
-    }
-    std::vector<const Tensor*> in;
-    for (int32_t k = 0; k < (inputCount <= 4 ? inputCount : kFullForm); ++k) {
-        in.push_back(&layer.NextCompacted());
-    }
-    const Tensor& a = *in[0];
-    const Tensor& b = *in[inputCount == kFullForm ? 3 : 1];
-    const Tensor& y = layer.OutExpanded();
-    layer.Rank(y, 2, OPKIT_MAX_DIMS, "the output is a matrix or a stack of them");
-    CheckStacks(layer, a, b, y, y.FromEnd(2));
-    if (inputCount > 2) {
-        layer.Modifies(a);
-    }
-    if (inputCount > 3) {
-        layer.Modifies(b);
-    }
 }
 
 // Places that the kernel takes along one axis.
@@ -133,6 +76,65 @@ void CheckGroups(LayerCheck& layer, const ConvolutionAttr& attr, uint64_t column
                  std::min<uint64_t>(columns, INT32_MAX), "the last group's columns end behind the column matrix");
 }
 
+}  // namespace
+
+void CheckGemm(LayerCheck& layer)
+{
+    const GemmAttr attr = layer.Attr<GemmAttr>();
+    const Tensor& a = layer.NextCompacted();
+    const Tensor& b = layer.NextCompacted();
+    const Tensor& y = layer.OutExpanded();
+    if (attr.inputCount == 3) {
+        layer.NextCompacted();
+        layer.ModifiesAttr("inputStrides[2]", offsetof(GemmAttr, inputStrides) + 2 * sizeof(StrideRecord),
+                           sizeof(StrideRecord));
+        layer.ModifiesAttr("outputStrides[0]", offsetof(GemmAttr, outputStrides), sizeof(StrideRecord));
+        layer.WorkSpace(Mul(y.Count(), 4), "the work space holds the output's elements");
+    }
+    layer.Rank(a, 2, OPKIT_MAX_DIMS, "A is a matrix or a stack of them");
+    layer.Rank(b, a.Rank(), OPKIT_MAX_DIMS, "B's sizes stand where A's do");  // by A's rank in both shapes
+    const size_t last = a.Rank() - 1;
+    const uint64_t M = a.dims[attr.transA != 0 ? last : last - 1];
+    const uint64_t K = a.dims[attr.transA != 0 ? last - 1 : last];
+    const uint64_t N = b.dims[attr.transB != 0 ? last - 1 : last];
+    const uint64_t matrices = Matrices(y);
+    layer.Elements(a, Mul(matrices, M, K), "A has no matrix for each of the output");
+    layer.Elements(b, Mul(matrices, K, N), "B has no matrix of A's inner size for each of the output");
+    layer.Elements(y, Mul(matrices, M, N), "the products do not fit the output");
+}
+
+void CheckMatMul(LayerCheck& layer)
+{
+    const Tensor& a = layer.NextCompacted();
+    const Tensor& b = layer.NextCompacted();
+    const Tensor& y = layer.OutExpanded();
+    CheckStacks(layer, a, b, y, a.FromEnd(2));
+}
+
+void CheckQLinearMatMul(LayerCheck& layer)
+{
+    constexpr int32_t kFullForm = 8;
+    const int32_t inputCount = layer.Attr<QLinearMatMulAttr>().inputCount;
+    if (inputCount < 2) {
+        layer.Refuse(OPKIT_ATTR_FIELD(layer, QLinearMatMulAttr, inputCount), inputCount, 2, "the operator fails");
+    }
+    std::vector<const Tensor*> in;
+    for (int32_t k = 0; k < (inputCount <= 4 ? inputCount : kFullForm); ++k) {
+        in.push_back(&layer.NextCompacted());
+    }
+    const Tensor& a = *in[0];
+    const Tensor& b = *in[inputCount == kFullForm ? 3 : 1];
+    const Tensor& y = layer.OutExpanded();
+    layer.Rank(y, 2, OPKIT_MAX_DIMS, "the output is a matrix or a stack of them");
+    CheckStacks(layer, a, b, y, y.FromEnd(2));
+    if (inputCount > 2) {
+        layer.Modifies(a);
+    }
+    if (inputCount > 3) {
+        layer.Modifies(b);
+    }
+}
+
 void CheckConvolution(LayerCheck& layer)
 {
     const ConvolutionAttr attr = layer.Attr<ConvolutionAttr>();
@@ -177,21 +179,6 @@ void CheckDet(LayerCheck& layer)
     const Tensor& y = layer.OutExpanded();
     layer.Elements(x, Mul(y.Count(), x.Width(), x.Width()), "the input has no square matrix for each element");
     layer.Modifies(x);
-}
-
-constexpr OperatorCheck kMatrix[] = {
-    {"ConvolutionOpkitForward", CheckConvolution},
-    {"DetOpkitForward", CheckDet},
-    {"GemmOpkitForward", CheckGemm},
-    {"MatMulOpkitForward", CheckMatMul},
-    {"QLinearMatMulOpkitForward", CheckQLinearMatMul},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> MatrixChecks()
-{
-    return kMatrix;
 }
 
 }  // namespace opkit::modelkit::check

@@ -6,6 +6,22 @@
 namespace opkit::modelkit::check {
 namespace {
 
+// The alignment that Reshape and DepthToSpace read input 0 by: the first online tensor's, also for a constant. The rows
+// of a constant then have to fit the model buffer.
+uint64_t CheckFirstAlign(LayerCheck& layer, const Tensor& in, uint64_t rows)
+{
+    const Tensor& first = layer.OnlineUnread(0, "the stride comes from the first online input, also for a constant");
+    layer.AtLeast(first.strideField, first.stride, 4, "an alignment of 0 is a zero divisor");
+    if (in.offline) {
+        const uint64_t floats = Add(Mul(rows - 1, PitchOf(in.Width(), first.Align())), in.Width());
+        layer.AtMost(in.placeField, Add(in.memory.begin, Mul(floats, 4)), layer.ModelSize(),
+                     "with the stride of inputs[0] the data ends behind the model buffer");
+    }
+    return first.Align();
+}
+
+}  // namespace
+
 void CheckConcat(LayerCheck& layer)
 {
     const ConcatAttr attr = layer.Attr<ConcatAttr>();
@@ -42,20 +58,6 @@ void CheckExpand(LayerCheck& layer)
     layer.ModifiesAttr("inputStrides[0]", offsetof(ExpandAttr, inputStrides), sizeof(StrideRecord));
     layer.ModifiesAttr("outputStrides[0]", offsetof(ExpandAttr, outputStrides), sizeof(StrideRecord));
     layer.MayRunInPlace(out, in);
-}
-
-// The alignment that Reshape and DepthToSpace read input 0 by: the first online tensor's, also for a constant. The rows
-// of a constant then have to fit the model buffer.
-uint64_t CheckFirstAlign(LayerCheck& layer, const Tensor& in, uint64_t rows)
-{
-    const Tensor& first = layer.OnlineUnread(0, "the stride comes from the first online input, also for a constant");
-    layer.AtLeast(first.strideField, first.stride, 4, "an alignment of 0 is a zero divisor");
-    if (in.offline) {
-        const uint64_t floats = Add(Mul(rows - 1, PitchOf(in.Width(), first.Align())), in.Width());
-        layer.AtMost(in.placeField, Add(in.memory.begin, Mul(floats, 4)), layer.ModelSize(),
-                     "with the stride of inputs[0] the data ends behind the model buffer");
-    }
-    return first.Align();
 }
 
 void CheckReshape(LayerCheck& layer)
@@ -151,20 +153,6 @@ void CheckOneHot(LayerCheck& layer)
     layer.Elements(indices, out.Count() / out.dims[static_cast<size_t>(axis)], "fewer indices than the output takes");
     layer.Elements(values, 2, "an off-value and an on-value");
     layer.Modifies(indices);
-}
-
-constexpr OperatorCheck kMovement[] = {
-    {"ConcatOpkitForward", CheckConcat},   {"DepthToSpaceOpkitForward", CheckDepthToSpace},
-    {"ExpandOpkitForward", CheckExpand},   {"EyelikeOpkitForward", CheckEyelike},
-    {"OneHotOpkitForward", CheckOneHot},   {"PermuteOpkitForward", CheckPermute},
-    {"ReshapeOpkitForward", CheckReshape},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> MovementChecks()
-{
-    return kMovement;
 }
 
 }  // namespace opkit::modelkit::check

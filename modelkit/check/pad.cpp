@@ -116,6 +116,8 @@ uint64_t ReadEnd(const Axes& merged, int64_t unit, uint64_t align)
     return end;
 }
 
+}  // namespace
+
 void CheckPad(LayerCheck& layer)
 {
     const PadAttr attr = layer.Attr<PadAttr>();
@@ -146,15 +148,6 @@ void CheckPad(LayerCheck& layer)
         layer.RowsReachAlign(in);
         layer.Floats(in, ReadEnd(merged, unit, in.Align()), "the rows that are read end behind the input");
     }
-}
-
-constexpr OperatorCheck kPad[] = {{"PadOpkitForward", CheckPad}};
-
-}  // namespace
-
-std::span<const OperatorCheck> PadChecks()
-{
-    return kPad;
 }
 
 }  // namespace opkit::modelkit::check

@@ -19,6 +19,8 @@ uint64_t Results(const Tensor& in, const Tensor& out)
 
 constexpr const char* kTooFew = "the input's planes do not fit the output";
 
+}  // namespace
+
 void CheckPoolingAve(LayerCheck& layer)
 {
     const Tensor& in = layer.Next();
@@ -83,22 +85,6 @@ void CheckLpNorm(LayerCheck& layer)
     layer.Axis(OPKIT_ATTR_FIELD(layer, LpNormAttr, axis), axis < 0 ? axis + static_cast<int64_t>(x.Rank()) : axis,
                x.Rank());
     layer.Elements(y, x.Count(), "the output has fewer elements than the input");
-}
-
-constexpr OperatorCheck kPooling[] = {
-    {"InstanceNormalizationOpkitForward", CheckInstanceNormalization},
-    {"LpNormOpkitForward", CheckLpNorm},
-    {"MaxUnpoolOpkitForward", CheckMaxUnpool},
-    {"PoolingAveOpkitForward", CheckPoolingAve},
-    {"PoolingLpOpkitForward", CheckPoolingLp},
-    {"PoolingMaxOpkitForward", CheckPoolingMax},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> PoolingChecks()
-{
-    return kPooling;
 }
 
 }  // namespace opkit::modelkit::check

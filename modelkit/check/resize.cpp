@@ -51,6 +51,8 @@ void CheckKeptAxes(LayerCheck& layer, const ResizeAttr& attr, const Tensor& in, 
     }
 }
 
+}  // namespace
+
 void CheckResize(LayerCheck& layer)
 {
     const ResizeAttr attr = layer.Attr<ResizeAttr>();
@@ -80,15 +82,6 @@ void CheckResize(LayerCheck& layer)
     }
     layer.AtLeast(out.shapeField, Mul(out.dims[0], out.dims[1]), Mul(in.dims[0], in.dims[1]),
                   "the output has fewer planes than the input");
-}
-
-constexpr OperatorCheck kResize[] = {{"ResizeOpkitForward", CheckResize}};
-
-}  // namespace
-
-std::span<const OperatorCheck> ResizeChecks()
-{
-    return kResize;
 }
 
 }  // namespace opkit::modelkit::check

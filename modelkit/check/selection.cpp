@@ -30,6 +30,30 @@ uint64_t LastReducedIndex(const ReductionAttr& attr, const Tensor& in)
     return last;
 }
 
+// How many entries per lane the outputs have room for, at most the lane's length. The rows of both are as wide as those
+// of outputs[0].
+uint64_t RoomForK(const std::vector<const Tensor*>& outputs, uint64_t lanes, uint64_t length)
+{
+    const uint64_t width = outputs[0]->Width();
+    const auto fits = [&](uint64_t k) {
+        return std::all_of(outputs.begin(), outputs.end(), [&](const Tensor* out) {
+            return Span(Mul(lanes, k), width, PitchOf(width, out->Align())) <= out->Room();
+        });
+    };
+    uint64_t low = 0;
+    for (uint64_t high = length; low < high;) {
+        const uint64_t middle = low + (high - low + 1) / 2;
+        if (fits(middle)) {
+            low = middle;
+        } else {
+            high = middle - 1;
+        }
+    }
+    return low;
+}
+
+}  // namespace
+
 void CheckReduction(LayerCheck& layer)
 {
     const ReductionAttr attr = layer.Attr<ReductionAttr>();
@@ -70,28 +94,6 @@ void CheckHardmax(LayerCheck& layer)
     layer.Axis(OPKIT_ATTR_FIELD(layer, HardmaxAttr, axis), axis < 0 ? axis + static_cast<int64_t>(in.Rank()) : axis,
                in.Rank());
     layer.Elements(out, in.Count(), "the output has fewer elements than the input");
-}
-
-// How many entries per lane the outputs have room for, at most the lane's length. The rows of both are as wide as those
-// of outputs[0].
-uint64_t RoomForK(const std::vector<const Tensor*>& outputs, uint64_t lanes, uint64_t length)
-{
-    const uint64_t width = outputs[0]->Width();
-    const auto fits = [&](uint64_t k) {
-        return std::all_of(outputs.begin(), outputs.end(), [&](const Tensor* out) {
-            return Span(Mul(lanes, k), width, PitchOf(width, out->Align())) <= out->Room();
-        });
-    };
-    uint64_t low = 0;
-    for (uint64_t high = length; low < high;) {
-        const uint64_t middle = low + (high - low + 1) / 2;
-        if (fits(middle)) {
-            low = middle;
-        } else {
-            high = middle - 1;
-        }
-    }
-    return low;
 }
 
 void CheckTopK(LayerCheck& layer)
@@ -143,20 +145,6 @@ void CheckUnique(LayerCheck& layer)
         layer.Condition("input 0 has at most " + std::to_string(most) + " distinct " +
                         (sliceSize == 1 ? "elements, each NaN" : "slices, each with a NaN") + " being one of its own");
     }
-}
-
-constexpr OperatorCheck kSelection[] = {
-    {"ArgminOpkitForward", CheckArgmin},       {"CumSumOpkitForward", CheckCumSum},
-    {"HardmaxOpkitForward", CheckHardmax},     {"NonZeroOpkitForward", CheckNonZero},
-    {"ReductionOpkitForward", CheckReduction}, {"TopKOpkitForward", CheckTopK},
-    {"UniqueOpkitForward", CheckUnique},
-};
-
-}  // namespace
-
-std::span<const OperatorCheck> SelectionChecks()
-{
-    return kSelection;
 }
 
 }  // namespace opkit::modelkit::check

@@ -44,7 +44,7 @@ TEST(Pages, ExcerptsStandInTheirFiles)
             << file << excerpt;
         at = end;
     }
-    EXPECT_EQ(count, 8u);
+    EXPECT_EQ(count, 10u);
 }
 
 TEST(Pages, LinksLeadSomewhere)

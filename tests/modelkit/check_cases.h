@@ -124,13 +124,30 @@ private:
     std::vector<bool> narrow_;
 };
 
+// One for each check of modelkit, under the same name.
 namespace check_cases {
 
-inline void Unary(CaseMaker& make)
+inline void InPlace(CaseMaker& make)
 {
     const Shape shape = make.Dims(1, 4);
     const int in = make.In(shape, Values::kMixed);
     make.OutOrInPlace(shape, in);
+}
+
+inline constexpr auto Compacting = InPlace;
+inline constexpr auto Expanding = InPlace;
+
+inline void Stepping(CaseMaker& make)
+{
+    const Shape shape = make.Dims(1, 4);
+    const int in = make.InAligned(shape);
+    make.OutOrInPlace(shape, in);
+}
+
+inline void Celu(CaseMaker& make)
+{
+    Stepping(make);
+    make.layer.Attr<CeluAttr>().alpha = 1.5f;
 }
 
 inline void Operands(CaseMaker& make, uint32_t count, Values values = Values::kBits)
@@ -187,18 +204,9 @@ inline void Sqrt(CaseMaker& make)
     Operands(make, 1);
 }
 
-template <class Attr>
-void AlignedRows(CaseMaker& make)
-{
-    const Shape shape = make.Dims(1, 4);
-    const int in = make.InAligned(shape);
-    make.OutOrInPlace(shape, in);
-    make.layer.Attr<Attr>().alpha = 1.5f;
-}
-
 inline void Round(CaseMaker& make)
 {
-    Unary(make);
+    Expanding(make);
     make.layer.Attr<RoundAttr>().roundMode = make.Int(0, 3);
 }
 
@@ -775,7 +783,7 @@ inline void DecBbox(CaseMaker& make)
     make.Out({1, std::max(attr.classNum, 2u) * (attr.mergeClasses != 0 ? n : 1), fields, n});
 }
 
-inline void Detection(CaseMaker& make)
+inline void DetectionOutput(CaseMaker& make)
 {
     DetectionOutputAttr& attr = make.layer.Attr<DetectionOutputAttr>();
     attr.classNum = make.Int(1, 3);
@@ -899,79 +907,8 @@ inline void Custom(CaseMaker& make)
 }
 
 inline constexpr CheckCase kAll[] = {
-    {"AcosOpkitForward", Unary},
-    {"AcoshOpkitForward", Unary},
-    {"ArgminOpkitForward", Argmin},
-    {"AsinOpkitForward", Unary},
-    {"AsinhOpkitForward", Unary},
-    {"AtanOpkitForward", Unary},
-    {"AtanhOpkitForward", Unary},
-    {"BinaryMathOpkitForward", BinaryMath},
-    {"BitShiftOpkitForward", BitShift},
-    {"CeluOpkitForward", AlignedRows<CeluAttr>},
-    {"CmpOpkitForward", Cmp},
-    {"ConcatOpkitForward", Concat},
-    {"ConvolutionOpkitForward", Convolution},
-    {"CosOpkitForward", Unary},
-    {"CoshOpkitForward", Unary},
-    {"CumSumOpkitForward", CumSum},
-    {"DetOpkitForward", Det},
-    {"ExpandOpkitForward", Expand},
-    {"EyelikeOpkitForward", Eyelike},
-    {"GemmOpkitForward", Gemm},
-    {"PoolingLpOpkitForward", PoolingLp},
-    {"PoolingMaxOpkitForward", PoolingMax},
-    {"HardmaxOpkitForward", Hardmax},
-    {"HardSigmoidOpkitForward", Unary},
-    {"InstanceNormalizationOpkitForward", InstanceNormalization},
-    {"LogicalOpkitForward", Logical},
-    {"LpNormOpkitForward", LpNorm},
-    {"MatMulOpkitForward", MatMul},
-    {"MaxUnpoolOpkitForward", MaxUnpool},
-    {"ModOpkitForward", Mod},
-    {"NegOpkitForward", Unary},
-    {"NonMaxSuppressionOpkitForward", NonMaxSuppression},
-    {"NonZeroOpkitForward", NonZero},
-    {"OneHotOpkitForward", OneHot},
-    {"PadOpkitForward", Pad},
-    {"QLinearMatMulOpkitForward", QLinearMatMul},
-    {"ReciprocalOpkitForward", Unary},
-    {"ReductionOpkitForward", Reduction},
-    {"RoundOpkitForward", Round},
-    {"ScatterOpkitForward", Scatter},
-    {"SeluOpkitForward", Unary},
-    {"ShrinkOpkitForward", Unary},
-    {"SigmoidOpkitForward", Unary},
-    {"SignOpkitForward", Unary},
-    {"SinOpkitForward", Unary},
-    {"SinhOpkitForward", Unary},
-    {"SoftplusOpkitForward", Unary},
-    {"SoftsignOpkitForward", Unary},
-    {"SqrtOpkitForward", Sqrt},
-    {"TanOpkitForward", Unary},
-    {"ThresholdedReluOpkitForward", AlignedRows<ThresholdedReluAttr>},
-    {"TopKOpkitForward", TopK},
-    {"PermuteOpkitForward", Permute},
-    {"UniqueOpkitForward", Unique},
-    {"WhereOpkitForward", Where},
-    {"DecBboxOpkitForward", DecBbox},
-    {"FilterBoxOpkitForward", Detection},
-    {"SortOpkitForward", Detection},
-    {"NMSOpkitForward", Detection},
-    {"PoolingAveOpkitForward", PoolingAve},
-    {"LoopOpkitForward", Loop},
-    {"IfOpkitForward", If},
-    {"ThenEndOpkitForward", ThenEnd},
-    {"CondEndOpkitForward", CondEnd},
-    {"ElseBeginOpkitForward", ElseBegin},
-    {"ResizeOpkitForward", Resize},
-    {"GatherElementsOpkitForward", GatherElements},
-    {"DepthToSpaceOpkitForward", DepthToSpace},
-    {"ReshapeOpkitForward", Reshape},
-    {"CustomOpkitForward", Custom},
-    {"GatherOpkitForward", Gather},
-    {"GatherNDOpkitForward", GatherND},
-    {"ScatterNDOpkitForward", ScatterND},
+#define OPKIT_OPERATOR(name, forward, record, check) {#name "OpkitForward", check},
+#include "opkit/operators.def"
 };
 
 }  // namespace check_cases

@@ -75,8 +75,11 @@ uint32_t HeadersTouch(void* block, const struct timeval* now)
     ModelOffsets offsets = {.layerTableOffset = 0, .layerTableSize = 8};
     ForwardParam request = {.inputs = &tensor, .inputNum = 1, .attr = &offsets, .attrSize = sizeof offsets};
     LayerParam layer = {.inputs = &tensor, .inputNum = 1, .outputs = &tensor, .outputNum = 1, .attr = block};
-    const ForwardFunc acos = AcosOpkitForward;
-    const bool known = GetForwardFunc("AcosOpkitForward") == acos;
+    const ForwardFunc operators[] = {
+#define OPKIT_OPERATOR(name, forward, record, check) forward##OpkitForward,
+#include <opkit/operators.def>
+    };
+    const bool known = GetForwardFunc("AcosOpkitForward") == operators[0];
     return OpkitForward(&request) + (OpkitGetVersion() != OPKIT_VERSION) + (OPKIT_GIT_VERSION == NULL) +
            (uint32_t)g_size + known + TouchAttributes(block) + TouchHelpers(&layer, now);
 }

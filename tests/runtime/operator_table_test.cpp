@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <set>
 #include <string>
 
@@ -11,95 +12,36 @@ namespace opkit {
 namespace {
 
 struct Row {
-    const char* name;
-    ForwardFunc forward;
+    std::string name;
+    ForwardFunc ownName;  // the function that bears the row's name, whatever the row leads to
 };
 
-// Written out, not taken from the table: the box stages share one function, all others have their own.
 const Row kRows[] = {
-    {"AcosOpkitForward", AcosOpkitForward},
-    {"AcoshOpkitForward", AcoshOpkitForward},
-    {"ArgminOpkitForward", ArgminOpkitForward},
-    {"AsinOpkitForward", AsinOpkitForward},
-    {"AsinhOpkitForward", AsinhOpkitForward},
-    {"AtanOpkitForward", AtanOpkitForward},
-    {"AtanhOpkitForward", AtanhOpkitForward},
-    {"BinaryMathOpkitForward", BinaryMathOpkitForward},
-    {"BitShiftOpkitForward", BitShiftOpkitForward},
-    {"CeluOpkitForward", CeluOpkitForward},
-    {"CmpOpkitForward", CmpOpkitForward},
-    {"ConcatOpkitForward", ConcatOpkitForward},
-    {"ConvolutionOpkitForward", ConvolutionOpkitForward},
-    {"CosOpkitForward", CosOpkitForward},
-    {"CoshOpkitForward", CoshOpkitForward},
-    {"CumSumOpkitForward", CumSumOpkitForward},
-    {"DetOpkitForward", DetOpkitForward},
-    {"ExpandOpkitForward", ExpandOpkitForward},
-    {"EyelikeOpkitForward", EyelikeOpkitForward},
-    {"GemmOpkitForward", GemmOpkitForward},
-    {"PoolingLpOpkitForward", PoolingLpOpkitForward},
-    {"PoolingMaxOpkitForward", PoolingMaxOpkitForward},
-    {"HardmaxOpkitForward", HardmaxOpkitForward},
-    {"HardSigmoidOpkitForward", HardSigmoidOpkitForward},
-    {"InstanceNormalizationOpkitForward", InstanceNormalizationOpkitForward},
-    {"LogicalOpkitForward", LogicalOpkitForward},
-    {"LpNormOpkitForward", LpNormOpkitForward},
-    {"MatMulOpkitForward", MatMulOpkitForward},
-    {"MaxUnpoolOpkitForward", MaxUnpoolOpkitForward},
-    {"ModOpkitForward", ModOpkitForward},
-    {"NegOpkitForward", NegOpkitForward},
-    {"NonMaxSuppressionOpkitForward", NonMaxSuppressionOpkitForward},
-    {"NonZeroOpkitForward", NonZeroOpkitForward},
-    {"OneHotOpkitForward", OneHotOpkitForward},
-    {"PadOpkitForward", PadOpkitForward},
-    {"QLinearMatMulOpkitForward", QLinearMatMulOpkitForward},
-    {"ReciprocalOpkitForward", ReciprocalOpkitForward},
-    {"ReductionOpkitForward", ReductionOpkitForward},
-    {"RoundOpkitForward", RoundOpkitForward},
-    {"ScatterOpkitForward", ScatterOpkitForward},
-    {"SeluOpkitForward", SeluOpkitForward},
-    {"ShrinkOpkitForward", ShrinkOpkitForward},
-    {"SigmoidOpkitForward", SigmoidOpkitForward},
-    {"SignOpkitForward", SignOpkitForward},
-    {"SinOpkitForward", SinOpkitForward},
-    {"SinhOpkitForward", SinhOpkitForward},
-    {"SoftplusOpkitForward", SoftplusOpkitForward},
-    {"SoftsignOpkitForward", SoftsignOpkitForward},
-    {"SqrtOpkitForward", SqrtOpkitForward},
-    {"TanOpkitForward", TanOpkitForward},
-    {"ThresholdedReluOpkitForward", ThresholdedReluOpkitForward},
-    {"TopKOpkitForward", TopKOpkitForward},
-    {"PermuteOpkitForward", PermuteOpkitForward},
-    {"UniqueOpkitForward", UniqueOpkitForward},
-    {"WhereOpkitForward", WhereOpkitForward},
-    {"DecBboxOpkitForward", DecBboxOpkitForward},
-    {"FilterBoxOpkitForward", DetectionOutputOpkitForward},
-    {"SortOpkitForward", DetectionOutputOpkitForward},
-    {"NMSOpkitForward", DetectionOutputOpkitForward},
-    {"PoolingAveOpkitForward", PoolingAveOpkitForward},
-    {"LoopOpkitForward", LoopOpkitForward},
-    {"IfOpkitForward", IfOpkitForward},
-    {"ThenEndOpkitForward", ThenEndOpkitForward},
-    {"CondEndOpkitForward", CondEndOpkitForward},
-    {"ElseBeginOpkitForward", ElseBeginOpkitForward},
-    {"ResizeOpkitForward", ResizeOpkitForward},
-    {"GatherElementsOpkitForward", GatherElementsOpkitForward},
-    {"DepthToSpaceOpkitForward", DepthToSpaceOpkitForward},
-    {"ReshapeOpkitForward", ReshapeOpkitForward},
-    {"CustomOpkitForward", CustomOpkitForward},
-    {"GatherOpkitForward", GatherOpkitForward},
-    {"GatherNDOpkitForward", GatherNDOpkitForward},
-    {"ScatterNDOpkitForward", ScatterNDOpkitForward},
+#define OPKIT_OPERATOR(name, forward, record, check) {#name "OpkitForward", name##OpkitForward},
+#include "opkit/operators.def"
 };
 
-TEST(OperatorTable, EveryRowLeadsToItsOperator)
+const std::set<std::string> kBoxStages = {"FilterBoxOpkitForward", "SortOpkitForward", "NMSOpkitForward"};
+
+TEST(OperatorTable, EveryRowLeadsToTheFunctionOfItsName)
 {
+    size_t others = 0;
     std::set<std::string> names;
     for (const Row& row : kRows) {
-        EXPECT_EQ(GetForwardFunc(row.name), row.forward) << row.name;
-        names.insert(row.name);
+        EXPECT_TRUE(names.insert(row.name).second) << row.name << " stands twice";
+        if (!kBoxStages.contains(row.name)) {
+            EXPECT_EQ(GetForwardFunc(row.name.c_str()), row.ownName) << row.name;
+            ++others;
+        }
     }
-    EXPECT_EQ(names.size(), 73u);
+    EXPECT_EQ(others + kBoxStages.size(), std::size(kRows));
+}
+
+TEST(OperatorTable, BoxStagesShareOneFunction)
+{
+    for (const std::string& name : kBoxStages) {
+        EXPECT_EQ(GetForwardFunc(name.c_str()), DetectionOutputOpkitForward) << name;
+    }
 }
 
 TEST(OperatorTable, FunctionsWithoutARow)
