@@ -106,6 +106,25 @@ bool ResolveThenCompact(LayerParam* param, std::initializer_list<Input*> inputs,
     return true;
 }
 
+bool Describe(LayerParam* param, uint32_t index, DescribedTensor* input)
+{
+    return ParseInputInfo2(&input->desc, &input->data, &input->shape, index, param);
+}
+
+Tensor TensorOf(const DescribedTensor& described)
+{
+    const TensorDesc& desc = described.desc;
+    Tensor tensor;
+    tensor.data = described.data;
+    tensor.shape = described.shape;
+    tensor.dimNum = desc.dimNum;
+    tensor.stride = desc.stride;
+    tensor.alignNum = desc.stride >> 2;
+    tensor.width = LastDimension(described.shape, desc.dimNum);
+    tensor.count = static_cast<uint32_t>(desc.count);
+    return tensor;
+}
+
 Output OutputOf(const LayerParam* param, uint32_t index)
 {
     const TensorInfo& tensor = param->outputs[index];

@@ -112,6 +112,17 @@ inline bool ResolveOnlyInput(LayerParam* param, Input* input)
     return Resolve(param, {input}, Rows::kInPlace, Messages::kNone);
 }
 
+// A tensor as ParseInputInfo2 and its kin describe it.
+struct DescribedTensor {
+    TensorDesc desc = {};
+    float* data = nullptr;
+    uint32_t* shape = nullptr;
+};
+
+// Resolves logical input `index` by itself, silently.
+bool Describe(LayerParam* param, uint32_t index, DescribedTensor* input);
+Tensor TensorOf(const DescribedTensor& described);
+
 Output OutputOf(const LayerParam* param, uint32_t index);
 
 // What follows the text of a message about rows.

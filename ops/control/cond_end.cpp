@@ -29,16 +29,14 @@ uint32_t LoopBranch(LayerParam* param)
         Report(Here(), "cond end for loop input size is not equal to output size.\n");
         return kRefused;
     }
-    TensorDesc desc = {};
-    float* data = nullptr;
-    uint32_t* shape = nullptr;
-    if (!ParseInputInfo2(&desc, &data, &shape, 0, param)) {  // needed even where its value is not
+    DescribedTensor condition;
+    if (!Describe(param, 0, &condition)) {  // needed even where its value is not
         return kFailure;
     }
     // A constant condition takes no input: output 1 then gets input 0.
     const uint32_t shift = fromInput ? 0 : 1;
     *static_cast<float*>(param->outputs[0].data) =
-        fromInput ? *data : static_cast<float>(static_cast<int32_t>(attr.condValue));
+        fromInput ? *condition.data : static_cast<float>(static_cast<int32_t>(attr.condValue));
     for (uint32_t output = 1; output < param->outputNum; ++output) {
         if (!PassTensor(param, output - shift, output)) {
             return kFailure;

@@ -15,19 +15,13 @@ namespace {
 
 constexpr int32_t kUnknownCondition = -1;
 
-// What a pass has read last. An online input that is not there leaves it as it is, and the copy takes it once more.
-struct Read {
-    TensorDesc desc = {};
-    float* data = nullptr;
-    uint32_t* shape = nullptr;
-};
-
-void ReadOnline(LayerParam* param, uint32_t online, Read* read)
+// `read` is what a pass has read last. An input that is not there leaves it as it is, and the copy takes it once more.
+void ReadOnline(LayerParam* param, uint32_t online, DescribedTensor* read)
 {
     ParseOnlineInputInfoLoop(&read->desc, &read->data, &read->shape, online, param);
 }
 
-void CopyTo(LayerParam* param, uint32_t output, Read* read)
+void CopyTo(LayerParam* param, uint32_t output, DescribedTensor* read)
 {
     if (read->data != nullptr) {  // nothing was read before the first input that is missing
         ParseInputToOutput(&param->outputs, output, read->shape, &read->desc, read->data);
@@ -69,11 +63,11 @@ uint32_t LoopFirstTime(LayerParam* param)
     if (attr.tripCount != -1) {
         --attr.inputCursor;  // a trip count in the attributes takes no place among the inputs
     }
-    Read read;
+    DescribedTensor read;
     if (attr.condition != kUnknownCondition) {
         *static_cast<float*>(param->outputs[0].data) = static_cast<float>(attr.condition);
     } else {
-        if (!ParseInputInfo2(&read.desc, &read.data, &read.shape, attr.inputCursor, param)) {
+        if (!Describe(param, attr.inputCursor, &read)) {
             return kFailure;
         }
         attr.condition = TruncateToI32(*read.data);
@@ -83,7 +77,7 @@ uint32_t LoopFirstTime(LayerParam* param)
     const uint32_t firstOutput = FirstCarriedOutput(attr);
     for (uint32_t i = 0; i < carriedNum; ++i) {
         if (attr.head.inputFlags[i + 1] == '1') {
-            if (!ParseInputInfo2(&read.desc, &read.data, &read.shape, i + 1, param)) {
+            if (!Describe(param, i + 1, &read)) {
                 return kFailure;
             }
         } else {
@@ -100,7 +94,7 @@ uint32_t LoopMiddleTime(LayerParam* param)
 {
     LoopAttr& attr = AttrOf<LoopAttr>(param);
     const uint32_t cursor = attr.inputCursor;
-    Read read;
+    DescribedTensor read;
     ReadOnline(param, cursor, &read);
     if (read.data != nullptr) {
         attr.condition = TruncateToI32(*read.data);
@@ -120,7 +114,7 @@ uint32_t LoopOutOfBound(LayerParam* param)
 {
     const LoopAttr& attr = AttrOf<LoopAttr>(param);
     const uint32_t carriedNum = attr.carriedNum;
-    Read read;
+    DescribedTensor read;
     for (uint32_t i = 0; static_cast<int32_t>(i) < static_cast<int32_t>(carriedNum); ++i) {
         ReadOnline(param, attr.inputCursor + 1 + i, &read);
         CopyTo(param, carriedNum + 1 + i, &read);

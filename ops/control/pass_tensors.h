@@ -2,7 +2,6 @@
 #ifndef OPKIT_OPS_CONTROL_PASS_TENSORS_H
 #define OPKIT_OPS_CONTROL_PASS_TENSORS_H
 
-#include "opkit/helpers.h"
 #include "runtime/frame.h"
 
 namespace opkit {
@@ -10,13 +9,11 @@ namespace opkit {
 // Copies one tensor with row conversion; false, silently, when the input does not resolve.
 inline bool PassTensor(LayerParam* param, uint32_t input, uint32_t output)
 {
-    TensorDesc desc = {};
-    float* data = nullptr;
-    uint32_t* shape = nullptr;
-    if (!ParseInputInfo2(&desc, &data, &shape, input, param)) {
+    DescribedTensor tensor;
+    if (!Describe(param, input, &tensor)) {
         return false;
     }
-    ParseInputToOutput(&param->outputs, output, shape, &desc, data);
+    ParseInputToOutput(&param->outputs, output, tensor.shape, &tensor.desc, tensor.data);
     return true;
 }
 

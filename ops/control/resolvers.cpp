@@ -24,17 +24,11 @@ uint32_t OfflineBefore(const LayerAttrHead& head, uint32_t end)
     return count;
 }
 
-struct Rows {
-    float* data;
-    const uint32_t* shape;
-    int32_t dimNum;
-    uint32_t stride;
-};
-
-// Compact element i goes to compact element i, for `count` elements in ascending order: a smaller output takes a prefix
-// of the input, and an output that begins inside the input's row repeats what lies before it.
-void CopyRows(const Rows& in, const Rows& out, int32_t count)
+// Compact element i goes to compact element i, as many as the output has and in ascending order: a smaller output
+// takes a prefix of the input, and an output that begins inside the input's row repeats what lies before it.
+void CopyRows(const Input& in, const Output& out)
 {
+    const int32_t count = static_cast<int32_t>(out.count);
     if (count <= 0) {
         return;
     }
@@ -42,10 +36,7 @@ void CopyRows(const Rows& in, const Rows& out, int32_t count)
         std::memmove(out.data, in.data, sizeof(float));
         return;
     }
-    const uint32_t width = LastDimension(in.shape, in.dimNum);
-    const uint32_t outWidth = LastDimension(out.shape, out.dimNum);
-    ForEachRowRun(static_cast<uint32_t>(count), width, RowPitch(width, in.stride >> 2), outWidth,
-                  RowPitch(outWidth, out.stride >> 2),
+    ForEachRowRun(out.count, in.width, in.Pitch(), out.width, out.Pitch(),
                   [&](size_t from, size_t to, uint32_t length) { Copy(length, in.data + from, out.data + to); });
 }
 
@@ -94,17 +85,14 @@ void ParseOutputInfo(TensorInfo** outputs, float** data, uint32_t** shape, Tenso
 
 void ParseInputToOutput(TensorInfo** outputs, uint32_t index, uint32_t* inShape, TensorDesc* inDesc, float* inData)
 {
-    float* data = nullptr;
-    uint32_t* shape = nullptr;
-    TensorDesc desc = {};
-    ParseOutputInfo(outputs, &data, &shape, &desc, static_cast<int32_t>(index));
-    InputToOutput(inDesc, &desc, inData, data, {inShape, shape});
+    DescribedTensor out;
+    ParseOutputInfo(outputs, &out.data, &out.shape, &out.desc, static_cast<int32_t>(index));
+    InputToOutput(inDesc, &out.desc, inData, out.data, {inShape, out.shape});
 }
 
 void InputToOutput(TensorDesc* inDesc, TensorDesc* outDesc, float* in, float* out, ShapePair shapes)
 {
-    CopyRows({in, shapes.in, inDesc->dimNum, inDesc->stride}, {out, shapes.out, outDesc->dimNum, outDesc->stride},
-             outDesc->count);
+    CopyRows(TensorOf({*inDesc, in, shapes.in}), TensorOf({*outDesc, out, shapes.out}));
 }
 
 bool ParseOnlineInputInfoLoop(TensorDesc* desc, float** data, uint32_t** shape, uint32_t onlineIndex, LayerParam* param)

@@ -61,14 +61,13 @@ uint32_t ResizeWithRegion(LayerParam* param, int32_t rank, const float* region, 
 uint32_t ResizeDeclaredRegion(LayerParam* param, int32_t rank, Caller caller)
 {
     ResizeAttr& attr = AttrOf<ResizeAttr>(param);
-    float* region = attr.roi;
-    uint32_t* shape = nullptr;
-    TensorDesc desc = {};
-    if (IsTiny(attr.roi[0]) && !ParseInputInfo2(&desc, &region, &shape, 1, param)) {
+    DescribedTensor region;
+    region.data = attr.roi;
+    if (IsTiny(attr.roi[0]) && !Describe(param, 1, &region)) {
         return kFailure;
     }
     // Behind a region that is a constant of the model the scales are looked for in its own place.
-    return ResizeWithRegion(param, rank, region, desc.isOffline != 0 ? 1 : 2, caller);
+    return ResizeWithRegion(param, rank, region.data, region.desc.isOffline != 0 ? 1 : 2, caller);
 }
 
 uint32_t ResizeWholeRegion(LayerParam* param, int32_t rank, Caller caller)
@@ -97,8 +96,8 @@ uint32_t ResizeWholeRegion(LayerParam* param, int32_t rank, Caller caller)
 uint32_t ParseAttrInput(LayerParam* param, LayerAttrBlock* block, float** scalesOut, uint32_t inputIndex)
 {
     ResizeAttr& attr = *reinterpret_cast<ResizeAttr*>(block);
-    ResizeTensor in;
-    if (!ParseInputInfo2(&in.desc, &in.data, &in.shape, 0, param)) {
+    DescribedTensor in;
+    if (!Describe(param, 0, &in)) {
         return kFailure;
     }
     const bool sizes = TakesSizesFromInput(attr);
@@ -106,8 +105,8 @@ uint32_t ParseAttrInput(LayerParam* param, LayerAttrBlock* block, float** scales
         *scalesOut = attr.scales;
         return kSuccess;
     }
-    ResizeTensor values;
-    if (!ParseInputInfo2(&values.desc, &values.data, &values.shape, inputIndex, param)) {
+    DescribedTensor values;
+    if (!Describe(param, inputIndex, &values)) {
         return kFailure;
     }
     if (!sizes) {
@@ -122,8 +121,8 @@ uint32_t ParseAttrInput(LayerParam* param, LayerAttrBlock* block, float** scales
 
 uint32_t ResizeOpkitForward(LayerParam* param)
 {
-    ResizeTensor in;
-    if (!ParseInputInfo2(&in.desc, &in.data, &in.shape, 0, param)) {
+    DescribedTensor in;
+    if (!Describe(param, 0, &in)) {
         return kFailure;
     }
     const int32_t rank = in.desc.dimNum;

@@ -20,27 +20,15 @@ struct ResizeLayer {
 uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller = Here());
 uint32_t ResizeLinear(const ResizeLayer& layer);
 
-// A tensor as the two modes see it.
-struct ResizeTensor {
-    float* data = nullptr;
-    uint32_t* shape = nullptr;
-    TensorDesc desc = {};
-
-    uint32_t Width() const { return LastDimension(shape, desc.dimNum); }
-    uint32_t Pitch() const { return RowPitch(Width(), desc.stride >> 2); }
-    size_t Span() const
-    {
-        return desc.dimNum > 0 ? size_t{ElementCount(shape, static_cast<uint32_t>(desc.dimNum) - 1)} * Pitch() : 0;
-    }
-};
-
 // X, and the output; false when X does not resolve.
-inline bool ResolveResize(LayerParam* param, ResizeTensor* in, ResizeTensor* out)
+inline bool ResolveResize(LayerParam* param, Input* in, Output* out)
 {
-    if (!ParseInputInfo2(&in->desc, &in->data, &in->shape, 0, param)) {
+    DescribedTensor x;
+    if (!Describe(param, 0, &x)) {
         return false;
     }
-    ParseOutputInfo(&param->outputs, &out->data, &out->shape, &out->desc, 0);
+    *in = TensorOf(x);
+    *out = OutputOf(param, 0);
     return true;
 }
 

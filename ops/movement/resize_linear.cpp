@@ -100,18 +100,18 @@ void SampleRowWithOutside(const BilinearParams& params, const ResizeAxis& yAxis,
 
 uint32_t ResizeLinear(const ResizeLayer& layer)
 {
-    ResizeTensor in;
-    ResizeTensor out;
+    Input in;
+    Output out;
     if (!ResolveResize(layer.param, &in, &out)) {
         return kSuccess;
     }
-    const int32_t rank = in.desc.dimNum;
+    const int32_t rank = in.dimNum;
     const uint32_t rule = layer.attr->coordinateMode;
     const float* const region = layer.region;
     const ResizeAxis yAxis = {rule, in.shape[2], out.shape[2], layer.scales[2], region[rank - 2], region[2 * rank - 2]};
-    const ResizeAxis xAxis = {rule, in.Width(), out.Width(), layer.scales[3], region[rank - 1], region[2 * rank - 1]};
+    const ResizeAxis xAxis = {rule, in.width, out.width, layer.scales[3], region[rank - 1], region[2 * rank - 1]};
     const bool extrapolate = layer.attr->extrapolate != 0;
-    if (in.desc.count == 0 && !extrapolate) {
+    if (in.count == 0 && !extrapolate) {
         return kSuccess;  // nothing to take
     }
     BilinearParams* const params = BuildBilinearParams(yAxis, xAxis, in.Pitch());

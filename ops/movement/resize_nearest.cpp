@@ -90,22 +90,16 @@ bool AreConsecutive(const uint32_t* columns, uint32_t count, uint32_t outside)
     return true;
 }
 
-bool Overlap(const ResizeTensor& a, const ResizeTensor& b)
-{
-    return a.data < b.data + b.Span() && b.data < a.data + a.Span();
-}
-
 // Where the tensors overlap, every element is read when its turn comes: the output may have overwritten it by then.
-void Sample(const ResizeTensor& in, const ResizeTensor& out, const OffsetTables& tables, const ColumnPicker& picker,
-            bool overlap)
+void Sample(const Input& in, const Output& out, const OffsetTables& tables, const ColumnPicker& picker, bool overlap)
 {
     const uint32_t* const extent = out.shape;
     const uint32_t outside = picker.outside;
     const uint32_t* const columns = tables[3];
     const bool consecutive = !overlap && AreConsecutive(columns, extent[3], outside);
     // Whole unless the output has more than four dimensions.
-    const bool wholeRows = !overlap && extent[3] == out.Width();
-    RowCursor cursor(out.Width(), out.Pitch());
+    const bool wholeRows = !overlap && extent[3] == out.width;
+    RowCursor cursor(out.width, out.Pitch());
     for (uint32_t n = 0; n < extent[0]; ++n) {
         for (uint32_t c = 0; c < extent[1]; ++c) {
             const uint32_t plane = tables[0][n] + tables[1][c];
@@ -137,18 +131,18 @@ void Sample(const ResizeTensor& in, const ResizeTensor& out, const OffsetTables&
 
 uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
 {
-    ResizeTensor in;
-    ResizeTensor out;
-    if (!ResolveResize(layer.param, &in, &out) || out.desc.count == 0) {
+    Input in;
+    Output out;
+    if (!ResolveResize(layer.param, &in, &out) || out.count == 0) {
         return kSuccess;
     }
     const bool extrapolate = layer.attr->extrapolate != 0;
-    if (in.desc.count == 0 && !extrapolate) {
+    if (in.count == 0 && !extrapolate) {
         return kSuccess;  // nothing to take
     }
     uint32_t strides[kAxes];
     for (int32_t axis = 0; axis < kAxes; ++axis) {
-        const int32_t inner = in.desc.dimNum - axis - 1;
+        const int32_t inner = in.dimNum - axis - 1;
         strides[axis] = inner > 0 ? ElementCount(in.shape + axis + 1, static_cast<uint32_t>(inner)) : 1;
     }
     const OffsetTables tables(out.shape);
@@ -156,7 +150,7 @@ uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
         Report(caller, "Malloc %ld failed!\n\n", static_cast<long>(tables.Bytes()));
         return kSuccess;  // as when the linear tables find no memory
     }
-    const NearestContext context = {static_cast<uint32_t>(in.desc.dimNum),
+    const NearestContext context = {static_cast<uint32_t>(in.dimNum),
                                     in.shape,
                                     out.shape,
                                     strides,
@@ -168,10 +162,10 @@ uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
     const uint32_t outside = OutsideOffset(context);
     for (int32_t axis = 0; axis < kAxes; ++axis) {
         BuildNearestOffsets(context, tables[axis], axis);
-        PadOffsets(tables[axis], out.shape[axis], in.Width(), in.Pitch(), outside);
+        PadOffsets(tables[axis], out.shape[axis], in.width, in.Pitch(), outside);
     }
-    const bool overlap = Overlap(in, out);
-    Sample(in, out, tables, {extrapolate || overlap, outside, layer.attr->extrapolationValue, in.Width()}, overlap);
+    const bool overlap = TensorsOverlap(in, out);
+    Sample(in, out, tables, {extrapolate || overlap, outside, layer.attr->extrapolationValue, in.width}, overlap);
     return kSuccess;
 }
 
