@@ -4,7 +4,7 @@
 #include "kernels/boxes.h"
 
 #include "common/smaller.h"
-#include "kernels/choose.h"
+#include "kernels/box_elements.h"
 #include "kernels/contract.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -33,21 +33,14 @@ bool OverlapsAny(const BoxBlock& block, size_t count, const BoxFields& box, floa
     return any != 0;
 }
 
-// Of the coordinates from low to high, both included; 0 when there are none, and for NaN.
-float CountBetween(float low, float high)
-{
-    const float count = high - low + 1.0f;
-    return Choose(count >= 0.0f, count, 0.0f);
-}
-
 void Suppress(const BoxBlock& block, size_t first, size_t end, const BoxFields& box, float threshold, uint32_t* keep)
 {
     assert(end <= kBoxBlock && Present(keep, end));
     for (size_t j = first; j < end; ++j) {
         const uint32_t apart = MaskOf(block.x1[j] > box.x2) | MaskOf(box.x1 > block.x2[j]) |
                                MaskOf(block.y1[j] > box.y2) | MaskOf(box.y1 > block.y2[j]);
-        const float width = CountBetween(Larger(box.x1, block.x1[j]), Smaller(box.x2, block.x2[j]));
-        const float height = CountBetween(Larger(box.y1, block.y1[j]), Smaller(box.y2, block.y2[j]));
+        const float width = InclusiveLength(Larger(box.x1, block.x1[j]), Smaller(box.x2, block.x2[j]));
+        const float height = InclusiveLength(Larger(box.y1, block.y1[j]), Smaller(box.y2, block.y2[j]));
         const float inter = width * height;
         const float uni = box.area + block.area[j] - inter;
         keep[j] &= apart | ~MaskOf(inter > threshold * uni);

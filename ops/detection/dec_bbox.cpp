@@ -25,11 +25,6 @@ constexpr uint32_t kScoreRow = 4;
 constexpr uint32_t kClassIdRow = 5;
 constexpr uint32_t kMaxClasses = 256;
 
-uint32_t FieldCount(uint32_t hasClassId)
-{
-    return hasClassId != 0 ? 6 : 5;
-}
-
 // Decodes [lo, hi] by a shift and a logarithmic size. Extents are inclusive, but the new high edge takes no -1.
 void DecodeAxis(float lo, float hi, float shift, float logSize, float* newLo, float* newHi)
 {

@@ -10,6 +10,7 @@
 
 #include "common/convert.h"
 #include "common/smaller.h"
+#include "kernels/box_elements.h"
 #include "kernels/boxes.h"
 #include "opkit/attributes/detection.h"
 #include "opkit/operators.h"
@@ -20,23 +21,11 @@ using namespace opkit;
 
 namespace {
 
-uint32_t FieldCount(uint32_t hasClassId)
-{
-    return hasClassId != 0 ? 6 : 5;
-}
-
-// Inclusive extent of an overlap; 0 when there is none, and for NaN.
-float Extent(float low, float high)
-{
-    const float extent = high - low + 1.0f;
-    return extent >= 0.0f ? extent : 0.0f;
-}
-
 // Intersection and union. What a NaN coordinate gives here does not matter: its box's area is NaN, and so is the union.
-void Overlap(const DetBox& a, const DetBox& b, float* inter, float* uni)
+void Intersect(const DetBox& a, const DetBox& b, float* inter, float* uni)
 {
-    const float width = Extent(Larger(a.x1, b.x1), Smaller(a.x2, b.x2));
-    const float height = Extent(Larger(a.y1, b.y1), Smaller(a.y2, b.y2));
+    const float width = InclusiveLength(Larger(a.x1, b.x1), Smaller(a.x2, b.x2));
+    const float height = InclusiveLength(Larger(a.y1, b.y1), Smaller(a.y2, b.y2));
     *inter = width * height;
     *uni = a.area + b.area - *inter;
 }
@@ -236,7 +225,7 @@ void InitArea(DetBox* boxes, uint32_t* count)
 
 void NmsOperator(DetBox* a, DetBox* b, float* inter, float* uni)
 {
-    Overlap(*a, *b, inter, uni);
+    Intersect(*a, *b, inter, uni);
 }
 
 uint32_t DoNms(DetBox* boxes, uint32_t* count, uint32_t maxKeep, float thresh)

@@ -13,7 +13,7 @@ using namespace opkit;
 namespace {
 
 // Places that one axis of window i spans, the padded ones included; the start is not clipped, the end is.
-uint32_t Extent(const PoolAxis& axis, uint32_t paddedSize, uint32_t i)
+uint32_t PaddedLength(const PoolAxis& axis, uint32_t paddedSize, uint32_t i)
 {
     return Smaller(axis.End(i), paddedSize) - static_cast<uint32_t>(axis.Start(i));
 }
@@ -80,12 +80,12 @@ int32_t PoolingAveOpkitForwardCore(LayerParam* param)
             columns.ForEachRun(plane, pitch, rows, count, [&](const PoolWindows& windows, uint32_t ow) {
                 Kernels<PoolingKernels>().sum(windows, outRow + ow);
             });
-            const uint32_t height = Extent(rowAxis, paddedH, oh);
+            const uint32_t height = PaddedLength(rowAxis, paddedH, oh);
             for (uint32_t ow = 0; ow < count;) {
                 const uint32_t end = columns.RunEnd(ow, count);
                 const uint32_t elements = rows.Length() * columns.axis.Clip(ow).Length();
                 if (includePad) {
-                    const uint32_t area = height * Extent(columns.axis, paddedW, ow);
+                    const uint32_t area = height * PaddedLength(columns.axis, paddedW, ow);
                     DivideWithPadding(outRow + ow, end - ow, area, elements, attr.padValue);
                 } else {
                     Divide(outRow + ow, end - ow, static_cast<float>(elements));
