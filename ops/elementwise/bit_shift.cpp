@@ -8,7 +8,8 @@
 #include "opkit/operators.h"
 #include "ops/elementwise/binary_frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 void WarnIfNegative(float a, float b, Caller caller = Here())
@@ -60,9 +61,6 @@ void ShiftRightRun(const float* a, size_t stepA, const float* b, size_t stepB, f
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t BitShiftOpkitForward(LayerParam* param)
 {

@@ -11,7 +11,8 @@
 #include "opkit/operators.h"
 #include "ops/elementwise/binary_frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 float WholeRemainder(float a, float b)
@@ -36,9 +37,6 @@ float FloatRemainder(float a, float b)
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t ModOpkitForward(LayerParam* param)
 {

@@ -8,7 +8,8 @@
 #include "opkit/operators.h"
 #include "ops/elementwise/binary_frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 constexpr uint32_t kInputs = 3;
@@ -24,9 +25,6 @@ void SelectRun(const float* const (&in)[kInputs], const uint32_t (&steps)[kInput
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t WhereOpkitForward(LayerParam* param)
 {

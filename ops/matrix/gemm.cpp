@@ -14,7 +14,8 @@
 #include "ops/matrix/product_plan.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 constexpr uint32_t kIndexOfC = 2;
@@ -46,9 +47,6 @@ void MultiplyMatrices(const GemmAttr& attr, const Input& a, const Input& b, cons
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t GemmOpkitForward(LayerParam* param)
 {

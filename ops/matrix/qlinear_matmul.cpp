@@ -11,7 +11,8 @@
 #include "ops/matrix/product_plan.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 constexpr int32_t kFullForm = 8;
@@ -56,9 +57,6 @@ int32_t Matrices(const Tensor& tensor)
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 void QLinearMatMulQuantize(float* data, int32_t count, int32_t mode, float scale, float zero)
 {

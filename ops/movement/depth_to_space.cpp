@@ -7,7 +7,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 // out[w * block + i] = in[i * step + w]: one output row takes from `block` source rows in turn.
@@ -79,9 +80,6 @@ void MoveBlocks(uint32_t strideIn, uint32_t strideOut, const float* in, float* o
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t DepthToSpaceOpkitForwardDCR(uint32_t strideIn, uint32_t strideOut, float* in, float* out, uint32_t N,
                                      uint32_t C, uint32_t H, uint32_t W, uint32_t block)

@@ -9,7 +9,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 // Calls take(index, row, column) for every index in order until one is refused; null, or that one.
@@ -83,9 +84,6 @@ const float* GatherSlices(const Input& data, const Input& indices, const Output&
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t GatherOpkitForward(LayerParam* param)
 {

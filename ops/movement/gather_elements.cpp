@@ -13,7 +13,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 void ClipRow(float* indices, uint32_t count, float low, float high)
@@ -95,9 +96,6 @@ LoopNest<1> PlanBaseRows(const Input& data, const Input& indices, int32_t axis)
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t GatherElementsOpkitForward(LayerParam* param)
 {

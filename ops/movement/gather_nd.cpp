@@ -10,7 +10,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 void CheckIndex(float* index, int32_t extent)
@@ -43,9 +44,6 @@ uint32_t SliceOf(float* tuple, uint32_t length, const uint32_t* shape)
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t GatherNDOpkitForward(LayerParam* param)
 {

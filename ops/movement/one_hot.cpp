@@ -11,7 +11,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 struct HotAxis {
@@ -50,9 +51,6 @@ const float* SetHot(float* indices, int32_t count, const HotAxis& axis, float on
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t OneHotOpkitForward(LayerParam* param)
 {

@@ -11,7 +11,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 // Whether the output's shape is the permuted shape of the input, with a number of elements that 32 bits hold.
@@ -125,9 +126,6 @@ bool PermuteByIndex(const Input& in, const Output& out, const uint32_t* perm)
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t PermuteOpkitForward(LayerParam* param)
 {

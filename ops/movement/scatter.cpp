@@ -13,7 +13,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 // False when an index lies outside [-extent, extent - 1].
@@ -54,9 +55,6 @@ void ScatterRun(const float* updates, const uint32_t* indices, uint32_t count, f
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t ScatterOpkitForward(LayerParam* param)
 {

@@ -12,7 +12,8 @@
 #include "opkit/operators.h"
 #include "runtime/frame.h"
 
-namespace opkit {
+using namespace opkit;
+
 namespace {
 
 struct ScatterInputs {
@@ -165,9 +166,6 @@ uint32_t ScatterNDOpkitForwardInner(LayerParam* param, const ScatterInputs& in)
 }
 
 }  // namespace
-}  // namespace opkit
-
-using namespace opkit;
 
 uint32_t ScatterNDOpkitForward(LayerParam* param)
 {
