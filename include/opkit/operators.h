@@ -189,18 +189,18 @@ OPKIT_API uint32_t ReductionOpkitForward(LayerParam* param);
  * element. Compacts its input, writes compactly and expands. Never fails; the input must be there. */
 OPKIT_API uint32_t CumSumOpkitForward(LayerParam* param);
 
-/* outputs[0], one index per lane = place of the smallest element of input 0 along axis (ArgminAttr); elements within
- * 1e-6 count as equal for the last place, not for the first. Padded rows on both sides; the work space holds one lane.
+/* outputs[0], one index per line = place of the smallest element of input 0 along axis (ArgminAttr); elements within
+ * 1e-6 count as equal for the last place, not for the first. Padded rows on both sides; the work space holds one line.
  * Fails silently when the input does not resolve. */
 OPKIT_API uint32_t ArgminOpkitForward(LayerParam* param);
 
-/* outputs[0] = 1.0 at the first largest element of each lane or block, else 0.0 (HardmaxAttr). A NaN in first place
+/* outputs[0] = 1.0 at the first largest element of each line or block, else 0.0 (HardmaxAttr). A NaN in first place
  * stays the largest. Compacts its input, writes compactly and expands. */
 OPKIT_API uint32_t HardmaxOpkitForward(LayerParam* param);
 
-/* The k first entries of every sorted lane of input 0 along axis: values, indices, or both (TopKAttr). k may come from
+/* The k first entries of every sorted line of input 0 along axis: values, indices, or both (TopKAttr). k may come from
  * inputs[1], an online tensor whatever the flags say. Padded rows on both sides, both outputs by the width of
- * outputs[0]; the work space holds one lane. What lies behind k stays untouched. */
+ * outputs[0]; the work space holds one line. What lies behind k stays untouched. */
 OPKIT_API uint32_t TopKOpkitForward(LayerParam* param);
 
 /* outputs[0] = the coordinates of input 0's non-zero elements: dimension k of the u-th one lies at k * count + u, zeros

@@ -1,16 +1,15 @@
-// Argmin: the place of the smallest element of every lane along one axis, as a float. Rows are read and written where
-// they lie.
+// Argmin: the place of the smallest element of every line along one axis, as a float. Rows: in place.
 //
-// The answer is the first entry of the lane's sorted entries, for which the merge need not go beyond one. Elements
-// within 1e-6 of each other are equal, but only where the strict test failed; a NaN is equal to nothing and above
-// nothing. The merge compares an entry with one of a later place, so where the first of equals counts the tolerance
-// never decides: without NaN the answer is the first smallest element.
+// The answer is what a merge sort of the line puts first. The merge compares a left entry with a right one of a later
+// place, and takes values within 1e-6 for equal where the left one is not greater. Where the last of equals counts,
+// that moves the answer: [1.0, 1.0000005] gives 1. Where the first counts it never does, so that without NaN, which is
+// equal to nothing and greater than nothing, the answer is the first smallest element.
 
 #include "common/float_compare.h"
 #include "kernels/selection.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
-#include "ops/selection/lanes.h"
+#include "ops/selection/lines.h"
 
 using namespace opkit;
 
@@ -30,14 +29,14 @@ struct SelectLast {
     }
 };
 
-// firstOf(lane, step, entries) leaves the answer in entries[0].
+// firstOf(line, step, entries) leaves the answer in entries[0].
 template <class FirstOf>
-void WritePlaces(const Input& in, int32_t axis, const Lanes& lanes, const Output& out, SortEntry* entries,
+void WritePlaces(const Input& in, int32_t axis, const Lines& lines, const Output& out, SortEntry* entries,
                  FirstOf firstOf)
 {
     TrapWithoutWidth(out.width);
     RowCursor place(out.width, out.Pitch());
-    ForEachPaddedLane(in, axis, lanes, [&](uint32_t, size_t start, size_t step) {
+    ForEachPaddedLine(in, axis, lines, [&](uint32_t, size_t start, size_t step) {
         firstOf(in.data + start, step, entries);
         out.data[place.Offset()] = static_cast<float>(entries[0].index);
         place.Advance(1);
@@ -64,24 +63,24 @@ uint32_t ArgminOpkitForward(LayerParam* param)
     }
     const Output out = OutputOf(param, 0);
     const ArgminAttr& attr = AttrOf<ArgminAttr>(param);
-    const Lanes lanes = LanesAlong(in, attr.axis);
-    if (lanes.count == 0) {
+    const Lines lines = LinesAlong(in, attr.axis);
+    if (lines.count == 0) {
         return kSuccess;
     }
     SortBuffer<SortEntry> buffer;
-    if (!buffer.Reserve(lanes.length)) {
-        Report(Here(), "Malloc %lu failed!\n\n", SortBuffer<SortEntry>::Bytes(lanes.length));
+    if (!buffer.Reserve(lines.length)) {
+        Report(Here(), "Malloc %lu failed!\n\n", SortBuffer<SortEntry>::Bytes(lines.length));
         return kFailure;
     }
     SortEntry* const entries = static_cast<SortEntry*>(param->opkitBuf);
     if (attr.selectLastIndex != 0) {
-        WritePlaces(in, attr.axis, lanes, out, entries, [&](const float* lane, size_t step, SortEntry* first) {
-            SortLane(lane, step, first, lanes.length, 1, buffer.Data(), SelectLast());
+        WritePlaces(in, attr.axis, lines, out, entries, [&](const float* line, size_t step, SortEntry* first) {
+            SortLine(line, step, first, lines.length, 1, buffer.Data(), SelectLast());
         });
     } else {
-        WritePlaces(in, attr.axis, lanes, out, entries, [&](const float* lane, size_t step, SortEntry* first) {
-            if (!Kernels<SelectionKernels>().smallest(lane, step, lanes.length, first, 1)) {
-                SortLane(lane, step, first, lanes.length, 1, buffer.Data(), SelectFirst());
+        WritePlaces(in, attr.axis, lines, out, entries, [&](const float* line, size_t step, SortEntry* first) {
+            if (!Kernels<SelectionKernels>().smallest(line, step, lines.length, first, 1)) {
+                SortLine(line, step, first, lines.length, 1, buffer.Data(), SelectFirst());
             }
         });
     }

@@ -1,7 +1,7 @@
 // CumSum: running sums along one axis. The input is compacted in place, the output written compactly and expanded, all
 // without a check or a message: there must be an input, and a last dimension.
 //
-// An exclusive sum is the inclusive one minus the element: the first of a lane is x - x, a NaN for an infinite x.
+// An exclusive sum is the inclusive one minus the element: the first of a line is x - x, a NaN for an infinite x.
 
 #include <cstddef>
 #include <cstring>
@@ -9,7 +9,7 @@
 #include "kernels/axis_lines.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
-#include "ops/selection/lanes.h"
+#include "ops/selection/lines.h"
 
 using namespace opkit;
 
@@ -22,7 +22,7 @@ void AddRows(const float* in, const float* previous, float* out, size_t count)
     }
 }
 
-// All lanes of a block [length, inner], row after row.
+// All lines of a block [length, inner], row after row.
 void SumRows(const float* in, float* out, size_t length, size_t inner, bool reverse)
 {
     size_t row = reverse ? length - 1 : 0;
@@ -41,15 +41,15 @@ void Subtract(const float* in, float* out, size_t count)
     }
 }
 
-void SumLanes(const float* in, float* out, const Lanes& lanes, bool reverse, bool exclusive)
+void SumLines(const float* in, float* out, const Lines& lines, bool reverse, bool exclusive)
 {
-    const size_t inner = lanes.inner;
-    const size_t total = size_t{lanes.count} * lanes.length;
+    const size_t inner = lines.inner;
+    const size_t total = size_t{lines.count} * lines.length;
     if (inner == 1) {
-        Kernels<AxisLineKernels>().runningSums(in, out, lanes.count, lanes.length, reverse);
+        Kernels<AxisLineKernels>().runningSums(in, out, lines.count, lines.length, reverse);
     }
-    for (size_t begin = 0; inner != 1 && begin < total; begin += inner * lanes.length) {
-        SumRows(in + begin, out + begin, lanes.length, inner, reverse);
+    for (size_t begin = 0; inner != 1 && begin < total; begin += inner * lines.length) {
+        SumRows(in + begin, out + begin, lines.length, inner, reverse);
     }
     if (exclusive) {
         Subtract(in, out, total);
@@ -64,7 +64,7 @@ uint32_t CumSumOpkitForward(LayerParam* param)
     Resolve(param, {&in}, Rows::kCompacting, Messages::kNone);
     const Output out = OutputOf(param, 0);
     const CumSumAttr& attr = AttrOf<CumSumAttr>(param);
-    SumLanes(in.data, out.data, LanesAlong(in, attr.axis), attr.reverse == 1, attr.exclusive != 0);
+    SumLines(in.data, out.data, LinesAlong(in, attr.axis), attr.reverse == 1, attr.exclusive != 0);
     ExpandOutputUnchecked(out);
     return kSuccess;
 }

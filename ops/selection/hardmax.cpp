@@ -1,5 +1,5 @@
-// Hardmax: 1.0 where the largest element of a lane stands, 0.0 elsewhere. Compacts its input, writes compactly and
-// expands. Up to opset 12 a lane is everything from the axis on, above it the elements along the axis.
+// Hardmax: 1.0 where the largest element of a line stands, 0.0 elsewhere. Compacts its input, writes compactly and
+// expands. Up to opset 12 a line is everything from the axis on, above it the elements along the axis.
 //
 // Of equal elements the first counts. A NaN never replaces a candidate, and one that comes first stays the candidate.
 
@@ -52,19 +52,19 @@ uint32_t HardmaxOpkitForward(LayerParam* param)
     }
     if (attr.opsetVersion <= 12) {
         const uint32_t outer = ShapeCount(in.shape, in.dimNum, 0, axis);
-        // An empty lane has its mark at the front too; there must be a place for it.
+        // An empty line has its mark at the front too; there must be a place for it.
         if (rest != 0 || out.count != 0) {
             MarkRows(in.data, out.data, outer, rest);
         }
     } else {
         const uint32_t length = in.shape[axis];
         const size_t inner = rest / length;
-        const size_t lanes = in.count / length;
+        const size_t lines = in.count / length;
         if (inner == 1) {
-            MarkRows(in.data, out.data, lanes, length);
+            MarkRows(in.data, out.data, lines, length);
         } else {
-            for (size_t lane = 0; lane < lanes; lane += inner) {
-                MarkColumns(in.data + lane * length, out.data + lane * length, inner, length, inner);
+            for (size_t line = 0; line < lines; line += inner) {
+                MarkColumns(in.data + line * length, out.data + line * length, inner, length, inner);
             }
         }
     }

@@ -1,19 +1,18 @@
-// TopK: sorts every lane along one axis and writes its first k entries: values, their places along the axis as floats,
-// or both. Rows are read and written where they lie.
+// TopK: sorts every line along one axis and writes its first k entries: values, their places along the axis as floats,
+// or both. Rows: in place, both outputs' by the width of output 0.
 //
-// Equal values keep the order of their places. Values within 1e-6 of each other count as equal only where the strict
-// test failed, so that for two such values both orders may answer 1: which pairs the merge compares decides. It always
-// compares an entry on the left with one of a later place on the right, so the tolerance, which asks for a later place
-// on the left, never decides there: without NaN the order is the plain stable one, whose first entries can be selected.
-// With NaN the merge runs, as far as the first k entries need it. A k beyond the lane writes what the work space holds
-// behind the sorted entries.
+// The order is that of a merge sort. Its merge compares a left entry with a right one of a later place. The exported
+// comparators take values within 1e-6 for equal, but only when the left entry has the later place, so that in the merge
+// this never counts: without NaN the order is the plain stable one, and its first entries may as well be selected. A
+// NaN is neither above nor below anything, and what comes out depends on which pairs meet: such lines are merged, as
+// far as the first k entries need it. A k beyond the line writes what the work space holds behind the sorted entries.
 
 #include "common/convert.h"
 #include "common/float_compare.h"
 #include "kernels/selection.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
-#include "ops/selection/lanes.h"
+#include "ops/selection/lines.h"
 
 using namespace opkit;
 
@@ -36,30 +35,30 @@ struct Ascending {
 // The same for the merge, where a is the one with the earlier place.
 struct MergesDescending {
     int32_t operator()(const SortEntry& a, const SortEntry& b) const { return b.value > a.value ? 1 : -1; }
-    bool Select(const float* lane, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
+    bool Select(const float* line, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
     {
-        return Kernels<SelectionKernels>().largest(lane, step, length, entries, k);
+        return Kernels<SelectionKernels>().largest(line, step, length, entries, k);
     }
 };
 
 struct MergesAscending {
     int32_t operator()(const SortEntry& a, const SortEntry& b) const { return a.value > b.value ? 1 : -1; }
-    bool Select(const float* lane, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
+    bool Select(const float* line, size_t step, uint32_t length, SortEntry* entries, uint32_t k) const
     {
-        return Kernels<SelectionKernels>().smallest(lane, step, length, entries, k);
+        return Kernels<SelectionKernels>().smallest(line, step, length, entries, k);
     }
 };
 
 constexpr uint32_t kMostSelected = 32;  // above, merging costs less than moving entries up one by one
 
-// Sorts the first k entries of a lane, or all when k is beyond it.
+// Sorts the first k entries of a line, or all when k is beyond it.
 template <class Order>
-void FirstEntries(const float* lane, size_t step, uint32_t length, uint32_t k, SortEntry* entries, SortEntry* buffer,
+void FirstEntries(const float* line, size_t step, uint32_t length, uint32_t k, SortEntry* entries, SortEntry* buffer,
                   Order order)
 {
     const uint32_t keep = k < length ? k : length;
-    if (keep > kMostSelected || !order.Select(lane, step, length, entries, keep)) {
-        SortLane(lane, step, entries, length, keep, buffer, order);
+    if (keep > kMostSelected || !order.Select(line, step, length, entries, keep)) {
+        SortLine(line, step, entries, length, keep, buffer, order);
     }
 }
 
@@ -73,7 +72,7 @@ struct Sink {
 
     // Writes element(j) at compact index first + j * inner, for j below k.
     template <class Element>
-    void WriteLane(uint32_t first, uint32_t inner, uint32_t k, Element element) const
+    void WriteLine(uint32_t first, uint32_t inner, uint32_t k, Element element) const
     {
         const uint32_t column = first % width;
         float* const to = data + size_t{first / width} * pitch + column;
@@ -118,17 +117,17 @@ Sinks SinksOf(const LayerParam* param, const TopKAttr& attr)
 }
 
 template <class Order>
-void WriteTopK(const Input& in, int32_t axis, const Lanes& lanes, uint32_t k, const Sinks& sinks, SortEntry* entries,
+void WriteTopK(const Input& in, int32_t axis, const Lines& lines, uint32_t k, const Sinks& sinks, SortEntry* entries,
                SortEntry* buffer, Order order)
 {
-    ForEachPaddedLane(in, axis, lanes, [&](uint32_t g, size_t start, size_t step) {
-        FirstEntries(in.data + start, step, lanes.length, k, entries, buffer, order);
-        const uint32_t first = g / lanes.inner * (k * lanes.inner) + g % lanes.inner;
+    ForEachPaddedLine(in, axis, lines, [&](uint32_t g, size_t start, size_t step) {
+        FirstEntries(in.data + start, step, lines.length, k, entries, buffer, order);
+        const uint32_t first = g / lines.inner * (k * lines.inner) + g % lines.inner;
         if (sinks.values) {
-            sinks.values.WriteLane(first, lanes.inner, k, [entries](uint32_t j) { return entries[j].value; });
+            sinks.values.WriteLine(first, lines.inner, k, [entries](uint32_t j) { return entries[j].value; });
         }
         if (sinks.indices) {
-            sinks.indices.WriteLane(first, lanes.inner, k,
+            sinks.indices.WriteLine(first, lines.inner, k,
                                     [entries](uint32_t j) { return static_cast<float>(entries[j].index); });
         }
     });
@@ -156,21 +155,21 @@ uint32_t TopKOpkitForward(LayerParam* param)
     // The count's input is the second online tensor, whatever the flags of the logical inputs say.
     const uint32_t k =
         attr.k == OPKIT_TOPK_K_FROM_INPUT ? TruncateToU32(*static_cast<const float*>(param->inputs[1].data)) : attr.k;
-    const Lanes lanes = LanesAlong(in, attr.axis);
-    if (lanes.count == 0 || k == 0 || (attr.hasValues == 0 && attr.hasIndices == 0)) {
+    const Lines lines = LinesAlong(in, attr.axis);
+    if (lines.count == 0 || k == 0 || (attr.hasValues == 0 && attr.hasIndices == 0)) {
         return kSuccess;
     }
     SortBuffer<SortEntry> buffer;
-    if (!buffer.Reserve(lanes.length)) {
-        Report(Here(), "Malloc %lu failed!\n\n", SortBuffer<SortEntry>::Bytes(lanes.length));
+    if (!buffer.Reserve(lines.length)) {
+        Report(Here(), "Malloc %lu failed!\n\n", SortBuffer<SortEntry>::Bytes(lines.length));
         return kFailure;
     }
     SortEntry* const entries = static_cast<SortEntry*>(param->opkitBuf);
     const Sinks sinks = SinksOf(param, attr);
     if (attr.largest != 0) {
-        WriteTopK(in, attr.axis, lanes, k, sinks, entries, buffer.Data(), MergesDescending());
+        WriteTopK(in, attr.axis, lines, k, sinks, entries, buffer.Data(), MergesDescending());
     } else {
-        WriteTopK(in, attr.axis, lanes, k, sinks, entries, buffer.Data(), MergesAscending());
+        WriteTopK(in, attr.axis, lines, k, sinks, entries, buffer.Data(), MergesAscending());
     }
     return kSuccess;
 }

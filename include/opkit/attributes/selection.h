@@ -48,7 +48,7 @@ typedef struct CumSumAttr {
     LayerAttrHead head;    /*    0 */
     uint32_t reserved3924; /* 3924 */
     uint32_t exclusive;    /* 3928  non-zero: a sum leaves out its own element */
-    uint32_t reverse;      /* 3932  exactly 1: from the end of the lane */
+    uint32_t reverse;      /* 3932  exactly 1: from the end of the line */
     int32_t axis;          /* 3936  0 to dimNum - 1 */
 } CumSumAttr;
 OPKIT_OFFSET(CumSumAttr, exclusive, 3928);
@@ -56,7 +56,7 @@ OPKIT_OFFSET(CumSumAttr, reverse, 3932);
 OPKIT_OFFSET(CumSumAttr, axis, 3936);
 OPKIT_SIZE(CumSumAttr, 3940);
 
-/* Argmin: place of the smallest element of every lane along axis. Work space: 8 bytes per element of a lane. */
+/* Argmin: place of the smallest element of every line along axis. Work space: 8 bytes per element of a line. */
 typedef struct ArgminAttr {
     LayerAttrHead head;       /*    0 */
     uint32_t reserved3924;    /* 3924 */
@@ -73,7 +73,7 @@ typedef struct HardmaxAttr {
     LayerAttrHead head;    /*    0 */
     uint32_t reserved3924; /* 3924 */
     int32_t axis;          /* 3928  a negative one counts from the end */
-    int32_t opsetVersion;  /* 3932  up to 12: one 1.0 per block of axis and all behind it; above: one per lane along
+    int32_t opsetVersion;  /* 3932  up to 12: one 1.0 per block of axis and all behind it; above: one per line along
                             *        axis */
 } HardmaxAttr;
 OPKIT_OFFSET(HardmaxAttr, axis, 3928);
@@ -83,12 +83,12 @@ OPKIT_SIZE(HardmaxAttr, 3936);
 /* TopKAttr.k: the count comes from the second input. */
 #define OPKIT_TOPK_K_FROM_INPUT 0xFFFFFFFFu
 
-/* TopK: sorts every lane along axis and writes the first k entries. The values go to outputs[0] and the indices to
- * outputs[1], or the indices to outputs[0] without hasValues. Work space: 8 bytes per element of a lane. */
+/* TopK: sorts every line along axis and writes the first k entries. The values go to outputs[0] and the indices to
+ * outputs[1], or the indices to outputs[0] without hasValues. Work space: 8 bytes per element of a line. */
 typedef struct TopKAttr {
     LayerAttrHead head;    /*    0 */
     uint32_t reserved3924; /* 3924 */
-    uint32_t k;            /* 3928  entries per lane; OPKIT_TOPK_K_FROM_INPUT takes k from the second input */
+    uint32_t k;            /* 3928  entries per line; OPKIT_TOPK_K_FROM_INPUT takes k from the second input */
     int32_t axis;          /* 3932  0 to dimNum - 1 */
     uint32_t largest;      /* 3936  non-zero: descending, else ascending */
     uint32_t hasValues;    /* 3940  non-zero: write the values */

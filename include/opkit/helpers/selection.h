@@ -24,7 +24,7 @@ OPKIT_API void GetReductionDistant(uint32_t* inDistant, uint32_t* outDistant, ui
  * Returns 0 with a message when align or width is 0. Threads: no state. */
 OPKIT_API uint32_t GetReductionRealIdx(uint32_t idx, uint32_t align, uint32_t width);
 
-/* A lane's element with its place along the axis. */
+/* A line's element with its place along the axis. */
 typedef struct SortEntry {
     float value;   /* 0 */
     int32_t index; /* 4 */
@@ -32,7 +32,7 @@ typedef struct SortEntry {
 OPKIT_OFFSET(SortEntry, index, 4);
 OPKIT_SIZE(SortEntry, 8);
 
-/* Comparators of a lane. A merge that takes its left entry unless the result is above 0 sorts with them; a sort that
+/* Comparators of a line. A merge that takes its left entry unless the result is above 0 sorts with them; a sort that
  * relies on a negative result, or on a and b exchanged giving the opposite, does not. "Equal" is IsEqualFloat, which
  * only counts where the strict test failed. With a NaN they give the last value named. Threads: no state.
  *   LessCompareSelectFirst  ascending: 1 if a is above b, or equal with the higher index; else 0

@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "opkit/opkit.h"
-#include "tests/reference/lanes.h"
+#include "tests/reference/lines.h"
 #include "tests/support/alloc_fault.h"
 #include "tests/support/twin.h"
 
@@ -34,9 +34,9 @@ LayerCase ArgminCase(const Shape& shape, const std::vector<float>& data, int32_t
     return layer;
 }
 
-float ArgminOf(const std::vector<float>& lane, uint32_t last)
+float ArgminOf(const std::vector<float>& line, uint32_t last)
 {
-    World world(ArgminCase({static_cast<uint32_t>(lane.size())}, lane, 0, last, {1}));
+    World world(ArgminCase({static_cast<uint32_t>(line.size())}, line, 0, last, {1}));
     EXPECT_EQ(world.RunDirect(ArgminOpkitForward), 0u);
     return world.Output()[0];
 }
@@ -99,7 +99,7 @@ TEST(Argmin, UnresolvedInputIsSilent)
     EXPECT_EQ(run.messages, "");
 }
 
-TEST(Argmin, NoLanes)
+TEST(Argmin, NoLines)
 {
     LayerCase layer("ArgminOpkitForward");
     layer.Online({0, 3}, {}).Output({2}).Workspace(24);

@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "opkit/opkit.h"
-#include "tests/reference/lanes.h"
+#include "tests/reference/lines.h"
 #include "tests/support/twin.h"
 
 namespace opkit {

@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "opkit/opkit.h"
-#include "tests/reference/lanes.h"
+#include "tests/reference/lines.h"
 #include "tests/support/alloc_fault.h"
 #include "tests/support/twin.h"
 
@@ -39,11 +39,11 @@ struct TopKResult {
     std::vector<float> indices;
 };
 
-TopKResult TopKOf(const std::vector<float>& lane, uint32_t k, uint32_t largest)
+TopKResult TopKOf(const std::vector<float>& line, uint32_t k, uint32_t largest)
 {
-    const auto count = static_cast<uint32_t>(lane.size());
+    const auto count = static_cast<uint32_t>(line.size());
     LayerCase layer("TopKOpkitForward");
-    layer.Online({count}, lane).Output({k}).Output({k}).Workspace(8 * count);
+    layer.Online({count}, line).Output({k}).Output({k}).Workspace(8 * count);
     SetTopK(layer, k, 0, largest);
     World world(layer);
     EXPECT_EQ(world.RunDirect(TopKOpkitForward), 0u);
@@ -147,8 +147,8 @@ TEST(TopK, WhichOutputs)
     }
 }
 
-// A k beyond the lane goes on with what the work space holds.
-TEST(TopK, CountBeyondLane)
+// A k beyond the line goes on with what the work space holds.
+TEST(TopK, CountBeyondLine)
 {
     LayerCase layer("TopKOpkitForward");
     layer.Online({2, 2}, {1, 2, 4, 3}).Output({2, 3}).Output({2, 3}, 16).Workspace(24);
@@ -179,8 +179,8 @@ TEST(TopK, OneWidthForBothOutputs)
     ExpectSameAsReference(layer, TopKOpkitForward, RefTopK);
 }
 
-// A lane that is longer than the output's rows goes on in the next ones.
-TEST(TopK, LanesOverSeveralRows)
+// A line that is longer than the output's rows goes on in the next ones.
+TEST(TopK, LinesOverSeveralRows)
 {
     LayerCase layer("TopKOpkitForward");
     layer.Online({2, 5}, {1, 2, 3, 4, 5, 10, 9, 8, 7, 6}).Output({4, 3}, 16).Output({4, 3}, 16).Workspace(40);
@@ -197,7 +197,7 @@ TEST(TopK, LanesOverSeveralRows)
     ExpectSameAsReference(layer, TopKOpkitForward, RefTopK);
 }
 
-TEST(TopK, NoLanes)
+TEST(TopK, NoLines)
 {
     LayerCase layer("TopKOpkitForward");
     layer.Online({0, 3}, {}).Output({2}).Workspace(24);
@@ -294,7 +294,7 @@ TEST(TopK, SameAsReference)
     });
 }
 
-TEST(TopK, LongLanes)
+TEST(TopK, LongLines)
 {
     for (const uint32_t count : {127u, 128u, 129u, 1000u, 4097u}) {
         for (const uint32_t largest : {0u, 1u}) {
@@ -309,8 +309,8 @@ TEST(TopK, LongLanes)
     }
 }
 
-// Few entries of long lanes: selected where no NaN stands in the lane, from wherever one stands merged.
-TEST(TopK, FewOfLongLanes)
+// Few entries of long lines: selected where no NaN stands in the line, from wherever one stands merged.
+TEST(TopK, FewOfLongLines)
 {
     ForRandomCases(120, [](Random& random) {
         const auto count = static_cast<uint32_t>(random.Int(1, 700));

@@ -1,6 +1,6 @@
-// Literal forms of the operators that walk lanes: CumSum, Argmin, Hardmax, TopK.
-#ifndef OPKIT_TESTS_REFERENCE_LANES_H
-#define OPKIT_TESTS_REFERENCE_LANES_H
+// Literal forms of the operators that walk lines: CumSum, Argmin, Hardmax, TopK.
+#ifndef OPKIT_TESTS_REFERENCE_LINES_H
+#define OPKIT_TESTS_REFERENCE_LINES_H
 
 #include "opkit/attributes/selection.h"
 #include "opkit/helpers/selection.h"
@@ -89,9 +89,9 @@ inline int32_t RefTopkAsc(const SortEntry& a, const SortEntry& b)
     return RefIsEqual(a.value, b.value) && a.index > b.index ? 1 : -1;
 }
 
-// Lane g of the input, sorted.
+// Line g of the input, sorted.
 template <class Compare>
-std::vector<SortEntry> RefSortedLane(const RefTensor& in, uint32_t g, uint32_t axisLen, uint32_t inner, Compare compare)
+std::vector<SortEntry> RefSortedLine(const RefTensor& in, uint32_t g, uint32_t axisLen, uint32_t inner, Compare compare)
 {
     std::vector<SortEntry> entries(axisLen);
     uint32_t flat = (g / inner) * (axisLen * inner) + g % inner;
@@ -115,9 +115,9 @@ inline uint32_t RefArgmin(LayerParam* param)
     const uint32_t axisLen = in.shape[attr.axis];
     const uint32_t groups = in.count / axisLen;
     for (uint32_t g = 0; g < groups; ++g) {
-        const auto lane = RefSortedLane(in, g, axisLen, RefInner(in, attr.axis),
+        const auto line = RefSortedLine(in, g, axisLen, RefInner(in, attr.axis),
                                         attr.selectLastIndex != 0 ? RefLessLast : RefLessFirst);
-        RefAt(out, g) = static_cast<float>(lane[0].index);
+        RefAt(out, g) = static_cast<float>(line[0].index);
     }
     return 0;
 }
@@ -143,8 +143,8 @@ inline uint32_t RefTopK(LayerParam* param)
     const uint32_t groups = in.count / axisLen;
     auto* buffer = static_cast<SortEntry*>(param->opkitBuf);
     for (uint32_t g = 0; g < groups; ++g) {
-        const auto lane = RefSortedLane(in, g, axisLen, inner, attr.largest != 0 ? RefTopkDec : RefTopkAsc);
-        std::memcpy(buffer, lane.data(), lane.size() * sizeof(SortEntry));
+        const auto line = RefSortedLine(in, g, axisLen, inner, attr.largest != 0 ? RefTopkDec : RefTopkAsc);
+        std::memcpy(buffer, line.data(), line.size() * sizeof(SortEntry));
         uint32_t flat = (g / inner) * (k * inner) + g % inner;
         for (uint32_t j = 0; j < k; ++j) {
             if (attr.hasValues != 0) {
@@ -186,8 +186,8 @@ inline uint32_t RefHardmax(LayerParam* param)
     const bool old = attr.opsetVersion <= 12;
     const uint32_t inner = old ? 1 : rest / axisLen;
     const uint32_t length = old ? rest : axisLen;
-    const uint32_t lanes = old ? outer : in.count / axisLen;
-    for (uint32_t g = 0; g < lanes; ++g) {
+    const uint32_t lines = old ? outer : in.count / axisLen;
+    for (uint32_t g = 0; g < lines; ++g) {
         const uint32_t start = (g / inner) * length * inner + g % inner;
         uint32_t best = 0;
         for (uint32_t c = 1; c < length; ++c) {
@@ -202,4 +202,4 @@ inline uint32_t RefHardmax(LayerParam* param)
 
 }  // namespace opkit::reference
 
-#endif  // OPKIT_TESTS_REFERENCE_LANES_H
+#endif  // OPKIT_TESTS_REFERENCE_LINES_H
