@@ -1,6 +1,6 @@
 // DecBbox: decodes region proposals into boxes by centre-and-size deltas, clips them, and lays them out per class in
-// field rows. Starts the detection chain: thresholds and counts go to this thread's objects. Compacts its inputs,
-// writes compactly and expands.
+// field rows. Starts the detection chain: thresholds and counts go to this thread's objects.
+// Rows: compacting.
 //
 // There are deltas for two classes, and both are decoded even where classNum is 1; further classes take the second
 // one's boxes and their own scores. A proposal count with a fraction decodes one box more than it counts.

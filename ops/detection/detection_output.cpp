@@ -1,6 +1,6 @@
 // DetectionOutput: one stage of the detection chain - suppression, filter or sort - over the box lists of all classes.
-// The stage is an attribute; the layer names FilterBox, Sort and NMS all lead here. Compacts its input, works on
-// records, writes compactly and expands.
+// The stage is an attribute; the layer names FilterBox, Sort and NMS all lead here.
+// Rows: compacting.
 //
 // How many boxes a list holds, and the thresholds, come from this thread's objects and go back there: the tensors carry
 // no counts. Counts are clamped after the boxes are written, so a sort may write more than it reports.

@@ -1,5 +1,4 @@
-// The two row treatments of the activations with parameters: row by row in padded memory with rows `alignNum` apart,
-// not rounded up to the width; and padded reads with compact writes, expanded at the end.
+// What the activations with parameters share: comparing shapes, and walking rows by stepping or by expanding.
 #ifndef OPKIT_OPS_ELEMENTWISE_ACTIVATION_FRAME_H
 #define OPKIT_OPS_ELEMENTWISE_ACTIVATION_FRAME_H
 
@@ -36,9 +35,9 @@ inline bool SameDimensions(const Input& in, const Output& out, Shown shown, Call
     return true;
 }
 
-// Calls run(in, out, length) over the rows of two tensors of one shape. A width of 0 is a division fault.
+// Stepping: calls run(in, out, length) over the rows of two tensors of one shape. A width of 0 is a division fault.
 template <class Run>
-void ForEachAlignedRow(const Input& in, const Output& out, Run run)
+void ForEachSteppedRow(const Input& in, const Output& out, Run run)
 {
     const uint32_t rows = out.count / out.width;
     if (in.alignNum == out.width && out.alignNum == out.width) {
@@ -50,9 +49,9 @@ void ForEachAlignedRow(const Input& in, const Output& out, Run run)
     }
 }
 
-// Calls run(in, out, length) over the elements of the input in its padded rows, with a compact output.
+// Expanding: calls run(in, out, length) over the elements of the input in its padded rows, with a compact output.
 template <class Run>
-void ForEachPaddedToCompact(const Input& in, const Output& out, Run run)
+void ForEachRunToExpand(const Input& in, const Output& out, Run run)
 {
     if (in.count == 0) {
         return;  // before the pitch, which may be a division by zero

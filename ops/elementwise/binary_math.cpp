@@ -1,6 +1,7 @@
 // BinaryMath: sum, difference, product, quotient or maximum of two broadcast inputs, in f32.
 // A b within the zero tolerance makes product and quotient +0.0 whatever a is, so the product does not commute; the
-// maximum is b unless a is strictly greater. Rows: in place.
+// maximum is b unless a is strictly greater.
+// Rows: in place.
 
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"

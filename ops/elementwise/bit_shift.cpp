@@ -1,6 +1,6 @@
 // BitShift: shifts input 0, cut to an unsigned 64-bit number, by input 1 modulo 64, and rounds the result to f32.
-// A negative operand is warned of, element by element, and computed like any other: -1.0 is 2^64 - 1. Rows are read and
-// written where they lie, and gaps stay untouched.
+// A negative operand is warned of, element by element, and computed like any other: -1.0 is 2^64 - 1.
+// Rows: in place.
 
 #include "common/convert.h"
 #include "kernels/shift.h"

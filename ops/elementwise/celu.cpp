@@ -1,6 +1,6 @@
 // Celu: max(0, x) + min(0, alpha * (exp(x / alpha) - 1)). The quotient rounds to f32, the rest runs in f64. NaN gives
 // +0.0: it is neither at least 0 nor leads to a negative second term.
-// Rows are read and written where they lie, by the unrounded stride; gaps stay untouched.
+// Rows: stepping.
 
 #include "kernels/exponentials.h"
 #include "opkit/attributes/elementwise.h"
@@ -24,7 +24,7 @@ uint32_t CeluOpkitForward(LayerParam* param)
         Report(Here(), "alpha is zero! \n\n");
         return kFailure;
     }
-    ForEachAlignedRow(in, out, [alpha](const float* from, float* to, uint32_t length) {
+    ForEachSteppedRow(in, out, [alpha](const float* from, float* to, uint32_t length) {
         Kernels<ExponentialKernels>().celu(from, to, length, alpha);
     });
     return kSuccess;

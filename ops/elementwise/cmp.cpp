@@ -1,6 +1,7 @@
 // Cmp: 1.0 where a comparison of two broadcast inputs holds, else 0.0. Only equal and not equal have a tolerance, on
 // the f32 difference, so that equal infinities differ and 1.0000001 is both greater than 1.0 and equal to it.
-// Rows are read and written where they lie, and gaps stay untouched. An unknown comparison computes nothing.
+// An unknown comparison computes nothing.
+// Rows: in place.
 
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"

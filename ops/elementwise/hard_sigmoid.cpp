@@ -1,5 +1,5 @@
 // HardSigmoid: x * alpha + beta, limited to 0 and 1; product and sum round by themselves, and NaN passes.
-// Rows are read where they lie; the output is written compactly and expanded.
+// Rows: expanding.
 
 #include "kernels/activation.h"
 #include "opkit/attributes/elementwise.h"
@@ -18,7 +18,7 @@ uint32_t HardSigmoidOpkitForward(LayerParam* param)
     const float alpha = AttrOf<HardSigmoidAttr>(param).alpha;
     const float beta = AttrOf<HardSigmoidAttr>(param).beta;
     const auto hardSigmoid = Kernels<ActivationKernels>().hardSigmoid;
-    ForEachPaddedToCompact(
+    ForEachRunToExpand(
         in, out, [=](const float* from, float* to, uint32_t length) { hardSigmoid(from, to, length, alpha, beta); });
     return ExpandOutputChecked(out);
 }

@@ -1,7 +1,6 @@
 // Logical: and, or, xor of two broadcast inputs, or not of one, as 1.0 and 0.0. False is what lies within the zero
-// tolerance, so NaN is true.
-// Inputs are compacted in place, each before the next is resolved; the output is written compactly and expanded, also
-// for an unknown operation, which computes nothing.
+// tolerance, so NaN is true. An unknown operation computes nothing.
+// Rows: compacting.
 
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"

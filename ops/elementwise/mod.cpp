@@ -1,6 +1,6 @@
 // Mod: remainder of two broadcast inputs. Of whole numbers it has the divisor's sign, of floats the dividend's, and a
 // zero divisor gives +0.0: one that truncates to 0 there, one within the zero tolerance here.
-// Inputs are read where they lie; the output is written compactly and expanded.
+// Rows: expanding.
 
 #include <cmath>
 

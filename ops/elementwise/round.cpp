@@ -1,7 +1,7 @@
 // Round: ceiling, floor, or nearest with halves to even. A half is recognised with a tolerance and then loses exactly
 // 0.5, so 3.4999995 gives 2. Ceiling and floor keep the sign bit of what becomes zero, halves do not.
-// Rows are read where they lie; the output is written compactly and expanded, also for an unknown mode, which computes
-// nothing.
+// An unknown mode computes nothing.
+// Rows: expanding.
 
 #include "kernels/activation.h"
 #include "kernels/round_elements.h"
@@ -28,7 +28,7 @@ uint32_t RoundOpkitForward(LayerParam* param)
     }
     const uint32_t mode = AttrOf<RoundAttr>(param).roundMode;
     if (mode <= OPKIT_ROUND_NEAREST) {
-        ForEachPaddedToCompact(in, out, Kernels<ActivationKernels>().round[mode]);
+        ForEachRunToExpand(in, out, Kernels<ActivationKernels>().round[mode]);
     }
     return ExpandOutputChecked(out);
 }

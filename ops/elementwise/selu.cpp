@@ -1,6 +1,6 @@
 // Selu: x * gamma above 0, exp(x - alpha) * alpha * gamma elsewhere. alpha is subtracted inside the exponent and
 // nothing from the exponential, so the two sides do not meet at 0. The lower side runs in f64; NaN takes the upper.
-// Rows are read where they lie; the output is written compactly and expanded.
+// Rows: expanding.
 
 #include "kernels/exponentials.h"
 #include "opkit/attributes/elementwise.h"
@@ -18,7 +18,7 @@ uint32_t SeluOpkitForward(LayerParam* param)
     const Output out = OutputOf(param, 0);
     const float alpha = AttrOf<SeluAttr>(param).alpha;
     const float gamma = AttrOf<SeluAttr>(param).gamma;
-    ForEachPaddedToCompact(in, out, [=](const float* from, float* to, uint32_t length) {
+    ForEachRunToExpand(in, out, [=](const float* from, float* to, uint32_t length) {
         Kernels<ExponentialKernels>().selu(from, to, length, alpha, gamma);
     });
     return ExpandOutputChecked(out);

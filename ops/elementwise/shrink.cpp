@@ -1,5 +1,5 @@
 // Shrink: x + bias below -lambd, x - bias above lambd, +0.0 between and for NaN.
-// Rows are read where they lie; the output is written compactly and expanded.
+// Rows: expanding.
 
 #include "kernels/activation.h"
 #include "opkit/attributes/elementwise.h"
@@ -18,7 +18,7 @@ uint32_t ShrinkOpkitForward(LayerParam* param)
     const float bias = AttrOf<ShrinkAttr>(param).bias;
     const float lambd = AttrOf<ShrinkAttr>(param).lambd;
     const auto shrink = Kernels<ActivationKernels>().shrink;
-    ForEachPaddedToCompact(
-        in, out, [=](const float* from, float* to, uint32_t length) { shrink(from, to, length, bias, lambd); });
+    ForEachRunToExpand(in, out,
+                       [=](const float* from, float* to, uint32_t length) { shrink(from, to, length, bias, lambd); });
     return ExpandOutputChecked(out);
 }

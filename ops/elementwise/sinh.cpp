@@ -1,5 +1,5 @@
-// Sinh: computed in f64. The input is compacted in place, the output written compactly and expanded, all without a
-// check or a message: there must be an input and a last dimension.
+// Sinh: computed in f64. There are no checks and no messages: there must be an input and a last dimension.
+// Rows: compacting.
 
 #include "kernels/exponentials.h"
 #include "opkit/operators.h"

@@ -1,5 +1,5 @@
 // Sqrt: the f32 square root of an input that may broadcast; below zero a NaN.
-// The input is compacted in place; the output is written compactly and expanded.
+// Rows: compacting.
 
 #include "opkit/attributes/elementwise.h"
 #include "opkit/operators.h"

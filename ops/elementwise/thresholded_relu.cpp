@@ -1,5 +1,5 @@
 // ThresholdedRelu: x where it lies above alpha, +0.0 elsewhere and for NaN.
-// Rows are read and written where they lie, by the unrounded stride; gaps stay untouched.
+// Rows: stepping.
 
 #include "kernels/activation.h"
 #include "opkit/attributes/elementwise.h"
@@ -20,7 +20,7 @@ uint32_t ThresholdedReluOpkitForward(LayerParam* param)
     }
     const float alpha = AttrOf<ThresholdedReluAttr>(param).alpha;
     const auto threshold = Kernels<ActivationKernels>().threshold;
-    ForEachAlignedRow(in, out,
+    ForEachSteppedRow(in, out,
                       [=](const float* from, float* to, uint32_t length) { threshold(from, to, length, alpha); });
     return kSuccess;
 }

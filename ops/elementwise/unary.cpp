@@ -1,5 +1,5 @@
-// The sixteen unary operators: one input, one output, no attributes. All but Acosh walk padded rows on both sides and
-// leave their input alone; Acosh compacts its input, computes compactly and expands the output.
+// The sixteen unary operators: one input, one output, no attributes.
+// Rows: in place, but compacting for Acosh.
 //
 // Precision differs on purpose: acosh, and the formulas of Sigmoid, Softplus and Softsign, run in f64.
 

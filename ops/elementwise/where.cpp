@@ -1,6 +1,6 @@
 // Where: input 1 where the condition, input 0, is true, else input 2, all three broadcast. Bits move unchanged, and a
 // NaN condition is true.
-// Inputs are compacted in place, each before the next is resolved; the output is written compactly and expanded.
+// Rows: compacting.
 
 #include "common/float_compare.h"
 #include "common/move_floats.h"

@@ -1,5 +1,6 @@
 // Det: determinant of every square matrix of a stack, by elimination with full pivoting in f32 and a product of the
-// pivots in f64. Compacts X and leaves it eliminated, also in the model buffer; computes compactly, expands.
+// pivots in f64. X is left eliminated, also in the model buffer.
+// Rows: compacting.
 //
 // Entries within 1e-6 of zero are not eliminated. A NaN on the diagonal stays the pivot; elsewhere none becomes it.
 

@@ -1,5 +1,5 @@
 // Gemm: Y = alpha * op(A) * op(B) + beta * C over a stack of matrices, C optional and broadcast to Y.
-// Compacts its inputs, computes compactly, expands.
+// Rows: compacting.
 //
 // With C the products accumulate onto the broadcast C in the work space; Y is cleared in between and copied at the end.
 // Without C they accumulate onto the cleared Y, so that a NaN or infinite beta still makes NaN. The number of matrices

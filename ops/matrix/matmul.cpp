@@ -1,6 +1,6 @@
 // MatMul: Y[i] = A[i % batch of A] * B[i % batch of B], matrix by matrix of a stack.
-// Compacts its inputs, computes compactly, expands. Sizes come from A's shape and Y's width; of B only the number of
-// matrices counts.
+// Sizes come from A's shape and Y's width; of B only the number of matrices counts.
+// Rows: compacting.
 
 #include "opkit/operators.h"
 #include "ops/matrix/product_plan.h"

@@ -1,6 +1,6 @@
 // QLinearMatMul: a product of quantised values held as floats, in three forms told apart by the declared input count:
 // plain, with zero points, with scales and zero points. Only the last one rounds, at the end; nothing is clamped.
-// Compacts its inputs, computes compactly, expands.
+// Rows: compacting.
 //
 // A and B are dequantised where they lie, also in the model buffer: every further batch item or request dequantises a
 // constant again. Scales and zero points are read when they are used.

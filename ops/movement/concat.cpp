@@ -1,6 +1,6 @@
-// Concat: joins inputs along an axis, each with its own extent there; the other extents are the first input's.
-// Padded inputs are compacted and stay so, the output is written compactly and expanded at the end. Nothing is printed:
-// a missing input fails silently and leaves what was joined so far unexpanded.
+// Concat: joins inputs along an axis, each with its own extent there; the other extents are the first input's. Nothing
+// is printed: a missing input fails silently and leaves what was joined so far unexpanded.
+// Rows: compacting.
 
 #include "common/move_floats.h"
 #include "opkit/attributes/movement.h"

@@ -1,6 +1,6 @@
 // DepthToSpace: [N, C, H, W] becomes [N, C / b^2, H * b, W * b]; each block of b x b outputs takes its elements from
-// b^2 channels. Padded rows on both sides, gaps untouched. The input's stride is that of the first online tensor even
-// when the data is offline.
+// b^2 channels. The input's stride is that of the first online tensor even when the data is offline.
+// Rows: in place.
 
 #include "common/move_floats.h"
 #include "opkit/attributes/movement.h"

@@ -1,5 +1,6 @@
-// Expand: broadcasts the input to the output's shape. An extent that neither matches nor is 1 wraps around.
-// Compacts the input and expands the output; leaves the stride records of both in the attribute block.
+// Expand: broadcasts the input to the output's shape. An extent that neither matches nor is 1 wraps around. The stride
+// records of both stay in the attribute block.
+// Rows: compacting.
 
 #include "common/broadcast.h"
 #include "opkit/attributes/movement.h"

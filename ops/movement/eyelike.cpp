@@ -1,5 +1,6 @@
 // Eyelike: zeros of the input's two extents with ones down a single column; the walk never moves sideways, so this is
-// no diagonal. The input's values do not count, yet it is compacted; the output is written compactly and expanded.
+// no diagonal.
+// Rows: compacting, although the input's values do not count.
 
 #include "common/bounded_memory.h"
 #include "opkit/attributes/movement.h"

@@ -1,4 +1,5 @@
-// Gather: slices of the data along an axis, one per index. Rows are read and written in place by the unrounded strides.
+// Gather: slices of the data along an axis, one per index.
+// Rows: stepping.
 //
 // An index is truncated to its low 32 bits and multiplied as it stands: a negative or too large one that still leads
 // into the data tensor is followed, one that leads out of it fails the layer.

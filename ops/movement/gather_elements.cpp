@@ -1,5 +1,6 @@
 // GatherElements: out[i][j] = data[indices[i][j]][j], for an axis of 0 in two dimensions; each index has its element's
-// own coordinates except along the axis. Rows are read and written in place, padded.
+// own coordinates except along the axis.
+// Rows: in place.
 //
 // Indices are first clipped to [-D, D - 1], in the index tensor itself, then rounded. The sign that decides whether D
 // is added is that of the unrounded index, so one just below 0 becomes D, one past the axis. That, and NaN, may lead

@@ -1,5 +1,5 @@
 // GatherND: slices of the data by tuples of indices, behind a number of batch dimensions that data and indices share.
-// One tuple per padded row of the indices; slices are packed into the output with the data's own row padding.
+// Rows: stepping, one tuple per row of the indices; slices are packed into the output with the data's own gaps.
 //
 // Indices out of range are clipped in the index tensor, with a message each: to D - 1 above, but to 0 below. The
 // position is one running sum that is truncated after every component, and both additions are f32. A tuple that covers

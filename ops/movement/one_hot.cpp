@@ -1,5 +1,6 @@
 // OneHot: the first of two values everywhere, the second at one position per index along the axis. The depth is the
-// output's extent there. Compacts indices and values, writes the output compactly and expands it.
+// output's extent there.
+// Rows: compacting.
 //
 // The values tensor is the one behind the flag of logical input 2; flag 1 is not looked at and skips no tensor.
 // Adjusted indices go back into the index tensor.

@@ -1,9 +1,10 @@
 // Pad: adds a constant, the mirror image or the edge around a tensor, and crops where a count is negative.
+// Rows: expanding.
 //
-// One forward pass over the output, which is written compactly and expanded at the end. Each kept input row is copied
-// with its innermost padding around it; whenever an outer axis completes, that axis's padding is made from what the
-// output already holds. Inner axes without padding are merged first. The arrays lie in the work space in an order that
-// the model compiler knows, and where it gives one of them less room than is written, the next one is overwritten.
+// One forward pass over the output. Each kept input row is copied with its innermost padding around it; whenever an
+// outer axis completes, that axis's padding is made from what the output already holds. Inner axes without padding are
+// merged first. The arrays lie in the work space in an order that the model compiler knows, and where it gives one of
+// them less room than is written, the next one is overwritten.
 
 #include <cstring>
 

@@ -1,4 +1,5 @@
-// Permute: axis d of the output is axis perm[d] of the input. Reads padded rows, writes compactly, expands at the end.
+// Permute: axis d of the output is axis perm[d] of the input.
+// Rows: expanding.
 //
 // A walk whose output shape is the permuted input shape runs over merged axes, row by row or plane by plane. Any other
 // combination of perm and shapes still has a meaning, by index arithmetic on the compact pitches of both shapes; it is

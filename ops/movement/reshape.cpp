@@ -1,6 +1,7 @@
-// Reshape: the same elements in the same order under another row width, from padded rows to padded rows.
+// Reshape: the same elements in the same order under another row width.
 // The target width comes from the attribute, and the input's stride from the first online tensor even when the data is
 // offline: such a layer carries a tensor record that describes the constant.
+// Rows: in place.
 
 #include "common/move_floats.h"
 #include "opkit/attributes/movement.h"

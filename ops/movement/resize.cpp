@@ -1,5 +1,6 @@
 // Resize: resamples a tensor [N, C, H, W] to the shape of the output. Scales and output shape are not checked against
 // each other. Here: which region of interest and which scales count; the two sampling modes have files of their own.
+// Rows: in place.
 
 #include "ops/movement/resize.h"
 

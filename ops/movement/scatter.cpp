@@ -1,8 +1,8 @@
 // Scatter: a copy of the data in which updates replace elements; each update has its own coordinates except along the
 // axis, where its index stands. The last of several updates to one element wins.
+// Rows: compacting.
 //
-// Compacts all three inputs, writes the output compactly and expands it. Indices are rounded, checked, all of them
-// before the output is touched, and kept as whole numbers in the work space.
+// Indices are rounded, checked, all of them before the output is touched, and kept as whole numbers in the work space.
 
 #include <algorithm>
 

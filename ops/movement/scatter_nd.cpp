@@ -1,5 +1,5 @@
-// ScatterND: a copy of the data in which tuples of indices name slices that updates replace, in order. Nothing is
-// compacted: all offsets count padded elements, and one tuple stands at the start of each row of the indices.
+// ScatterND: a copy of the data in which tuples of indices name slices that updates replace, in order.
+// Rows: in place, the output's stepping; all offsets count padded elements, one tuple per row of the indices.
 //
 // A slice is as long as the updates' padded rows make it, its tail goes along. Pitches and offsets live in the work
 // space, whose size is checked. All tuples are resolved before the first slice is written, so a refused index leaves

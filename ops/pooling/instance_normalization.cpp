@@ -1,5 +1,6 @@
 // InstanceNormalization: every plane to its own mean and variance, then scaled and shifted per channel, in the form
-// x * a + (bias - mean * a). Compacts its inputs, writes compactly and expands; the work space must hold one plane.
+// x * a + (bias - mean * a). The work space must hold one plane.
+// Rows: compacting.
 //
 // The biased variance takes two passes over the plane, and all sums run in f32 in index order. epsilon is a whole
 // number. Only the last four dimensions count.

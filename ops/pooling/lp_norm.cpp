@@ -1,4 +1,5 @@
-// LpNorm: divides every vector along one axis by its p-norm. Compacts its input, writes compactly and expands.
+// LpNorm: divides every vector along one axis by its p-norm.
+// Rows: compacting.
 //
 // The norm is taken over magnitudes truncated to whole numbers, the division over the elements as they are: a vector of
 // elements between -1 and 1 has norm 0 and is divided by it.

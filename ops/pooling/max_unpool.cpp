@@ -1,6 +1,6 @@
 // MaxUnpool: puts pooled values back at the positions inside their output plane that a max pooling recorded; all other
-// elements are zeros. Reads padded rows, writes compactly and expands. Of several values for one position the last
-// wins.
+// elements are zeros. Of several values for one position the last wins.
+// Rows: expanding.
 
 #include <cstring>
 

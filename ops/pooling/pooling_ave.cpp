@@ -1,4 +1,5 @@
-// PoolingAve: mean of every window over the last two dimensions. Reads and writes padded rows in place.
+// PoolingAve: mean of every window over the last two dimensions.
+// Rows: in place.
 //
 // With countIncludePad padded places count as padValue, as far as bottom and right padding reach; without, only
 // elements count, and a window without any ends the operator. The operator succeeds whatever its core says.

@@ -1,4 +1,5 @@
-// PoolingLp: norm of every window over the last two dimensions. Compacts its input, writes compactly and expands.
+// PoolingLp: norm of every window over the last two dimensions.
+// Rows: compacting.
 //
 // normP 1 is the sum of magnitudes, 2 the Euclidean norm, anything else the bare sum of squares.
 

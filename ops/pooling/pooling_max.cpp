@@ -1,5 +1,6 @@
 // PoolingMax: largest element of every window over the last two dimensions, the first in scan order of equals, and on
-// request its position in the plane. Reads and writes padded rows in place.
+// request its position in the plane.
+// Rows: in place.
 //
 // The fill before the scan counts rows by the output's alignment, not by its pitch, and windows start from what then
 // stands in the output: with an alignment below the width some of it is what the output held before. padValue takes

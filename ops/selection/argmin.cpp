@@ -1,4 +1,5 @@
-// Argmin: the place of the smallest element of every line along one axis, as a float. Rows: in place.
+// Argmin: the place of the smallest element of every line along one axis, as a float.
+// Rows: in place.
 //
 // The answer is what a merge sort of the line puts first. The merge compares a left entry with a right one of a later
 // place, and takes values within 1e-6 for equal where the left one is not greater. Where the last of equals counts,
@@ -36,7 +37,7 @@ void WritePlaces(const Input& in, int32_t axis, const Lines& lines, const Output
 {
     TrapWithoutWidth(out.width);
     RowCursor place(out.width, out.Pitch());
-    ForEachPaddedLine(in, axis, lines, [&](uint32_t, size_t start, size_t step) {
+    ForEachLine(in, axis, lines, [&](uint32_t, size_t start, size_t step) {
         firstOf(in.data + start, step, entries);
         out.data[place.Offset()] = static_cast<float>(entries[0].index);
         place.Advance(1);

@@ -1,5 +1,6 @@
-// CumSum: running sums along one axis. The input is compacted in place, the output written compactly and expanded, all
-// without a check or a message: there must be an input, and a last dimension.
+// CumSum: running sums along one axis. There are no checks and no messages: there must be an input, and a last
+// dimension.
+// Rows: compacting.
 //
 // An exclusive sum is the inclusive one minus the element: the first of a line is x - x, a NaN for an infinite x.
 

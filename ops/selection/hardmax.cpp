@@ -1,5 +1,6 @@
-// Hardmax: 1.0 where the largest element of a line stands, 0.0 elsewhere. Compacts its input, writes compactly and
-// expands. Up to opset 12 a line is everything from the axis on, above it the elements along the axis.
+// Hardmax: 1.0 where the largest element of a line stands, 0.0 elsewhere. Up to opset 12 a line is everything
+// from the axis on, above it the elements along the axis.
+// Rows: compacting.
 //
 // Of equal elements the first counts. A NaN never replaces a candidate, and one that comes first stays the candidate.
 

@@ -24,7 +24,7 @@ inline Lines LinesAlong(const Input& in, int32_t axis)
 // Calls visit(g, start, step) for every line in order, of which there is at least one: where its first element lies in
 // the padded rows, and how far apart its elements lie there.
 template <class Visit>
-void ForEachPaddedLine(const Input& in, int32_t axis, const Lines& lines, Visit visit)
+void ForEachLine(const Input& in, int32_t axis, const Lines& lines, Visit visit)
 {
     const size_t pitch = in.Pitch();
     const bool alongRow = axis == in.dimNum - 1;

@@ -1,5 +1,5 @@
-// NonZero: the coordinates of all elements whose magnitude exceeds 1e-6, NaN included. Reads padded rows, writes
-// compactly and expands.
+// NonZero: the coordinates of all elements whose magnitude exceeds 1e-6, NaN included.
+// Rows: expanding.
 //
 // The result [dimNum, count] is packed by the count that is found, not by the output's last dimension; zeros fill the
 // rest of the output. Nothing reports the count.

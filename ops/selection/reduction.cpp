@@ -1,5 +1,6 @@
-// Reduction: folds any set of axes by sum, norm, mean, logarithm, extreme or product. Rows are read and written where
-// they lie. The accumulators are the output's own elements, and each takes its inputs in ascending flat order.
+// Reduction: folds any set of axes by sum, norm, mean, logarithm, extreme or product. The accumulators are the
+// output's own elements, and each takes its inputs in ascending flat order.
+// Rows: in place.
 //
 // Departures from the textbook: the extremes start from the largest finite floats, so that infinities of the other sign
 // and NaN never enter; the mean divides by the integer quotient of the two element counts; the sum of exponentials

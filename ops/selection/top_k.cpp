@@ -1,5 +1,6 @@
 // TopK: sorts every line along one axis and writes its first k entries: values, their places along the axis as floats,
-// or both. Rows: in place, both outputs' by the width of output 0.
+// or both.
+// Rows: in place, both outputs' by the width of output 0.
 //
 // The order is that of a merge sort. Its merge compares a left entry with a right one of a later place. The exported
 // comparators take values within 1e-6 for equal, but only when the left entry has the later place, so that in the merge
@@ -120,7 +121,7 @@ template <class Order>
 void WriteTopK(const Input& in, int32_t axis, const Lines& lines, uint32_t k, const Sinks& sinks, SortEntry* entries,
                SortEntry* buffer, Order order)
 {
-    ForEachPaddedLine(in, axis, lines, [&](uint32_t g, size_t start, size_t step) {
+    ForEachLine(in, axis, lines, [&](uint32_t g, size_t start, size_t step) {
         FirstEntries(in.data + start, step, lines.length, k, entries, buffer, order);
         const uint32_t first = g / lines.inner * (k * lines.inner) + g % lines.inner;
         if (sinks.values) {

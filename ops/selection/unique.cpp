@@ -1,6 +1,6 @@
 // Unique: the distinct slices of a tensor along one axis, or its distinct elements, with the place where each was first
-// seen, the entry that every position maps to, and how often each occurs. Compacts its input, writes four outputs
-// compactly and expands them by their own shapes, however many entries there are.
+// seen, the entry that every position maps to, and how often each occurs.
+// Rows: compacting; all four outputs are expanded by their own shapes, however many entries there are.
 //
 // Slices are equal when all floats are: +0.0 and -0.0 are one, a NaN makes a slice of its own. A NaN orders like an
 // equal element, so it leaves what the merge compares to decide. Only `sorted` 1 renumbers the mapping; any other
