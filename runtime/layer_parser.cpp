@@ -34,7 +34,7 @@ bool SetShape(const ForwardParam& param, const TensorRecord& record, TensorInfo*
     tensor->reserved = 0;
     tensor->batch = 1;
     tensor->dimNum = record.shapeSize >> 2;
-    if (!FitsWrapping(record.shapeOffset, record.shapeSize, LayerTableExtent(param))) {
+    if (!FitsWrapping(record.shapeOffset, record.shapeSize, LayerTableSize(param))) {
         return false;
     }
     tensor->shape = reinterpret_cast<uint32_t*>(Address(LayerTableBase(param), record.shapeOffset));
@@ -119,28 +119,28 @@ TensorInfo* AllocateTensors(uint32_t count, Caller caller = Here())
 
 uint32_t CheckLayerParam(ForwardParam* param, uint32_t layerOffset)
 {
-    const uint32_t extent = LayerTableExtent(*param);
-    if (layerOffset > extent || uint64_t{layerOffset} + sizeof(LayerRecord) > extent) {
+    const uint32_t tableSize = LayerTableSize(*param);
+    if (layerOffset > tableSize || uint64_t{layerOffset} + sizeof(LayerRecord) > tableSize) {
         return ReportBufferSize();
     }
     const LayerRecord& record = LayerRecordAt(*param, layerOffset);
-    if (!FitsWrapping(record.nameOffset, record.nameSize, extent)) {
+    if (!FitsWrapping(record.nameOffset, record.nameSize, tableSize)) {
         return ReportBufferSize();
     }
     if (record.inputNum > OPKIT_MAX_LAYER_INPUTS) {
         Report(Here(), "Input num %u larger than %d!\n", record.inputNum, OPKIT_MAX_LAYER_INPUTS);
         return kFailure;
     }
-    if (!TableFits(record.inputTableOffset, record.inputNum, extent)) {
+    if (!TableFits(record.inputTableOffset, record.inputNum, tableSize)) {
         return ReportBufferSize();
     }
     if (record.outputNum > OPKIT_MAX_LAYER_OUTPUTS) {
         Report(Here(), "Output num %u larger than %d!\n", record.outputNum, OPKIT_MAX_LAYER_OUTPUTS);
         return kFailure;
     }
-    if (!TableFits(record.outputTableOffset, record.outputNum, extent) ||
+    if (!TableFits(record.outputTableOffset, record.outputNum, tableSize) ||
         !FitsWrapping(record.bufOffset, record.bufSize, param->opkitBufSize) ||
-        !FitsWrapping(record.attrOffset, record.attrSize, extent)) {
+        !FitsWrapping(record.attrOffset, record.attrSize, tableSize)) {
         return ReportBufferSize();
     }
     return kSuccess;

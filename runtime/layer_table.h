@@ -23,7 +23,7 @@ inline uint8_t* LayerTableBase(const ForwardParam& request)
 }
 
 // Bytes from the layer table to the end of the model buffer.
-inline uint32_t LayerTableExtent(const ForwardParam& request)
+inline uint32_t LayerTableSize(const ForwardParam& request)
 {
     return request.modelSize - OffsetsOf(request).layerTableOffset;
 }

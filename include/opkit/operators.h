@@ -176,7 +176,7 @@ OPKIT_API uint32_t MaxUnpoolOpkitForward(LayerParam* param);
  * Fails when a plane exceeds the work space or the output's size; silently when an input does not resolve. */
 OPKIT_API uint32_t InstanceNormalizationOpkitForward(LayerParam* param);
 
-/* outputs[0] = input 0, each vector along axis divided by its p-norm, for which elements are truncated to whole numbers
+/* outputs[0] = input 0, each line along axis divided by its p-norm, for which elements are truncated to whole numbers
  * (LpNormAttr). A norm of 0 is divided by all the same. Rows: compacting. */
 OPKIT_API uint32_t LpNormOpkitForward(LayerParam* param);
 

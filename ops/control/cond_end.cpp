@@ -8,12 +8,6 @@
 
 using namespace opkit;
 
-namespace {
-
-constexpr uint32_t kRefused = 1;
-
-}  // namespace
-
 uint32_t IfBranch(LayerParam* param)
 {
     param->segId = OPKIT_NO_SEGMENT;  // stands even when a tensor fails
@@ -65,7 +59,7 @@ uint32_t CondEndOpkitForward(LayerParam* param)
         return LoopBranch(param);
     }
     if (attr.scanBranch == 0) {
-        Report(Here(), "Unrecong cmp type for if opkit propagation.\n");
+        Report(Here(), "Unrecong cmp type for if opkit propagation.\n");  // spelt so
         return kRefused;
     }
     return ScanBranch(param);

@@ -4,13 +4,11 @@
 #include "common/float_compare.h"
 #include "opkit/attributes/control.h"
 #include "opkit/operators.h"
-#include "runtime/frame.h"
+#include "ops/control/pass_tensors.h"
 
 using namespace opkit;
 
 namespace {
-
-constexpr uint32_t kUnknownCode = 1;
 
 // The first element of the cursor's next operand. Neither counts nor ranks are looked at.
 float NextFirstElement(InputCursor* cursor)
@@ -38,8 +36,8 @@ uint32_t IfOpkitForward(LayerParam* param)
         } else if (attr.cmpType == OPKIT_IF_EQUAL) {
             holds = NearlyEqual(a, b);
         } else {
-            Report(Here(), "Unrecong cmp type for if opkit propagation.\n");
-            return kUnknownCode;
+            Report(Here(), "Unrecong cmp type for if opkit propagation.\n");  // spelt so
+            return kRefused;
         }
     }
     *static_cast<float*>(param->outputs[0].data) = holds ? 1.0f : 0.0f;

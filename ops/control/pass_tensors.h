@@ -1,10 +1,13 @@
-// What the operators at a branch's border do: logical input first + i goes to output i.
+// What control operators share. At a branch's border logical input first + i goes to output i.
 #ifndef OPKIT_OPS_CONTROL_PASS_TENSORS_H
 #define OPKIT_OPS_CONTROL_PASS_TENSORS_H
 
 #include "runtime/frame.h"
 
 namespace opkit {
+
+// What a control operator returns besides its message, when it is told to do what it does not know.
+constexpr uint32_t kRefused = 1;
 
 // Copies one tensor with row conversion; false, silently, when the input does not resolve.
 inline bool PassTensor(LayerParam* param, uint32_t input, uint32_t output)

@@ -25,7 +25,7 @@ constexpr uint32_t kScoreRow = 4;
 constexpr uint32_t kClassIdRow = 5;
 constexpr uint32_t kMaxClasses = 256;
 
-// Decodes [lo, hi] by a shift and a logarithmic size. Extents are inclusive, but the new high edge takes no -1.
+// Decodes [lo, hi] by a shift and a logarithmic size. Sizes include both ends, but the new high edge takes no -1.
 void DecodeAxis(float lo, float hi, float shift, float logSize, float* newLo, float* newHi)
 {
     const float size = (hi - lo) + 1.0f;
@@ -197,7 +197,7 @@ uint32_t DecBboxOpkitForward(LayerParam* param)
     const Output out = OutputOf(param, 0);
     float* const count = inputs[3].data;
     if (InitRpn(inputs[2].data, count, attr.mergeClasses, attr.classNum) != kSuccess) {
-        Report(Here(), "init rpn falied.\n\n");
+        Report(Here(), "init rpn falied.\n\n");  // spelt so
         return kFailure;
     }
     if (memset_s(out.data, out.size, 0, out.size) != 0) {

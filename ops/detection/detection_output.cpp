@@ -196,6 +196,16 @@ void WriteCounts(const DetectionOutputAttr& attr, float* counts)
     }
 }
 
+// The message is spelt so; whoever searches logs for it relies on that.
+uint32_t RunOrReport(LayerParam* param, Caller caller = Here())
+{
+    if (DetectionOutputOpkitForward(param) != kSuccess) {
+        Report(caller, "%s falied.\n\n", caller.function);
+        return kFailure;
+    }
+    return kSuccess;
+}
+
 }  // namespace
 
 void Input2Bbox(const float* data, DetBox* boxes, uint32_t classNum, uint32_t hasClassId, uint32_t classCapacity)
@@ -353,27 +363,15 @@ uint32_t DetectionOutputOpkitForward(LayerParam* param)
 
 uint32_t FilterBoxOpkitForward(LayerParam* param)
 {
-    if (DetectionOutputOpkitForward(param) != kSuccess) {
-        Report(Here(), "FilterBoxOpkitForward falied.\n\n");
-        return kFailure;
-    }
-    return kSuccess;
+    return RunOrReport(param);
 }
 
 uint32_t SortOpkitForward(LayerParam* param)
 {
-    if (DetectionOutputOpkitForward(param) != kSuccess) {
-        Report(Here(), "SortOpkitForward falied.\n\n");
-        return kFailure;
-    }
-    return kSuccess;
+    return RunOrReport(param);
 }
 
 uint32_t NMSOpkitForward(LayerParam* param)
 {
-    if (DetectionOutputOpkitForward(param) != kSuccess) {
-        Report(Here(), "NMSOpkitForward falied.\n\n");
-        return kFailure;
-    }
-    return kSuccess;
+    return RunOrReport(param);
 }

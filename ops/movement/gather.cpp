@@ -32,15 +32,15 @@ const float* ForEachIndex(const Input& indices, uint32_t rows, Take take)
 // Along the last axis: single elements, written in rows of the indices' width.
 const float* GatherFromRows(const Input& data, const Input& indices, const Output& out, uint32_t outer)
 {
-    const size_t extent = data.Span();
+    const size_t span = data.Span();
     const uint32_t rows = indices.count / indices.width;
-    const size_t outOuterPitch = size_t{rows} * out.alignNum;
+    const size_t outOuterStep = size_t{rows} * out.alignNum;
     for (uint32_t o = 0; o < outer; ++o) {
-        float* const to = out.data + o * outOuterPitch;
+        float* const to = out.data + o * outOuterStep;
         const uint32_t rowStart = data.alignNum * o;
         const float* refused = ForEachIndex(indices, rows, [&](float index, uint32_t row, uint32_t column) {
             const uint32_t from = TruncateToU32(index) + rowStart;
-            if (from >= extent) {
+            if (from >= span) {
                 return false;
             }
             to[size_t{row} * out.alignNum + column] = data.data[from];
@@ -58,19 +58,19 @@ const float* GatherSlices(const Input& data, const Input& indices, const Output&
 {
     const int32_t last = data.dimNum - 1;
     const uint32_t inner = ShapeCount(data.shape, data.dimNum, axis + 1, last);
-    const uint32_t inPitch = data.alignNum * inner;
-    const uint32_t inOuterPitch = data.alignNum * ShapeCount(data.shape, data.dimNum, axis, last);
+    const uint32_t inStep = data.alignNum * inner;
+    const uint32_t inOuterStep = data.alignNum * ShapeCount(data.shape, data.dimNum, axis, last);
     if (inner == 0 || data.width == 0) {
         return nullptr;
     }
     const size_t reach = size_t{data.alignNum} * (inner - 1) + data.width;
-    const size_t extent = data.Span();
+    const size_t span = data.Span();
     const uint32_t rows = indices.count / indices.width;
     float* to = out.data;
     for (uint32_t o = 0; o < outer; ++o) {
         const float* refused = ForEachIndex(indices, rows, [&](float index, uint32_t, uint32_t) {
-            const uint32_t from = TruncateToU32(index) * inPitch + inOuterPitch * o;
-            if (from + reach > extent) {
+            const uint32_t from = TruncateToU32(index) * inStep + inOuterStep * o;
+            if (from + reach > span) {
                 return false;
             }
             MoveRows(to, out.alignNum, data.data + from, data.alignNum, inner, data.width);

@@ -3,7 +3,7 @@
 //
 // Indices out of range are clipped in the index tensor, with a message each: to D - 1 above, but to 0 below. The
 // position is one running sum that is truncated after every component, and both additions are f32. A tuple that covers
-// all remaining dimensions counts single elements and leaves the last dimension out of the batch pitch.
+// all remaining dimensions counts single elements and leaves the last dimension out of the step between batches.
 
 #include "common/convert.h"
 #include "opkit/attributes/movement.h"
@@ -58,22 +58,22 @@ uint32_t GatherNDOpkitForward(LayerParam* param)
     const uint32_t tuples = ShapeCount(indices.shape, indices.dimNum, batchDims, indices.dimNum - 1);
     const uint32_t batches = ShapeCount(indices.shape, indices.dimNum, 0, batchDims);
     uint32_t slice = 1;
-    uint32_t batchPitch = ShapeCount(data.shape, data.dimNum, batchDims, last);
+    uint32_t batchStep = ShapeCount(data.shape, data.dimNum, batchDims, last);
     if (data.dimNum != batchDims + length) {
         slice = ShapeCount(data.shape, data.dimNum, batchDims + length, last) * data.alignNum;
-        batchPitch *= data.alignNum;
+        batchStep *= data.alignNum;
     }
     if (static_cast<int32_t>(batches) < 1 || static_cast<int32_t>(tuples) < 1) {
         return kSuccess;
     }
-    const int64_t extent = static_cast<int64_t>(data.Span());
+    const int64_t span = static_cast<int64_t>(data.Span());
     float* tuple = indices.data;
     float* to = static_cast<float*>(param->outputs[0].data);
     for (uint32_t b = 0; b < batches; ++b) {
         for (uint32_t t = 0; t < tuples; ++t) {
             const uint32_t position = SliceOf(tuple, indices.width, data.shape + batchDims);
-            const int64_t from = int64_t{b} * batchPitch + static_cast<int32_t>(position * slice);
-            if (from < 0 || from + slice > extent) {
+            const int64_t from = int64_t{b} * batchStep + static_cast<int32_t>(position * slice);
+            if (from < 0 || from + slice > span) {
                 Report(Here(), "GatherND index %f reads outside the data.\n\n",
                        length > 0 ? static_cast<double>(tuple[length - 1]) : 0.0);
                 return kFailure;

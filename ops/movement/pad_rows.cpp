@@ -8,8 +8,8 @@
 namespace opkit {
 namespace {
 
-// The padding of one axis around `extent` finished blocks of `pitch` floats, the rows of the innermost axis with a
-// pitch of 1. Mirrored blocks must lie inside the tensor.
+// The padding of one axis around its finished blocks of `step` floats, single elements on the innermost axis. Mirrored
+// blocks must lie inside the tensor.
 struct Padder {
     uint32_t mode;
     float constant;
@@ -17,63 +17,63 @@ struct Padder {
     const float* end;
 
     // Copies `count` blocks from `from` downward to `to` upward, up to the first that lies outside.
-    bool Mirror(float* to, const float* from, uint32_t count, uint32_t pitch) const
+    bool Mirror(float* to, const float* from, uint32_t count, uint32_t step) const
     {
         if (count == 0) {
             return true;
         }
-        if (from < begin || end - from < ptrdiff_t{pitch}) {
+        if (from < begin || end - from < ptrdiff_t{step}) {
             return false;
         }
         const size_t above = static_cast<size_t>(from - begin);
-        const bool fits = above >= size_t{count - 1} * pitch;
-        const uint32_t blocks = fits ? count : static_cast<uint32_t>(above / pitch) + 1;
-        if (pitch == 1) {
+        const bool fits = above >= size_t{count - 1} * step;
+        const uint32_t blocks = fits ? count : static_cast<uint32_t>(above / step) + 1;
+        if (step == 1) {
             for (uint32_t k = 0; k < blocks; ++k) {
                 to[k] = from[-ptrdiff_t{k}];
             }
             return fits;
         }
         for (uint32_t k = 0; k < blocks; ++k) {
-            std::memcpy(to + size_t{k} * pitch, from - size_t{k} * pitch, size_t{pitch} * sizeof(float));
+            std::memcpy(to + size_t{k} * step, from - size_t{k} * step, size_t{step} * sizeof(float));
         }
         return fits;
     }
 
-    static void Repeat(float* to, const float* from, uint32_t count, uint32_t pitch)
+    static void Repeat(float* to, const float* from, uint32_t count, uint32_t step)
     {
-        if (pitch == 1) {
+        if (step == 1) {
             PadAxisConstant(to, static_cast<int32_t>(count), *from);
             return;
         }
-        for (uint32_t k = 0; k < count; ++k, to += pitch) {
-            std::memcpy(to, from, size_t{pitch} * sizeof(float));
+        for (uint32_t k = 0; k < count; ++k, to += step) {
+            std::memcpy(to, from, size_t{step} * sizeof(float));
         }
     }
 
-    bool Before(float* blocks, uint32_t count, uint32_t pitch) const
+    bool Before(float* blocks, uint32_t count, uint32_t step) const
     {
-        float* const to = blocks - size_t{count} * pitch;
+        float* const to = blocks - size_t{count} * step;
         if (mode == OPKIT_PAD_REFLECT) {
-            return Mirror(to, blocks + size_t{count} * pitch, count, pitch);
+            return Mirror(to, blocks + size_t{count} * step, count, step);
         }
         if (mode == OPKIT_PAD_EDGE) {
-            Repeat(to, blocks, count, pitch);
+            Repeat(to, blocks, count, step);
         } else {
-            PadAxisConstant(to, static_cast<int32_t>(count * pitch), constant);
+            PadAxisConstant(to, static_cast<int32_t>(count * step), constant);
         }
         return true;
     }
 
-    bool Behind(float* to, uint32_t count, uint32_t pitch) const
+    bool Behind(float* to, uint32_t count, uint32_t step) const
     {
         if (mode == OPKIT_PAD_REFLECT) {
-            return Mirror(to, to - 2 * size_t{pitch}, count, pitch);
+            return Mirror(to, to - 2 * size_t{step}, count, step);
         }
         if (mode == OPKIT_PAD_EDGE) {
-            Repeat(to, to - pitch, count, pitch);
+            Repeat(to, to - step, count, step);
         } else {
-            PadAxisConstant(to, static_cast<int32_t>(count * pitch), constant);
+            PadAxisConstant(to, static_cast<int32_t>(count * step), constant);
         }
         return true;
     }
@@ -100,13 +100,13 @@ bool Walk(const PadScratch& scratch, int32_t r, PadSliceIterator* rows, ExtentAx
         alignSkip = before[r - 1];
         while (ExtentAxisCountsIncrement(axes) != 0) {
             const int32_t axis = axes->axis;
-            const uint32_t pitch = pitches[axis];
-            if (!padder.Before(cursor - size_t{scratch.extents[axis]} * pitch, before[axis], pitch) ||
-                !padder.Behind(cursor, behind[axis], pitch)) {
+            const uint32_t step = pitches[axis];
+            if (!padder.Before(cursor - size_t{scratch.extents[axis]} * step, before[axis], step) ||
+                !padder.Behind(cursor, behind[axis], step)) {
                 return false;
             }
-            cursor += size_t{pitch} * behind[axis];
-            alignSkip += pitch * before[axis];
+            cursor += size_t{step} * behind[axis];
+            alignSkip += step * before[axis];
         }
     }
     return true;

@@ -51,19 +51,19 @@ void PadSliceIteratorInit(PadSliceIterator* iterator, int32_t inputStrideFloats,
         iterator->positions[i] = 0;
     }
     // The offset of the first kept element takes the row distance even where inner axes are merged; the skips do not.
-    uint32_t pitch = 1;
+    uint32_t step = 1;
     for (int32_t axis = rank - 1; axis >= 0; --axis) {
-        iterator->current += static_cast<int32_t>(static_cast<uint32_t>(iterator->starts[axis]) * pitch);
-        pitch *= axis == rank - 1 ? rowDistance : iterator->dims[axis];
+        iterator->current += static_cast<int32_t>(static_cast<uint32_t>(iterator->starts[axis]) * step);
+        step *= axis == rank - 1 ? rowDistance : iterator->dims[axis];
     }
     iterator->innerExtent = static_cast<int32_t>(iterator->extents[rank - 1]);
     iterator->innerStride = 1;
     iterator->skipCount = rank;
-    pitch = 1;
+    step = 1;
     for (int32_t axis = rank - 1; axis >= 0; --axis) {
         const uint32_t length = axis == rank - 1 && innerNoPadSize == 1 ? rowDistance : iterator->dims[axis];
-        iterator->skips[axis] = static_cast<int32_t>((length - iterator->extents[axis]) * pitch);
-        pitch *= length;
+        iterator->skips[axis] = static_cast<int32_t>((length - iterator->extents[axis]) * step);
+        step *= length;
     }
 }
 
@@ -96,10 +96,10 @@ void TensorPictchesInit(TensorPitches* pitches, uint32_t* dims, int32_t rank)
     for (int32_t i = 0; i < rank; ++i) {
         product *= dims[i];
     }
-    int32_t pitch = static_cast<int32_t>(product);
+    int32_t step = static_cast<int32_t>(product);
     for (int32_t i = 0; i < rank; ++i) {
-        pitch /= static_cast<int32_t>(dims[i]);
-        pitches->pitches[i] = static_cast<uint32_t>(pitch);
+        step /= static_cast<int32_t>(dims[i]);
+        pitches->pitches[i] = static_cast<uint32_t>(step);
     }
 }
 

@@ -93,23 +93,23 @@ bool AreConsecutive(const uint32_t* columns, uint32_t count, uint32_t outside)
 // Where the tensors overlap, every element is read when its turn comes: the output may have overwritten it by then.
 void Sample(const Input& in, const Output& out, const OffsetTables& tables, const ColumnPicker& picker, bool overlap)
 {
-    const uint32_t* const extent = out.shape;
+    const uint32_t* const size = out.shape;
     const uint32_t outside = picker.outside;
     const uint32_t* const columns = tables[3];
-    const bool consecutive = !overlap && AreConsecutive(columns, extent[3], outside);
+    const bool consecutive = !overlap && AreConsecutive(columns, size[3], outside);
     // Whole unless the output has more than four dimensions.
-    const bool wholeRows = !overlap && extent[3] == out.width;
+    const bool wholeRows = !overlap && size[3] == out.width;
     RowCursor cursor(out.width, out.Pitch());
-    for (uint32_t n = 0; n < extent[0]; ++n) {
-        for (uint32_t c = 0; c < extent[1]; ++c) {
+    for (uint32_t n = 0; n < size[0]; ++n) {
+        for (uint32_t c = 0; c < size[1]; ++c) {
             const uint32_t plane = tables[0][n] + tables[1][c];
             const bool planeOutside = tables[0][n] == outside || tables[1][c] == outside;
-            for (uint32_t h = 0; h < extent[2]; ++h) {
+            for (uint32_t h = 0; h < size[2]; ++h) {
                 const bool rowOutside = planeOutside || tables[2][h] == outside;
                 const float* const row = rowOutside ? nullptr : in.data + size_t{plane + tables[2][h]};
                 const bool sameAsAbove = wholeRows && h > 0 && tables[2][h] == tables[2][h - 1];
-                for (uint32_t w = 0, length; w < extent[3]; w += length) {
-                    length = extent[3] - w < cursor.LeftInRow() ? extent[3] - w : cursor.LeftInRow();
+                for (uint32_t w = 0, length; w < size[3]; w += length) {
+                    length = size[3] - w < cursor.LeftInRow() ? size[3] - w : cursor.LeftInRow();
                     float* const to = out.data + cursor.Offset();
                     if (rowOutside) {
                         picker.Fill(to, length);
@@ -140,10 +140,10 @@ uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
     if (in.count == 0 && !extrapolate) {
         return kSuccess;  // nothing to take
     }
-    uint32_t strides[kAxes];
+    uint32_t steps[kAxes];
     for (int32_t axis = 0; axis < kAxes; ++axis) {
         const int32_t inner = in.dimNum - axis - 1;
-        strides[axis] = inner > 0 ? ElementCount(in.shape + axis + 1, static_cast<uint32_t>(inner)) : 1;
+        steps[axis] = inner > 0 ? ElementCount(in.shape + axis + 1, static_cast<uint32_t>(inner)) : 1;
     }
     const OffsetTables tables(out.shape);
     if (!tables.Valid()) {
@@ -153,7 +153,7 @@ uint32_t ResizeNearest(const ResizeLayer& layer, Caller caller)
     const NearestContext context = {static_cast<uint32_t>(in.dimNum),
                                     in.shape,
                                     out.shape,
-                                    strides,
+                                    steps,
                                     layer.scales,
                                     layer.region,
                                     extrapolate,

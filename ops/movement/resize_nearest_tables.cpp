@@ -34,11 +34,11 @@ void BuildNearestOffsets(const NearestContext& context, uint32_t* offsets, int32
 {
     const ResizeAxis map = {context.coordinateMode, context.inShape[axis], context.outShape[axis],
                             context.scales[axis],   context.roi[axis],     context.roi[context.dimNum + axis]};
-    const uint32_t stride = context.strides[axis];
+    const uint32_t step = context.steps[axis];
     const bool keep = map.KeepsPosition();
     for (uint32_t i = 0; i < map.out; ++i) {
         if (keep) {
-            offsets[i] = i * stride;
+            offsets[i] = i * step;
             continue;
         }
         const float x = SourceCoordinate(map, i);
@@ -52,7 +52,7 @@ void BuildNearestOffsets(const NearestContext& context, uint32_t* offsets, int32
         } else {
             rounded = rounded > 0.0f ? rounded : 0.0f;  // NaN goes to the first element
         }
-        offsets[i] = static_cast<uint32_t>(TruncateToI64(rounded)) * stride;
+        offsets[i] = static_cast<uint32_t>(TruncateToI64(rounded)) * step;
     }
 }
 

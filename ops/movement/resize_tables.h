@@ -10,7 +10,7 @@ struct NearestContext {
     uint32_t dimNum;
     const uint32_t* inShape;
     const uint32_t* outShape;
-    const uint32_t* strides;  // compact element strides of X
+    const uint32_t* steps;  // of X, compact
     const float* scales;
     const float* roi;
     bool extrapolate;
@@ -21,7 +21,7 @@ struct NearestContext {
 // What an output position outside the input gets as its offset: minus the element count, above every real offset.
 inline uint32_t OutsideOffset(const NearestContext& context)
 {
-    return 0 - context.strides[0] * context.inShape[0];
+    return 0 - context.steps[0] * context.inShape[0];
 }
 
 // Compact offsets into X of one axis's output positions.

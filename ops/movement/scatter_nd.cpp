@@ -1,7 +1,7 @@
 // ScatterND: a copy of the data in which tuples of indices name slices that updates replace, in order.
 // Rows: in place, the output's stepping; all offsets count padded elements, one tuple per row of the indices.
 //
-// A slice is as long as the updates' padded rows make it, its tail goes along. Pitches and offsets live in the work
+// A slice is as long as the updates' padded rows make it, its tail goes along. Steps and offsets live in the work
 // space, whose size is checked. All tuples are resolved before the first slice is written, so a refused index leaves
 // the plain copy.
 
@@ -65,7 +65,7 @@ uint32_t ScatterNDOpkitCheck(const ScatterInputs& in)
 }
 
 // One offset per tuple, in padded elements of the output.
-uint32_t ScatterNDGetElementOffsets(const ScatterInputs& in, int32_t tuples, size_t tuplePitch, const int32_t* pitches,
+uint32_t ScatterNDGetElementOffsets(const ScatterInputs& in, int32_t tuples, size_t tuplePitch, const int32_t* steps,
                                     int32_t* offsets)
 {
     for (int32_t t = 0; t < tuples; ++t) {
@@ -82,7 +82,7 @@ uint32_t ScatterNDGetElementOffsets(const ScatterInputs& in, int32_t tuples, siz
                        static_cast<int32_t>(in.data.shape[j]));
                 return kFailure;
             }
-            offset += static_cast<uint32_t>(TruncateToI32(index)) * static_cast<uint32_t>(pitches[j]);
+            offset += static_cast<uint32_t>(TruncateToI32(index)) * static_cast<uint32_t>(steps[j]);
         }
         offsets[t] = static_cast<int32_t>(offset);
     }
@@ -124,19 +124,18 @@ uint32_t ScatterNDOpkitForwardInner(LayerParam* param, const ScatterInputs& in)
         return kFailure;
     }
 
-    int32_t* const pitches = static_cast<int32_t*>(param->opkitBuf);
-    uint32_t pitch = out.alignNum;
-    pitches[rank - 1] = 1;
+    int32_t* const steps = static_cast<int32_t*>(param->opkitBuf);
+    uint32_t step = out.alignNum;
+    steps[rank - 1] = 1;
     for (int32_t d = rank - 2; d >= 0; --d) {
-        pitches[d] = static_cast<int32_t>(pitch);
-        pitch *= data.shape[d];
+        steps[d] = static_cast<int32_t>(step);
+        step *= data.shape[d];
     }
     if (static_cast<int32_t>(tuples) < 1) {
         return kSuccess;
     }
-    int32_t* const offsets = pitches + rank;
-    if (ScatterNDGetElementOffsets(in, static_cast<int32_t>(tuples), in.indices.Pitch(), pitches, offsets) !=
-        kSuccess) {
+    int32_t* const offsets = steps + rank;
+    if (ScatterNDGetElementOffsets(in, static_cast<int32_t>(tuples), in.indices.Pitch(), steps, offsets) != kSuccess) {
         return kFailure;
     }
     // A slice, or what a refused copy of it clears, stays within the output. Without updates that is all of the bound.

@@ -1,7 +1,7 @@
-// LpNorm: divides every vector along one axis by its p-norm.
+// LpNorm: divides every line along one axis by its p-norm.
 // Rows: compacting.
 //
-// The norm is taken over magnitudes truncated to whole numbers, the division over the elements as they are: a vector of
+// The norm is taken over magnitudes truncated to whole numbers, the division over the elements as they are: a line of
 // elements between -1 and 1 has norm 0 and is divided by it.
 
 #include <cmath>
@@ -32,21 +32,21 @@ struct Norm {
                       : RoundToF32(std::pow(static_cast<double>(sum), 1.0 / static_cast<double>(p)));
     }
 
-    // Sums of `count` neighbouring vectors, the elements of one vector `distance` apart.
-    void SumColumns(const float* x, float* sums, uint32_t count, uint32_t axisLen, uint32_t distance) const
+    // Sums of `count` neighbouring lines, the elements of one line `step` apart.
+    void SumColumns(const float* x, float* sums, uint32_t count, uint32_t axisLen, uint32_t step) const
     {
         if (p == 1 || p == 2) {
-            Sums().columns(sums, x, count, axisLen, distance);
+            Sums().columns(sums, x, count, axisLen, step);
             return;
         }
         for (uint32_t j = 0; j < axisLen; ++j) {
             for (uint32_t v = 0; v < count; ++v) {
-                AddPower(&sums[v], x[size_t{j} * distance + v]);
+                AddPower(&sums[v], x[size_t{j} * step + v]);
             }
         }
     }
 
-    // Sums of `count` contiguous vectors.
+    // Sums of `count` contiguous lines.
     void SumRows(const float* x, float* sums, uint32_t count, uint32_t axisLen) const
     {
         if (p == 1 || p == 2) {
@@ -78,18 +78,18 @@ private:
 // Sums come from the whole of a block before its first element is divided.
 constexpr uint32_t kBlock = 256;
 
-void NormaliseColumns(const float* x, float* y, uint32_t count, uint32_t axisLen, uint32_t distance, Norm norm)
+void NormaliseColumns(const float* x, float* y, uint32_t count, uint32_t axisLen, uint32_t step, Norm norm)
 {
     for (uint32_t begin = 0; begin < count; begin += kBlock) {
         const uint32_t n = count - begin < kBlock ? count - begin : kBlock;
         float norms[kBlock] = {};
-        norm.SumColumns(x + begin, norms, n, axisLen, distance);
+        norm.SumColumns(x + begin, norms, n, axisLen, step);
         for (uint32_t v = 0; v < n; ++v) {
             norms[v] = norm.Root(norms[v]);
         }
         for (uint32_t j = 0; j < axisLen; ++j) {
-            const float* const from = x + size_t{j} * distance + begin;
-            float* const to = y + size_t{j} * distance + begin;
+            const float* const from = x + size_t{j} * step + begin;
+            float* const to = y + size_t{j} * step + begin;
             for (uint32_t v = 0; v < n; ++v) {
                 to[v] = from[v] / norms[v];
             }
@@ -115,17 +115,17 @@ void NormaliseRows(const float* x, float* y, uint32_t count, uint32_t axisLen, N
     }
 }
 
-void Normalise(const float* x, float* y, int32_t vectors, uint32_t axisLen, uint32_t distance, Norm norm)
+void Normalise(const float* x, float* y, int32_t lines, uint32_t axisLen, uint32_t step, Norm norm)
 {
-    uint32_t left = vectors > 0 ? static_cast<uint32_t>(vectors) : 0;
-    if (distance == 1) {
+    uint32_t left = lines > 0 ? static_cast<uint32_t>(lines) : 0;
+    if (step == 1) {
         NormaliseRows(x, y, left, axisLen, norm);
         return;
     }
-    const size_t block = size_t{distance} * axisLen;
+    const size_t block = size_t{step} * axisLen;
     for (; left > 0; x += block, y += block) {
-        const uint32_t here = left < distance ? left : distance;
-        NormaliseColumns(x, y, here, axisLen, distance, norm);
+        const uint32_t here = left < step ? left : step;
+        NormaliseColumns(x, y, here, axisLen, step, norm);
         left -= here;
     }
 }
@@ -142,15 +142,15 @@ uint32_t LpNormOpkitForward(LayerParam* param)
     const LpNormAttr& attr = AttrOf<LpNormAttr>(param);
     const int32_t axis = attr.axis < 0 ? attr.axis + x.dimNum : attr.axis;
     const uint32_t axisLen = x.shape[axis];
-    const int32_t vectors = static_cast<int32_t>(x.count) / static_cast<int32_t>(axisLen);
-    const uint32_t distance = ShapeCount(x.shape, x.dimNum, axis + 1, x.dimNum);
-    if (distance == 0) {
+    const int32_t lines = static_cast<int32_t>(x.count) / static_cast<int32_t>(axisLen);
+    const uint32_t step = ShapeCount(x.shape, x.dimNum, axis + 1, x.dimNum);
+    if (step == 0) {
         Report(Here(), "Illegal value, distant is 0\n");
         return kFailure;
     }
-    if (vectors > 0) {
-        std::memset(y.data, 0, static_cast<uint32_t>(vectors) * sizeof(float));
+    if (lines > 0) {
+        std::memset(y.data, 0, static_cast<uint32_t>(lines) * sizeof(float));
     }
-    Normalise(x.data, y.data, vectors, axisLen, distance, {attr.p});
+    Normalise(x.data, y.data, lines, axisLen, step, {attr.p});
     return ExpandOutputChecked(y);
 }

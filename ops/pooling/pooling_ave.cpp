@@ -26,7 +26,7 @@ void Divide(float* sums, uint32_t count, float divisor)
     }
 }
 
-// Areas are signed when they become f32: huge extents wrap.
+// Areas are signed when they become f32: those of huge windows wrap.
 void DivideWithPadding(float* sums, uint32_t count, uint32_t area, uint32_t elements, float padValue)
 {
     const float padding = static_cast<float>(static_cast<int32_t>(area - elements)) * padValue;

@@ -34,7 +34,7 @@ struct PoolAxis {
         return {start > 0 ? start : 0, static_cast<int32_t>(end < limit ? end : limit)};
     }
 
-    // Whether window i lies inside the input as a whole. One without extent does not: it may lie behind the padding.
+    // Whether window i lies inside the input as a whole. An empty one does not: it may lie behind the padding.
     bool Whole(uint32_t i) const { return kernel != 0 && Start(i) >= 0 && Clip(i).Length() == kernel; }
 };
 

@@ -99,7 +99,7 @@ typedef struct InstanceNormalizationAttr {
 OPKIT_OFFSET(InstanceNormalizationAttr, epsilon, 3928);
 OPKIT_SIZE(InstanceNormalizationAttr, 3932);
 
-/* LpNorm: every vector along axis divided by its norm. */
+/* LpNorm: every line along axis divided by its norm. */
 typedef struct LpNormAttr {
     LayerAttrHead head;    /*    0 */
     uint32_t reserved3924; /* 3924 */

@@ -113,7 +113,7 @@ typedef struct TensorPitches {
 } TensorPitches;
 OPKIT_OFFSET(TensorPitches, rank, 8);
 
-/* Fills pitches->pitches with the compact element pitches of rank dimensions, none of them 0. */
+/* Fills pitches->pitches with the compact element steps of rank dimensions, none of them 0. The name is spelt so. */
 OPKIT_API void TensorPictchesInit(TensorPitches* pitches, uint32_t* dims, int32_t rank);
 
 /* Writes count copies of value; nothing when count is 0 or below. */
