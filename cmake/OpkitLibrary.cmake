@@ -16,6 +16,7 @@ set(opkit_sources
     runtime/operator_table.cpp
     runtime/profiling.cpp
     runtime/request_check.cpp
+    runtime/resolvers.cpp
     runtime/version.cpp
 )
 include(OpkitOperators)
