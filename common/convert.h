@@ -76,7 +76,11 @@ inline T KeepRounding(T value)
 template <size_t kCount>
 inline void KeepRounding(float (&values)[kCount])
 {
-    __asm__("" : "+m"(values));
+    if constexpr (kCount == 1) {
+        values[0] = KeepRounding(values[0]);
+    } else {
+        __asm__("" : "+m"(values));
+    }
 }
 
 inline float RoundToF32(double value)
