@@ -155,7 +155,7 @@ int32_t GroupOffset(uint32_t group, uint32_t distance)
     return static_cast<int32_t>(group * distance);
 }
 
-// The products of an image from its column matrix.
+// The products of an image from its column matrix, corrected.
 void MultiplyColumns(const ConvolutionAttr& attr, const Plan& plan, float* columns, float* y)
 {
     for (uint32_t g = 0; g < attr.groupNum; ++g) {
@@ -223,7 +223,7 @@ void RunImages(const ConvolutionAttr& attr, const Operands& o, const Plan& plan,
 int32_t Convolve(LayerParam* param, const Form& form, Caller caller)
 {
     const ConvolutionAttr& attr = AttrOf<ConvolutionAttr>(param);
-    Input in[kMostInputs];
+    Input in[kMostInputs];  // all resolved before one is compacted
     if (!Resolve(param, in, form.inputs, Rows::kInPlace, Messages::kNone)) {
         return kFormFailure;
     }
