@@ -4,6 +4,7 @@
 #include "kernels/image_columns.h"
 
 #include "common/smaller.h"
+#include "kernels/contract.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
@@ -111,6 +112,8 @@ void FillColumns(const void* context, size_t k0, size_t depth, size_t j0, size_t
     const ImageColumns& c = *static_cast<const ImageColumns*>(context);
     const size_t places = size_t{c.args.kernelH} * c.args.kernelW;
     const size_t plane = size_t{c.args.height} * c.args.width;
+    assert(c.args.strideH != 0 && c.args.strideW != 0 && Present(to, depth * count) && Present(c.args.src, plane));
+    assert(k0 + depth <= c.args.channels * places && j0 + count <= c.outHeight * c.outWidth && count <= step);
     const int64_t firstRow = static_cast<int64_t>(j0 / c.outWidth);
     const int64_t firstColumn = static_cast<int64_t>(j0 % c.outWidth);
     for (size_t k = 0; k < places && k < depth; ++k) {
@@ -128,6 +131,7 @@ void FillColumns(const void* context, size_t k0, size_t depth, size_t j0, size_t
 
 bool AreWithin(const float* values, size_t count, float limit)
 {
+    assert(Present(values, count));
     uint32_t beyond = 0;
     for (size_t i = 0; i < count; ++i) {
         beyond |= __builtin_fabsf(values[i]) <= limit ? 0 : 1;
