@@ -106,9 +106,9 @@ inline float RefRoundElement(uint32_t mode, float x)
     return mode == 0 ? RefCeil(x) : mode == 1 ? RefFloor(x) : RefRoundEven(x);
 }
 
-// Row by row in padded memory; isSigned: how the messages show numbers.
+// Stepping; isSigned: how the messages show numbers.
 template <class Check, class Element>
-uint32_t RefRowByRow(LayerParam* param, const char* reporter, bool isSigned, Check check, Element element)
+uint32_t RefStepping(LayerParam* param, const char* reporter, bool isSigned, Check check, Element element)
 {
     RefCursor cursor;
     RefTensor in;
@@ -150,20 +150,20 @@ inline uint32_t RefCelu(LayerParam* param)
         RefReport("CeluOpkitForward", "alpha is zero! \n\n");
         return false;
     };
-    return RefRowByRow(param, "CeluOpkitForward", true, check, [alpha](float x) { return RefCeluElement(x, alpha); });
+    return RefStepping(param, "CeluOpkitForward", true, check, [alpha](float x) { return RefCeluElement(x, alpha); });
 }
 
 inline uint32_t RefThresholdedRelu(LayerParam* param)
 {
     const float alpha = RefAttrAt<float>(param, 3928);
-    return RefRowByRow(
+    return RefStepping(
         param, "ThresholdedReluOpkitForward", false, [] { return true; },
         [alpha](float x) { return x > alpha ? x : 0.0f; });
 }
 
-// Padded reads, compact writes, expansion.
+// Expanding.
 template <class Element>
-uint32_t RefPaddedToCompact(LayerParam* param, const char* reporter, Element element)
+uint32_t RefExpanding(LayerParam* param, const char* reporter, Element element)
 {
     RefCursor cursor;
     RefTensor in;
@@ -181,21 +181,21 @@ uint32_t RefPaddedToCompact(LayerParam* param, const char* reporter, Element ele
 
 inline uint32_t RefSelu(LayerParam* param)
 {
-    return RefPaddedToCompact(param, "SeluOpkitForward", [param](float x) {
+    return RefExpanding(param, "SeluOpkitForward", [param](float x) {
         return RefSeluElement(x, RefAttrAt<float>(param, 3928), RefAttrAt<float>(param, 3932));
     });
 }
 
 inline uint32_t RefShrink(LayerParam* param)
 {
-    return RefPaddedToCompact(param, "ShrinkOpkitForward", [param](float x) {
+    return RefExpanding(param, "ShrinkOpkitForward", [param](float x) {
         return RefShrinkElement(x, RefAttrAt<float>(param, 3928), RefAttrAt<float>(param, 3932));
     });
 }
 
 inline uint32_t RefHardSigmoid(LayerParam* param)
 {
-    return RefPaddedToCompact(param, "HardSigmoidOpkitForward", [param](float x) {
+    return RefExpanding(param, "HardSigmoidOpkitForward", [param](float x) {
         return RefHardSigmoidElement(x, RefAttrAt<float>(param, 3928), RefAttrAt<float>(param, 3932));
     });
 }
@@ -216,7 +216,7 @@ inline uint32_t RefRound(LayerParam* param)
     if (mode > 2) {
         return RefExpandChecked("RoundOpkitForward", out);
     }
-    return RefPaddedToCompact(param, "RoundOpkitForward", [mode](float x) { return RefRoundElement(mode, x); });
+    return RefExpanding(param, "RoundOpkitForward", [mode](float x) { return RefRoundElement(mode, x); });
 }
 
 inline uint32_t RefSqrt(LayerParam* param)

@@ -295,7 +295,7 @@ TEST(DecBbox, MergedClassesWithFewerProposals)
 }
 
 // Deltas and scores are compacted over N times the elements of their own shapes.
-TEST(DecBbox, CompactsAllInputs)
+TEST(DecBbox, Compacting)
 {
     Decode decode = OneBox();
     LayerCase layer(kName);

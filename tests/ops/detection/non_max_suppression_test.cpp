@@ -217,7 +217,7 @@ TEST(NonMaxSuppression, NothingSelected)
     EXPECT_THAT(Rows(noBoxes), ElementsAre());
 }
 
-TEST(NonMaxSuppression, CompactsAllInputs)
+TEST(NonMaxSuppression, Compacting)
 {
     LayerCase layer(kName);
     layer.Online({2, 1, 4}, {0, 0, 1, 1, 5, 5, 6, 6}, 32).Online({2, 1, 1}, {0.5f, 0.6f}, 16);

@@ -11,22 +11,22 @@ using namespace opkit::test;
 using namespace opkit::reference;
 using ::testing::ElementsAre;
 
-enum class Frame { kAligned, kExpanding, kSinh };
+enum class Rows { kStepping, kExpanding, kCompacting };  // Sinh is the one that compacts
 
 struct Row {
     const char* name;
     ForwardFunc forward;
     ForwardFunc reference;
-    Frame frame;
+    Rows rows;
 };
 
 const Row kRows[] = {
-    {"CeluOpkitForward", CeluOpkitForward, RefCelu, Frame::kAligned},
-    {"ThresholdedReluOpkitForward", ThresholdedReluOpkitForward, RefThresholdedRelu, Frame::kAligned},
-    {"SeluOpkitForward", SeluOpkitForward, RefSelu, Frame::kExpanding},
-    {"ShrinkOpkitForward", ShrinkOpkitForward, RefShrink, Frame::kExpanding},
-    {"HardSigmoidOpkitForward", HardSigmoidOpkitForward, RefHardSigmoid, Frame::kExpanding},
-    {"SinhOpkitForward", SinhOpkitForward, RefSinh, Frame::kSinh},
+    {"CeluOpkitForward", CeluOpkitForward, RefCelu, Rows::kStepping},
+    {"ThresholdedReluOpkitForward", ThresholdedReluOpkitForward, RefThresholdedRelu, Rows::kStepping},
+    {"SeluOpkitForward", SeluOpkitForward, RefSelu, Rows::kExpanding},
+    {"ShrinkOpkitForward", ShrinkOpkitForward, RefShrink, Rows::kExpanding},
+    {"HardSigmoidOpkitForward", HardSigmoidOpkitForward, RefHardSigmoid, Rows::kExpanding},
+    {"SinhOpkitForward", SinhOpkitForward, RefSinh, Rows::kCompacting},
 };
 
 // SeluAttr: two floats, of which the operators with one attribute read the first, and Sinh none.
@@ -130,7 +130,7 @@ TEST(Activations, SameAsReference)
             LayerCase layer = Case(row.name, Parameter(random), Parameter(random));
             AddInput(random, layer, shape);
             // An expanding operator takes any output of as many elements.
-            const bool flat = row.frame != Frame::kAligned && random.Chance(0.1);
+            const bool flat = row.rows != Rows::kStepping && random.Chance(0.1);
             const Shape outShape = flat ? Shape{static_cast<uint32_t>(ElementCount(shape))} : shape;
             layer.Output(outShape, random.Chance(0.1) ? 16 : random.Stride(outShape.back()));
             layer.Batch(static_cast<uint32_t>(random.Int(1, 2)));
@@ -139,7 +139,7 @@ TEST(Activations, SameAsReference)
     }
 }
 
-TEST(Activations, InPlace)
+TEST(Activations, OutputIsAnInput)
 {
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -154,7 +154,7 @@ TEST(Activations, InPlace)
 }
 
 // Padded input and output of two rows of three: who compacts, and who writes the gap.
-TEST(Activations, RowTreatment)
+TEST(Activations, TreatmentOfRows)
 {
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.name);
@@ -167,9 +167,9 @@ TEST(Activations, RowTreatment)
         World world(layer);
         ASSERT_EQ(world.RunRequest(), 0u);
         const bool gapWritten = std::bit_cast<uint32_t>(world.OutputRows()[3]) != 0x12345678;
-        EXPECT_EQ(gapWritten, row.frame != Frame::kAligned);
+        EXPECT_EQ(gapWritten, row.rows != Rows::kStepping);
         EXPECT_EQ(std::bit_cast<uint32_t>(world.OutputRows()[7]), 0x12345678u);
-        EXPECT_EQ(world.InputRows()[3] == 14.0f, row.frame == Frame::kSinh);
+        EXPECT_EQ(world.InputRows()[3] == 14.0f, row.rows == Rows::kCompacting);
     }
 }
 
@@ -189,7 +189,7 @@ TEST(Activations, DifferentDimensions)
         return made;
     };
     for (const Row& row : kRows) {
-        if (row.frame != Frame::kAligned) {
+        if (row.rows != Rows::kStepping) {
             continue;
         }
         const std::string name = row.name;
@@ -225,10 +225,10 @@ TEST(Activations, CeluRefusesZeroAlpha)
 TEST(Activations, Unresolved)
 {
     for (const Row& row : kRows) {
-        if (row.frame != Frame::kSinh) {
+        if (row.rows != Rows::kCompacting) {
             const std::string name = row.name;
             ExpectUnresolved(row.name, row.forward,
-                             row.frame == Frame::kAligned ? "" : "[" + name + ":#]ParseInputInfo failed.\n\n");
+                             row.rows == Rows::kStepping ? "" : "[" + name + ":#]ParseInputInfo failed.\n\n");
         }
     }
 }
@@ -241,7 +241,7 @@ TEST(Activations, EmptyOutputs)
         LayerCase empty = Case(row.name);
         empty.Online({0, 2}, {}).Output({0, 2});
         ExpectRun(empty, row.forward, 0, "");
-        if (row.frame != Frame::kExpanding) {
+        if (row.rows != Rows::kExpanding) {
             continue;
         }
         empty.Tamper([](World& world) { world.Param().inputs[0].stride = 0; });  // no pitch is computed

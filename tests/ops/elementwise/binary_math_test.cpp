@@ -87,7 +87,7 @@ TEST(BinaryMath, MoreDimensionsThanARecordHas)
     }
 }
 
-TEST(BinaryMath, InPlace)
+TEST(BinaryMath, OutputIsAnInput)
 {
     ForRandomCases(100, [](Random& random) {
         const Shape shape = random.Shape(1, 4, 3000);

@@ -65,7 +65,7 @@ TEST(Cmp, SameAsReference)
     });
 }
 
-TEST(Cmp, InPlaceLeavesTheRowsPadded)
+TEST(Cmp, OutputIsAnInputOfPaddedRows)
 {
     LayerCase layer = Case(0);
     layer.Online({2, 3}, {1, 5, 3, 4, 2, 6}, 16).Online({3}, {3, 3, 3}, 32).OutputInPlace(0, {2, 3});

@@ -53,7 +53,7 @@ TEST(Logical, SameAsReference)
     });
 }
 
-TEST(Logical, InPlace)
+TEST(Logical, OutputIsAnInput)
 {
     ForRandomCases(80, [](Random& random) {
         const Shape shape = random.Shape(1, 3, 3000);
@@ -65,7 +65,7 @@ TEST(Logical, InPlace)
     });
 }
 
-TEST(Logical, InputsStayCompacted)
+TEST(Logical, Compacting)
 {
     LayerCase layer = Case(0);
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Online({2, 3}, {1, 0, 1, 0, 1, 0}, 32).Output({2, 3}, 16);

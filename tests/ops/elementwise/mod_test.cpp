@@ -58,7 +58,7 @@ TEST(Mod, Elements)
     }
 }
 
-TEST(Mod, ReadsPaddedAndExpandsTheOutput)
+TEST(Mod, Expanding)
 {
     LayerCase layer = Case(0);
     layer.Online({2, 3}, {4, 5, 6, 7, 8, 9}, 16).Online({1}, {4}).Output({2, 3}, 16);
@@ -98,7 +98,7 @@ TEST(Mod, SameAsReference)
     });
 }
 
-TEST(Mod, InPlace)
+TEST(Mod, OutputIsAnInput)
 {
     ForRandomCases(60, [](Random& random) {
         const Shape shape = random.Shape(1, 3, 1500);

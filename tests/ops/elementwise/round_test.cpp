@@ -117,7 +117,7 @@ TEST(Round, SameAsReference)
     });
 }
 
-TEST(Round, InPlace)
+TEST(Round, OutputIsAnInput)
 {
     ForRandomCases(60, [](Random& random) {
         const Shape shape = random.Shape(1, 3, 1500);

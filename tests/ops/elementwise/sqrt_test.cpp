@@ -28,14 +28,14 @@ TEST(Sqrt, Elements)
 }
 
 // An input of a higher rank is read at its first element each time, which the first result overwrites.
-TEST(Sqrt, RepeatedInputInPlace)
+TEST(Sqrt, RepeatedInputIsTheOutput)
 {
     LayerCase layer = Case();
     layer.Online({1, 2}, {16, 81}, 8).OutputInPlace(0, {2});
     EXPECT_THAT(RunCase(layer), ElementsAre(4, 2));
 }
 
-TEST(Sqrt, BroadcastsCompactsAndLeavesStrides)
+TEST(Sqrt, CompactingWithBroadcast)
 {
     LayerCase layer = Case();
     layer.Online({2, 1, 2}, {1, 4, 9, 16}, 16).Output({2, 2, 2}, 16);
@@ -59,7 +59,7 @@ TEST(Sqrt, SameAsReference)
     });
 }
 
-TEST(Sqrt, InPlace)
+TEST(Sqrt, OutputIsAnInput)
 {
     ForRandomCases(60, [](Random& random) {
         const Shape shape = random.Shape(1, 3, 1500);

@@ -76,7 +76,7 @@ TEST(Unary, SidesOfDifferentWidth)
     ExpectSameAsReference(layer, NegOpkitForward, RefUnary<RefNeg>);
 }
 
-TEST(Unary, InPlace)
+TEST(Unary, OutputIsAnInput)
 {
     for (const UnaryRow& row : kRows) {
         if (std::string(row.name) == "AcoshOpkitForward") {
@@ -94,7 +94,7 @@ TEST(Unary, InPlace)
     }
 }
 
-TEST(Unary, LoopWrapperLeavesInputAndGaps)
+TEST(Unary, LoopWrapperInPlace)
 {
     LayerCase layer("AcosOpkitForward");
     layer.Online({2, 3}, {1, 1, 1, 1, 1, 1}, 16).Output({2, 3}, 16);
@@ -107,7 +107,7 @@ TEST(Unary, LoopWrapperLeavesInputAndGaps)
     EXPECT_EQ(std::memcmp(&world.OutputRows()[3], &unchanged.OutputRows()[3], 4), 0);
 }
 
-TEST(Unary, AcoshLeavesItsInputCompacted)
+TEST(Unary, AcoshCompacting)
 {
     LayerCase layer("AcoshOpkitForward");
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Output({2, 3}, 16);

@@ -58,7 +58,7 @@ TEST(Where, SameAsReference)
     });
 }
 
-TEST(Where, InPlace)
+TEST(Where, OutputIsAnInput)
 {
     ForRandomCases(80, [](Random& random) {
         const Shape shape = random.Shape(1, 3, 3000);

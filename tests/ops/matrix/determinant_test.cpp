@@ -112,7 +112,7 @@ TEST(SwapRowAndCol, WholeRowsAndColumns)
     EXPECT_TRUE(SameFloats(matrix, Floats{8, 7, 9, 5, 4, 6, 2, 1, 3}));
 }
 
-TEST(Det, StackInPlace)
+TEST(Det, StackWhoseOutputIsTheInput)
 {
     LayerCase layer(kName);
     layer.Online({2, 2, 2}, {4, 2, 2, 3, 0, 1, 1, 0}, 16).Output({2, 1}, 8);

@@ -140,7 +140,7 @@ TEST(Gemm, StrideRecords)
     EXPECT_EQ(third.Attr<GemmAttr>().outputStrides[0].count, kPreset);
 }
 
-TEST(Gemm, InputsStayCompact)
+TEST(Gemm, Compacting)
 {
     LayerCase layer = CaseWithC({2, 2}, {1, 2, 3, 4}, 1, 1);
     World world(layer);

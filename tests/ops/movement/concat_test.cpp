@@ -23,7 +23,7 @@ TEST(Concat, EachInputHasItsOwnExtent)
     EXPECT_THAT(RunOutput(layer, ConcatOpkitForward), ElementsAre(1, 3, 4, 7, 8, 9, 2, 5, 6, 10, 11, 12));
 }
 
-TEST(Concat, CompactsPaddedInputsForGood)
+TEST(Concat, Compacting)
 {
     LayerCase layer = Concat(2, 0);
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Online({1, 3}, {7, 8, 9}, 16).Output({3, 3}, 16).Batch(2);

@@ -103,7 +103,7 @@ TEST(DepthToSpace, SameAsReference)
     });
 }
 
-TEST(DepthToSpace, BlockOfOneInPlace)
+TEST(DepthToSpace, BlockOfOneOutputIsTheInput)
 {
     for (const uint32_t mode : {0u, 1u}) {
         LayerCase layer = DepthToSpace(1, mode);

@@ -30,7 +30,7 @@ TEST(Expand, Broadcasts)
     EXPECT_THAT(RunOutput(deeper, ExpandOpkitForward), ElementsAre(1, 1)) << "more dimensions than the output";
 }
 
-TEST(Expand, CompactsTheInputAndLeavesStrideRecords)
+TEST(Expand, CompactingWithStrideRecords)
 {
     LayerCase layer = Expand();
     layer.Online({2, 1, 3}, {1, 2, 3, 4, 5, 6}, 16).Output({2, 2, 3}, 16);

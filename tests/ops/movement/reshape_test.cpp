@@ -16,7 +16,7 @@ LayerCase Reshape(const Shape& dims)
     return layer;
 }
 
-TEST(Reshape, AddressesPaddedRowsOnBothSides)
+TEST(Reshape, RowsInPlace)
 {
     LayerCase layer = Reshape({3, 2});
     CaseTensor out;
@@ -73,7 +73,7 @@ TEST(Reshape, NothingToMoveAndNothingToRead)
     ExpectRun(offline, ReshapeOpkitForward, ~0u, "");
 }
 
-TEST(Reshape, InPlace)
+TEST(Reshape, OutputIsAnInput)
 {
     LayerCase layer = Reshape({1, 2, 3});
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}).OutputInPlace(0, {1, 2, 3});

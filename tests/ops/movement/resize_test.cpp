@@ -333,7 +333,7 @@ TEST(Resize, SilentFailures)
 }
 
 // A result in the memory of X is read by what comes after it.
-TEST(Resize, NearestInPlace)
+TEST(Resize, NearestOutputIsTheInput)
 {
     ForRandomCases(200, [](Random& random) {
         const Shape shape = {static_cast<uint32_t>(random.Int(1, 2)), static_cast<uint32_t>(random.Int(1, 3)),

@@ -32,7 +32,7 @@ TEST(Scatter, ReplacesAlongBothAxes)
     EXPECT_THAT(RunOutput(columns, ScatterOpkitForward), ElementsAre(7, 2, 8, 4, 10, 6)) << "the later update wins";
 }
 
-TEST(Scatter, CompactsAllInputs)
+TEST(Scatter, Compacting)
 {
     LayerCase layer = Scatter(0);
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Online({2, 3}, {0, 1, 1, 0, 0, 1}, 16);
@@ -111,7 +111,7 @@ TEST(Scatter, NoIndicesCopy)
     EXPECT_THAT(RunOutput(layer, ScatterOpkitForward), ElementsAre(0, 1, 2, 3, 4, 5));
 }
 
-TEST(Scatter, InPlace)
+TEST(Scatter, OutputIsAnInput)
 {
     LayerCase layer = Scatter(1);
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Online({2, 1}, {2, 0}, 16).Online({2, 1}, {8, 9}, 16);

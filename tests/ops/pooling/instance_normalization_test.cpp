@@ -157,7 +157,7 @@ TEST(InstanceNormalization, NoInstanceExpandsOnly)
     EXPECT_THAT(std::vector<uint32_t>(words, words + 8), ElementsAre(1, 2, 3, 4, 4, 5, 6, 8));
 }
 
-TEST(InstanceNormalization, CompactsAllInputs)
+TEST(InstanceNormalization, Compacting)
 {
     LayerCase layer(kName);
     layer.Online({2, 3}, {1, 2, 3, 4, 5, 6}, 16).Online({2, 1}, {1, 2}, 16).Online({2, 1}, {3, 4}, 16);

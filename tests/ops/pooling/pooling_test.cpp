@@ -434,7 +434,7 @@ TEST(PoolingLp, NoCellIsZero)
 }
 
 // The input stays compact, and the core leaves the output compact as well.
-TEST(PoolingLp, CompactsAndExpands)
+TEST(PoolingLp, Compacting)
 {
     const Window w = {.kernelH = 1, .kernelW = 1, .normP = 1};
     LayerCase layer = Pooling<PoolingLpAttr>({2, 3}, {1, -2, 3, -4, 5, -6}, {2, 3}, w);

@@ -63,7 +63,7 @@ TEST(CumSum, ExclusiveSubtracts)
     EXPECT_FALSE(std::signbit(zero[0]));
 }
 
-TEST(CumSum, InputStaysCompact)
+TEST(CumSum, Compacting)
 {
     LayerCase layer = CumSumCase({2, 3}, {1, 2, 3, 4, 5, 6}, 1, 0, 0, 16, 20);
     World world(layer);
@@ -76,7 +76,7 @@ TEST(CumSum, InputStaysCompact)
 }
 
 // In place an exclusive sum subtracts what it just wrote.
-TEST(CumSum, InPlace)
+TEST(CumSum, OutputIsAnInput)
 {
     for (const int32_t axis : {0, 1}) {
         for (const uint32_t exclusive : {0u, 1u}) {

@@ -68,7 +68,7 @@ TEST(Hardmax, TiesAndNan)
     EXPECT_EQ(Hardmax({40}, row, 0, 11), expected);
 }
 
-TEST(Hardmax, InputStaysCompact)
+TEST(Hardmax, Compacting)
 {
     LayerCase layer("HardmaxOpkitForward");
     layer.Online({2, 3}, {1, 5, 2, 4, 3, 6}, 16).Output({2, 3}, 16);
@@ -81,7 +81,7 @@ TEST(Hardmax, InputStaysCompact)
 }
 
 // The output is cleared before the search: in place every element is a candidate of value 0.
-TEST(Hardmax, InPlace)
+TEST(Hardmax, OutputIsAnInput)
 {
     for (const int32_t opset : {11, 13}) {
         LayerCase layer("HardmaxOpkitForward");

@@ -57,7 +57,7 @@ TEST(NonZero, EmptyInput)
     EXPECT_THAT(NonZero({2, 0}, {}, {2, 3}), Each(0));
 }
 
-TEST(NonZero, PaddedRows)
+TEST(NonZero, Expanding)
 {
     LayerCase layer("NonZeroOpkitForward");
     layer.Online({2, 3}, {0, 1, 0, 1, 0, 1}, 16).Output({2, 3}, 20);
