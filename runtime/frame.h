@@ -96,22 +96,6 @@ struct InputCursor {
 // Resolves the next logical input.
 bool ResolveNext(InputCursor* cursor, Input* input, Rows rows, Messages messages, Caller caller = Here());
 
-// The older forms, until every operator has the ones above.
-inline bool NextInput(InputCursor* cursor, Input* input)
-{
-    return ResolveNext(cursor, input, Rows::kInPlace, Messages::kNone);
-}
-
-inline bool NextInputOrReport(InputCursor* cursor, Input* input, Caller caller = Here())
-{
-    return ResolveNext(cursor, input, Rows::kInPlace, Messages::kAll, caller);
-}
-
-inline bool ResolveOnlyInput(LayerParam* param, Input* input)
-{
-    return Resolve(param, {input}, Rows::kInPlace, Messages::kNone);
-}
-
 // A tensor as ParseInputInfo2 and its kin describe it.
 struct DescribedTensor {
     TensorDesc desc = {};
