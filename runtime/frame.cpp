@@ -36,7 +36,6 @@ bool ParseInputInfo(float** data, uint32_t** shape, int32_t* dimNum, uint32_t* s
 }
 
 namespace opkit {
-
 namespace {
 
 constexpr const char* After(MessageEnd end)
@@ -49,8 +48,8 @@ constexpr const char* After(MessageEnd end)
 bool ResolveNext(InputCursor* cursor, Input* input, Rows rows, Messages messages, Caller caller)
 {
     *input = Input();
-    const bool resolved = cursor->resolver(&input->data, &input->shape, &input->dimNum, &input->stride, &input->count,
-                                           cursor->logical++, &cursor->online, &cursor->offline, cursor->param);
+    const bool resolved = ParseInputInfo(&input->data, &input->shape, &input->dimNum, &input->stride, &input->count,
+                                         cursor->logical++, &cursor->online, &cursor->offline, cursor->param);
     input->alignNum = input->stride >> 2;
     input->width = LastDimension(input->shape, input->dimNum);
     if (!resolved) {

@@ -87,7 +87,6 @@ bool ResolveThenCompact(LayerParam* param, std::initializer_list<Input*> inputs,
 // The place among a layer's inputs, for operators that resolve in an order of their own.
 struct InputCursor {
     LayerParam* param;
-    InputResolver resolver = ParseInputInfo;
     uint32_t logical = 0;
     uint32_t online = 0;
     uint32_t offline = 0;

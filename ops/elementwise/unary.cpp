@@ -16,13 +16,23 @@ using namespace opkit;
 
 namespace {
 
+bool ResolveWith(InputResolver resolver, LayerParam* param, Input* in)
+{
+    uint32_t online = 0;
+    uint32_t offline = 0;
+    const bool resolved =
+        resolver(&in->data, &in->shape, &in->dimNum, &in->stride, &in->count, 0, &online, &offline, param);
+    in->alignNum = in->stride >> 2;
+    in->width = LastDimension(in->shape, in->dimNum);
+    return resolved;
+}
+
 // The row walk of the loop wrapper. Each side is addressed by its own width and pitch.
 template <class Run>
 uint32_t WalkUnary(InputResolver resolver, LayerParam* param, Run run)
 {
-    InputCursor cursor = {param, resolver};
     Input in;
-    if (!ResolveNext(&cursor, &in, Rows::kInPlace, Messages::kNone)) {
+    if (!ResolveWith(resolver, param, &in)) {
         return kFailure;
     }
     if (static_cast<int32_t>(in.count) <= 0) {
@@ -48,9 +58,8 @@ uint32_t MapUnary(LayerParam* param)
 
 uint32_t SingleInOutCalcfuncWrapper(CalcFunc calc, InputResolver resolver, LayerParam* param)
 {
-    InputCursor cursor = {param, resolver};
     Input in;
-    ResolveNext(&cursor, &in, Rows::kInPlace, Messages::kNone);  // what it answers does not count
+    ResolveWith(resolver, param, &in);  // what it answers does not count
     if (!CompactInput(in)) {
         return kFailure;
     }
