@@ -64,7 +64,7 @@ def main(source, copy, *options):
     passed = run(root, "ctest", "--preset", "release", "-j2")
     print(passed[-400:])
     listed = run(root / "build/release/tests", "./check_corruption_test", "--gtest_list_tests")
-    if f"/{NEW}\n" not in listed:
+    if f"/{NEW} " not in listed:
         sys.exit("the tests of checks do not know the new operator")
 
 
