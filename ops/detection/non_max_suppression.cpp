@@ -1,6 +1,6 @@
 // NonMaxSuppression: per batch and class, boxes by descending score that overlap no better one too much, written as
-// rows of batch, class and box index; what follows the last row has all bits set. It shares
-// nothing with the stages of the detection chain.
+// rows of batch, class and box index; what follows the last row has all bits set. It shares nothing with the stages of
+// the detection chain.
 // Rows: compacting.
 //
 // The heap in the work space pops in a nearly sorted order only: near the bottom it does not compare every child. Which

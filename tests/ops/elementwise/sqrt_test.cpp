@@ -70,6 +70,17 @@ TEST(Sqrt, OutputIsAnInput)
     });
 }
 
+// Rows of this length are compacted, mapped and expanded one by one; what lies in the gaps afterwards is compared too.
+TEST(Sqrt, LongPaddedRows)
+{
+    Random random(TestSeed());
+    for (const Shape& shape : {Shape{5, 40}, Shape{40}, Shape{5, 1}, Shape{1, 5, 40}}) {
+        LayerCase layer = Case();
+        layer.Online(shape, random.Floats(ElementCount(shape), Values::kMixed), 176).Output({5, 40}, 208);
+        ExpectSameAsReference(layer, SqrtOpkitForward, RefSqrt, {.nan = NanPolicy::kAnyNan});
+    }
+}
+
 TEST(Sqrt, Messages)
 {
     ExpectUnresolved("SqrtOpkitForward", SqrtOpkitForward, "[SqrtOpkitForward:#]ParseInputInfo failed.\n\n");
