@@ -137,13 +137,14 @@ void AddAttributeRanges(const Layer& layer, uint32_t size, int owner, const std:
 void CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,
                 std::vector<LayerWrites>* writes)
 {
-    const uint32_t count = CheckTableHeader(model, table, ranges);
+    LayerReader reader(model.bytes, table.layerTableOffset, LayerReader::Words::kAligned);
+    const uint32_t count = CheckTableHeader(model, table, &reader, ranges);
     for (uint32_t i = 0; i < count; ++i) {
         const int owner = static_cast<int>(writes->size());
         writes->emplace_back();
         const size_t conditions = model.report->conditions.size();
         try {
-            const Layer layer = ReadLayer(model, table, i, owner, ranges);
+            const Layer layer = CheckStructure(model, table, i, owner, &reader, ranges);
             const AttributeRecord& record = *FindAttributeRecord(layer.place.operatorName);  // known: it was read
             LayerCheck layerCheck(model, layer);
             CheckOperator(layerCheck, record);

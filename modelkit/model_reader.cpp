@@ -1,10 +1,11 @@
 #include "modelkit/model_reader.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace opkit::modelkit {
 namespace {
+
+using Kind = ReadFault::Kind;
 
 std::string ErrorText(int layer, const std::string& field, uint64_t byteOffset, uint64_t value, uint64_t limit)
 {
@@ -13,181 +14,203 @@ std::string ErrorText(int layer, const std::string& field, uint64_t byteOffset, 
            ", limit " + std::to_string(limit);
 }
 
-// Reads words by their place from the buffer's start; `layer` and `prefix` name what is being read.
-class Cursor {
-public:
-    Cursor(std::span<const std::byte> model, uint32_t base) : model_(model), base_(base) {}
-
-    [[noreturn]] void Fail(const std::string& field, uint64_t at, uint64_t value, uint64_t limit) const
-    {
-        throw ModelError(layer, prefix + field, at, value, limit);
-    }
-
-    // A range [value, value + size) from the table's start that lies in the buffer; returns its place.
-    uint32_t Located(const std::string& field, uint64_t at, uint64_t value, uint64_t size) const
-    {
-        const uint64_t remaining = model_.size() - base_;
-        if (value > remaining || size > remaining - value) {
-            Fail(field, at, value + size, remaining);
-        }
-        return static_cast<uint32_t>(base_ + value);
-    }
-
-    template <class T>
-    T Get(uint64_t offset) const
-    {
-        T value;
-        std::memcpy(&value, model_.data() + offset, sizeof(T));
-        return value;
-    }
-
-    std::span<const std::byte> Model() const { return model_; }
-    uint32_t Base() const { return base_; }
-
-    int layer = -1;
-    std::string prefix;
-
-private:
-    std::span<const std::byte> model_;
-    uint32_t base_;
-};
-
-Shape ReadShape(const Cursor& cursor, uint64_t offset, uint32_t dimNum)
+std::string ShownField(const ReadFault& fault)
 {
-    Shape shape(dimNum);
-    for (uint32_t i = 0; i < dimNum; ++i) {
-        shape[i] = cursor.Get<uint32_t>(offset + uint64_t{i} * 4);
-    }
-    return shape;
+    return (fault.kind == Kind::kNoEnd ? "name without an end within " : "") + fault.field;
 }
 
-std::vector<ReadTensor> ReadTensors(Cursor& cursor, const char* side, uint32_t table, uint32_t count)
+uint64_t ShownLimit(const ReadFault& fault)
 {
-    std::vector<ReadTensor> tensors(count);
-    for (uint32_t i = 0; i < count; ++i) {
-        cursor.prefix = std::string(side) + "[" + std::to_string(i) + "].";
-        ReadTensor& tensor = tensors[i];
-        tensor.recordOffset = table + i * static_cast<uint32_t>(sizeof(TensorRecord));
-        tensor.record = cursor.Get<TensorRecord>(tensor.recordOffset);
-        tensor.shapeOffset = cursor.Located("shapeOffset", tensor.recordOffset + offsetof(TensorRecord, shapeOffset),
-                                            tensor.record.shapeOffset, tensor.record.shapeSize);
-        tensor.shape = ReadShape(cursor, tensor.shapeOffset, tensor.record.shapeSize / 4);
-    }
-    cursor.prefix.clear();
-    return tensors;
-}
-
-void ReadOfflineInputs(const Cursor& cursor, ReadLayer* layer)
-{
-    const uint64_t head = layer->attrOffset;
-    if (layer->record.attrSize < sizeof(LayerAttrHead)) {
-        cursor.Fail("attrSize", layer->recordOffset + offsetof(LayerRecord, attrSize), layer->record.attrSize,
-                    sizeof(LayerAttrHead));
-    }
-    uint32_t online = 0;
-    size_t used = 0;
-    for (uint32_t k = 0; k < OPKIT_MAX_LAYER_INPUTS; ++k) {
-        const char flag = cursor.Get<char>(head + offsetof(LayerAttrHead, inputFlags) + k);
-        layer->flags.push_back(flag);
-        if (flag != '1') {
-            used = online < layer->record.inputNum ? k + 1 : used;
-            ++online;
-            continue;
-        }
-        used = k + 1;
-        const size_t j = layer->offline.size();
-        const std::string name = "offline[" + std::to_string(j) + "].";
-        const uint64_t offsetAt = head + j * 4;
-        const uint64_t shapeAt = head + offsetof(LayerAttrHead, offlineShape) + j * sizeof(OfflineShape);
-        const uint32_t dimNum = cursor.Get<uint32_t>(shapeAt + offsetof(OfflineShape, dimNum));
-        if (dimNum > OPKIT_MAX_DIMS) {
-            cursor.Fail(name + "dimNum", shapeAt + offsetof(OfflineShape, dimNum), dimNum, OPKIT_MAX_DIMS);
-        }
-        ReadOffline offline = {k, cursor.Get<uint32_t>(offsetAt), ReadShape(cursor, shapeAt, dimNum)};
-        const uint64_t modelSize = cursor.Model().size();
-        uint64_t bytes = 4;
-        for (const uint32_t dim : offline.shape) {
-            if (dim != 0 && bytes > modelSize / dim) {
-                cursor.Fail(name + "dims", shapeAt, dim, modelSize / bytes);
-            }
-            bytes *= dim;
-        }
-        if (offline.dataOffset + bytes > modelSize) {
-            cursor.Fail(name + "offlineOffset", offsetAt, offline.dataOffset + bytes, modelSize);
-        }
-        layer->offline.push_back(std::move(offline));
-    }
-    layer->flags.resize(used);
-}
-
-ReadLayer ReadOneLayer(Cursor& cursor, uint32_t entryOffset)
-{
-    ReadLayer layer;
-    layer.recordOffset =
-        cursor.Located("layerOffset", entryOffset, cursor.Get<uint32_t>(entryOffset), sizeof(LayerRecord));
-    const LayerRecord record = layer.record = cursor.Get<LayerRecord>(layer.recordOffset);
-    const uint64_t at = layer.recordOffset;
-    layer.nameOffset =
-        cursor.Located("nameOffset", at + offsetof(LayerRecord, nameOffset), record.nameOffset, record.nameSize);
-    const auto name = cursor.Model().subspan(layer.nameOffset, record.nameSize);
-    const auto end = std::find(name.begin(), name.end(), std::byte{0});
-    if (end == name.end()) {
-        cursor.Fail("name without an end within nameSize", at + offsetof(LayerRecord, nameSize), record.nameSize,
-                    record.nameSize);
-    }
-    layer.name.assign(reinterpret_cast<const char*>(name.data()), static_cast<size_t>(end - name.begin()));
-    if (record.inputNum > OPKIT_MAX_LAYER_INPUTS) {
-        cursor.Fail("inputNum", at + offsetof(LayerRecord, inputNum), record.inputNum, OPKIT_MAX_LAYER_INPUTS);
-    }
-    if (record.outputNum > OPKIT_MAX_LAYER_OUTPUTS) {
-        cursor.Fail("outputNum", at + offsetof(LayerRecord, outputNum), record.outputNum, OPKIT_MAX_LAYER_OUTPUTS);
-    }
-    const uint32_t inputs = cursor.Located("inputTableOffset", at + offsetof(LayerRecord, inputTableOffset),
-                                           record.inputTableOffset, record.inputNum * sizeof(TensorRecord));
-    const uint32_t outputs = cursor.Located("outputTableOffset", at + offsetof(LayerRecord, outputTableOffset),
-                                            record.outputTableOffset, record.outputNum * sizeof(TensorRecord));
-    layer.attrOffset =
-        cursor.Located("attrOffset", at + offsetof(LayerRecord, attrOffset), record.attrOffset, record.attrSize);
-    layer.inputs = ReadTensors(cursor, "inputs", inputs, record.inputNum);
-    layer.outputs = ReadTensors(cursor, "outputs", outputs, record.outputNum);
-    ReadOfflineInputs(cursor, &layer);
-    return layer;
+    return fault.kind == Kind::kNoEnd ? fault.value : fault.limit;
 }
 
 }  // namespace
 
-ModelError::ModelError(int errorLayer, std::string errorField, uint64_t errorOffset, uint64_t errorValue,
-                       uint64_t errorLimit)
-    : std::runtime_error(ErrorText(errorLayer, errorField, errorOffset, errorValue, errorLimit)),
+ModelError::ModelError(int errorLayer, ReadFault errorFault)
+    : std::runtime_error(ErrorText(errorLayer, ShownField(errorFault), errorFault.byteOffset,
+                                   errorFault.value + errorFault.size, ShownLimit(errorFault))),
       layer(errorLayer),
-      field(std::move(errorField)),
-      byteOffset(errorOffset),
-      value(errorValue),
-      limit(errorLimit)
+      fault(std::move(errorFault)),
+      field(ShownField(fault)),
+      byteOffset(fault.byteOffset),
+      value(fault.value + fault.size),
+      limit(ShownLimit(fault))
 {
+}
+
+void LayerReader::AtMost(const std::string& field, uint64_t at, uint64_t value, uint64_t limit,
+                         const char* reason) const
+{
+    if (value > limit) {
+        Fail({Kind::kAbove, field, at, value, 0, limit, reason});
+    }
+}
+
+void LayerReader::Aligned(const std::string& field, uint64_t at, uint64_t value, uint64_t place) const
+{
+    if (aligned_ && place % 4 != 0) {
+        Fail({Kind::kOffWords, field, at, value, 0, value / 4 * 4, "not at a multiple of 4"});
+    }
+}
+
+// The place of `size` bytes at `value` from the table's start.
+uint32_t LayerReader::Locate(const std::string& field, uint64_t at, uint64_t value, uint64_t size, const char* what,
+                             bool isText)
+{
+    if (!isText) {
+        Aligned(field, at, value, base_ + value);
+    }
+    const uint64_t remaining = model_.size() - base_;
+    if (value > remaining || size > remaining - value) {
+        Fail({Kind::kAbove, field, at, value, size, remaining, std::string(what) + " ends behind the model buffer"});
+    }
+    return static_cast<uint32_t>(base_ + value);
+}
+
+uint32_t LayerReader::ReadCount(uint32_t layerTableSize)
+{
+    const uint64_t size = model_.size();
+    AtMost("modelSize", 0, size, OPKIT_MAX_MODEL_SIZE, "a model buffer takes up to 1 GiB");
+    Aligned("layerTableOffset", base_, base_, base_);
+    if (uint64_t{base_} + 4 > size) {
+        Fail({Kind::kAbove, "layerTableOffset", base_, base_, 4, size, "the layer table lies behind the model buffer"});
+    }
+    AtMost("layerTableSize", base_, layerTableSize, size - base_, "the layer table ends behind the model buffer");
+    const uint32_t count = Get<uint32_t>(base_);
+    AtMost("layerCount", base_, count, std::min<uint64_t>(OPKIT_MAX_LAYERS, (size - base_ - 4) / 4),
+           "more layers than the table holds");
+    bytesRead_ += 4 + uint64_t{count} * 4;
+    return count;
+}
+
+void LayerReader::ReadRecord(uint32_t index, ReadLayer* layer)
+{
+    layer_ = static_cast<int>(index);
+    const uint64_t entry = uint64_t{base_} + 4 + uint64_t{index} * 4;
+    layer->recordOffset = Locate("layerOffset", entry, Get<uint32_t>(entry), sizeof(LayerRecord), "a layer record");
+    const LayerRecord record = layer->record = Get<LayerRecord>(layer->recordOffset);
+    const uint64_t at = layer->recordOffset;
+    const uint64_t sizeAt = at + offsetof(LayerRecord, nameSize);
+    layer->nameOffset = Locate("nameOffset", at + offsetof(LayerRecord, nameOffset), record.nameOffset, record.nameSize,
+                               "a name", true);
+    const auto name = model_.subspan(layer->nameOffset, std::min(record.nameSize, kMostNameBytes));
+    const auto end = std::find(name.begin(), name.end(), std::byte{0});
+    if (end == name.end()) {
+        AtMost("nameSize", sizeAt, record.nameSize, kMostNameBytes, "the name does not end within 1024 bytes");
+        Fail({Kind::kNoEnd, "nameSize", sizeAt, record.nameSize, 0, uint64_t{record.nameSize} + 1,
+              "the name does not end in nameSize"});
+    }
+    layer->name.assign(reinterpret_cast<const char*>(name.data()), static_cast<size_t>(end - name.begin()));
+    bytesRead_ += sizeof(LayerRecord) + layer->name.size() + 1;
+    AtMost("inputNum", at + offsetof(LayerRecord, inputNum), record.inputNum, OPKIT_MAX_LAYER_INPUTS,
+           "too many inputs");
+    AtMost("outputNum", at + offsetof(LayerRecord, outputNum), record.outputNum, OPKIT_MAX_LAYER_OUTPUTS,
+           "too many outputs");
+}
+
+void LayerReader::ReadTensors(ReadLayer* layer)
+{
+    const LayerRecord& record = layer->record;
+    const uint64_t at = layer->recordOffset;
+    layer->attrOffset = Locate("attrOffset", at + offsetof(LayerRecord, attrOffset), record.attrOffset, record.attrSize,
+                               "an attribute block");
+    bytesRead_ += std::min<uint64_t>(record.attrSize, sizeof(LayerAttrHead));
+    layer->inputTableOffset = Locate("inputTableOffset", at + offsetof(LayerRecord, inputTableOffset),
+                                     record.inputTableOffset, record.inputNum * sizeof(TensorRecord), "a tensor table");
+    layer->inputs = ReadTensorTable("inputs", layer->inputTableOffset, record.inputNum);
+    layer->outputTableOffset =
+        Locate("outputTableOffset", at + offsetof(LayerRecord, outputTableOffset), record.outputTableOffset,
+               record.outputNum * sizeof(TensorRecord), "a tensor table");
+    layer->outputs = ReadTensorTable("outputs", layer->outputTableOffset, record.outputNum);
+}
+
+std::vector<ReadTensor> LayerReader::ReadTensorTable(const char* side, uint32_t table, uint32_t count)
+{
+    std::vector<ReadTensor> tensors(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        ReadTensor& tensor = tensors[i];
+        const std::string name = std::string(side) + "[" + std::to_string(i) + "].";
+        const uint64_t at = tensor.recordOffset = table + i * static_cast<uint32_t>(sizeof(TensorRecord));
+        tensor.record = Get<TensorRecord>(at);
+        const uint32_t shapeSize = tensor.record.shapeSize;
+        if (shapeSize / 4 > OPKIT_MAX_DIMS) {
+            Fail({Kind::kAbove, name + "shapeSize", at + offsetof(TensorRecord, shapeSize), shapeSize, 0,
+                  OPKIT_MAX_DIMS * 4, "more than 10 dimensions"});
+        }
+        tensor.shapeOffset = Locate(name + "shapeOffset", at + offsetof(TensorRecord, shapeOffset),
+                                    tensor.record.shapeOffset, shapeSize, "a shape");
+        tensor.shape = ReadShape(tensor.shapeOffset, shapeSize / 4);
+        bytesRead_ += sizeof(TensorRecord) + shapeSize;
+    }
+    return tensors;
+}
+
+Shape LayerReader::ReadShape(uint64_t offset, uint32_t dimNum) const
+{
+    Shape shape(dimNum);
+    for (uint32_t i = 0; i < dimNum; ++i) {
+        shape[i] = Get<uint32_t>(offset + uint64_t{i} * 4);
+    }
+    return shape;
+}
+
+void LayerReader::ReadOfflineInputs(ReadLayer* layer) const
+{
+    const uint64_t head = layer->attrOffset;
+    if (layer->record.attrSize < sizeof(LayerAttrHead)) {
+        Fail({Kind::kBelow, "attrSize", layer->recordOffset + offsetof(LayerRecord, attrSize), layer->record.attrSize,
+              0, sizeof(LayerAttrHead), "the head of the attribute block is longer"});
+    }
+    uint32_t online = 0;
+    size_t used = 0;
+    for (uint32_t k = 0; k < OPKIT_MAX_LAYER_INPUTS; ++k) {
+        const char flag = Get<char>(head + offsetof(LayerAttrHead, inputFlags) + k);
+        layer->flags.push_back(flag);
+        if (flag == '1') {
+            layer->offline.push_back(ReadOfflineInput(head, k, layer->offline.size()));
+            used = k + 1;
+        } else if (online++ < layer->record.inputNum) {
+            used = k + 1;
+        }
+    }
+    layer->flags.resize(used);
+}
+
+ReadOffline LayerReader::ReadOfflineInput(uint64_t head, uint32_t logicalIndex, size_t j) const
+{
+    const std::string name = "offline[" + std::to_string(j) + "].";
+    const uint64_t offsetAt = head + j * 4;
+    const uint64_t shapeAt = head + offsetof(LayerAttrHead, offlineShape) + j * sizeof(OfflineShape);
+    const uint64_t rankAt = shapeAt + offsetof(OfflineShape, dimNum);
+    const uint32_t dimNum = Get<uint32_t>(rankAt);
+    AtMost(name + "dimNum", rankAt, dimNum, OPKIT_MAX_DIMS, "more than 10 dimensions");
+    ReadOffline offline = {logicalIndex, Get<uint32_t>(offsetAt), ReadShape(shapeAt, dimNum)};
+    uint64_t bytes = 4;
+    for (const uint32_t dim : offline.shape) {
+        const uint64_t most = bytes == 0 ? UINT32_MAX : model_.size() / bytes;
+        AtMost(name + "dims", shapeAt, dim, most, "more data than the model buffer");
+        bytes *= dim;
+    }
+    if (offline.dataOffset + bytes > model_.size()) {
+        Fail({Kind::kAbove, name + "offlineOffset", offsetAt, offline.dataOffset, bytes, model_.size(),
+              "the data ends behind the model buffer"});
+    }
+    return offline;
 }
 
 ReadTable ReadLayerTable(std::span<const std::byte> model, uint32_t layerTableOffset, uint32_t layerTableSize)
 {
-    if (model.size() > OPKIT_MAX_MODEL_SIZE) {
-        throw ModelError(-1, "modelSize", 0, model.size(), OPKIT_MAX_MODEL_SIZE);
-    }
-    if (uint64_t{layerTableOffset} + std::max<uint64_t>(layerTableSize, 4) > model.size()) {
-        throw ModelError(-1, "layerTableOffset + layerTableSize", layerTableOffset,
-                         uint64_t{layerTableOffset} + std::max<uint64_t>(layerTableSize, 4), model.size());
-    }
-    Cursor cursor(model, layerTableOffset);
-    const uint32_t count = cursor.Get<uint32_t>(layerTableOffset);
-    if (count > OPKIT_MAX_LAYERS) {
-        cursor.Fail("layerCount", layerTableOffset, count, OPKIT_MAX_LAYERS);
-    }
-    cursor.Located("layerCount", layerTableOffset, 4, uint64_t{count} * 4);
+    LayerReader reader(model, layerTableOffset);
     ReadTable table;
     table.offset = layerTableOffset;
+    const uint32_t count = reader.ReadCount(layerTableSize);
     for (uint32_t i = 0; i < count; ++i) {
-        cursor.layer = static_cast<int>(i);
-        table.layers.push_back(ReadOneLayer(cursor, layerTableOffset + 4 + i * 4));
+        ReadLayer& layer = table.layers.emplace_back();
+        reader.ReadRecord(i, &layer);
+        reader.ReadTensors(&layer);
+        reader.ReadOfflineInputs(&layer);
     }
+    table.bytesRead = reader.BytesRead();
     return table;
 }
 
@@ -195,6 +218,12 @@ ReadTable ReadLayerTable(const Model& model, size_t tableIndex)
 {
     const ModelTable& table = model.tables.at(tableIndex);
     return ReadLayerTable(model.bytes.Span(), table.layerTableOffset, table.layerTableSize);
+}
+
+uint64_t MostBytesRead(size_t modelSize)
+{
+    constexpr uint64_t kInAnyCase = 4 << 20;
+    return kInAnyCase + 4 * uint64_t{modelSize};
 }
 
 }  // namespace opkit::modelkit

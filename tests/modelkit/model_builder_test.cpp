@@ -227,9 +227,22 @@ TEST_F(ModelReaderDamage, NamesLayerFieldAndPlace)
     ExpectRefusal(record + 36, 31, 1, "outputNum", 31, 30);
     ExpectRefusal(record + 40, kFar, 1, "outputTableOffset", kFar + uint64_t{24}, remaining);
     ExpectRefusal(input + 16, kFar, 1, "inputs[0].shapeOffset", kFar + uint64_t{8}, remaining);
+    ExpectRefusal(input + 20, 44, 1, "inputs[0].shapeSize", 44, 40);
     ExpectRefusal(attr, kFar, 1, "offline[0].offlineOffset", kFar + uint64_t{12}, model_.bytes.size());
     ExpectRefusal(attr + 360, 11, 1, "offline[0].dimNum", 11, 10);
     ExpectRefusal(attr + 320, kFar, 1, "offline[0].dims", kFar, model_.bytes.size() / 4);
+}
+
+// A name goes into every report about its layer.
+TEST(ModelReader, NamesHaveALimit)
+{
+    const auto named = [](size_t size) {
+        ModelBuilder builder;
+        builder.AddLayer(std::string(size, 'a'));
+        return builder.Build();
+    };
+    EXPECT_EQ(ReadLayerTable(named(1023)).layers[0].name.size(), 1023u);
+    EXPECT_THROW(ReadLayerTable(named(1024)), ModelError);
 }
 
 TEST_F(ModelReaderDamage, TableOutsideTheBuffer)
