@@ -134,8 +134,9 @@ void AddAttributeRanges(const Layer& layer, uint32_t size, int owner, const std:
     add(at, layer.attrAt + size, false, "an attribute block");
 }
 
-void CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,
-                std::vector<LayerWrites>* writes)
+// Returns the bytes that its layers read.
+uint64_t CheckTable(const ModelView& model, const ModelTable& table, std::vector<StructureRange>* ranges,
+                    std::vector<LayerWrites>* writes)
 {
     LayerReader reader(model.bytes, table.layerTableOffset, LayerReader::Words::kAligned);
     const uint32_t count = CheckTableHeader(model, table, &reader, ranges);
@@ -153,6 +154,25 @@ void CheckTable(const ModelView& model, const ModelTable& table, std::vector<Str
             writes->back() = {layer.place, owner, layerCheck.Writes()};
         } catch (const Refused&) {
             model.report->conditions.resize(conditions);
+        }
+    }
+    return reader.BytesRead();
+}
+
+void CheckTables(const ModelView& model, std::span<const ModelTable> tables, std::vector<StructureRange>* ranges,
+                 std::vector<LayerWrites>* writes)
+{
+    const uint64_t most = MostBytesRead(model.bytes.size());
+    uint64_t bytesRead = 0;
+    for (const ModelTable& table : tables) {
+        try {
+            bytesRead += CheckTable(model, table, ranges, writes);
+        } catch (const Refused&) {
+        }
+        if (bytesRead > most) {
+            model.Refuse({table.segmentId}, {"layerTableOffset", table.layerTableOffset},
+                         static_cast<int64_t>(bytesRead), static_cast<int64_t>(most),
+                         "the layers up to here read more than four times the buffer and 4 MiB");
         }
     }
 }
@@ -214,19 +234,14 @@ CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const Model
     CheckReport report;
     report.batch = request.batch;
     ModelView model = {buffer, request, {}, &report};
+    std::vector<StructureRange> ranges;
+    std::vector<LayerWrites> writes;
     try {
         CheckWholeRequest(model);
         CheckSegments(model, tables);
+        CheckTables(model, tables, &ranges, &writes);
     } catch (const Refused&) {
         return report;
-    }
-    std::vector<StructureRange> ranges;
-    std::vector<LayerWrites> writes;
-    for (const ModelTable& table : tables) {
-        try {
-            CheckTable(model, table, &ranges, &writes);
-        } catch (const Refused&) {
-        }
     }
     CheckWrites(model, std::move(ranges), writes);
     return report;

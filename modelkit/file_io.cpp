@@ -1,6 +1,9 @@
 #include "modelkit/file_io.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -78,6 +81,40 @@ std::string ReadFile(const fs::path& file)
         FailWithReason(file, "cannot be read");
     }
     return content;
+}
+
+// A pipe is opened without waiting for somebody to write to it.
+RegularFile::RegularFile(fs::path file)
+    : file_(std::move(file)), descriptor_(open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+{
+    if (descriptor_ < 0) {
+        FailWithReason(file_, "cannot be opened");
+    }
+    struct stat status = {};
+    if (fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode)) {
+        close(descriptor_);
+        Fail(file_, "is not a regular file");
+    }
+    size_ = static_cast<uint64_t>(status.st_size);
+}
+
+RegularFile::~RegularFile()
+{
+    close(descriptor_);
+}
+
+void RegularFile::ReadInto(std::span<std::byte> content) const
+{
+    while (!content.empty()) {
+        const ssize_t count = read(descriptor_, content.data(), content.size());
+        if (count < 0) {
+            FailWithReason(file_, "cannot be read");
+        }
+        if (count == 0) {
+            Fail(file_, "ends before its size");
+        }
+        content = content.subspan(static_cast<size_t>(count));
+    }
 }
 
 void WriteFile(const fs::path& file, std::string_view content)

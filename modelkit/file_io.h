@@ -4,7 +4,10 @@
 
 #include <signal.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -29,6 +32,25 @@ private:
 };
 
 std::string ReadFile(const std::filesystem::path& file);
+
+// A regular file, of which nothing is read but what is asked for. All throw FileError.
+class RegularFile {
+public:
+    // Refuses whatever else there may be under that name: a directory, a device, a pipe.
+    explicit RegularFile(std::filesystem::path file);
+    RegularFile(const RegularFile&) = delete;
+    RegularFile& operator=(const RegularFile&) = delete;
+    ~RegularFile();
+
+    uint64_t Size() const { return size_; }
+    // From the start on; refuses a file that has become shorter meanwhile.
+    void ReadInto(std::span<std::byte> content) const;
+
+private:
+    std::filesystem::path file_;
+    int descriptor_;
+    uint64_t size_ = 0;
+};
 
 // Leaves either the old file or the whole new one: writes aside and renames, and holds interrupts meanwhile. A device
 // or a pipe is written in place.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <unordered_set>
 
 #include "modelkit/json_fields.h"
 #include "modelkit/model_reader.h"
@@ -14,33 +15,44 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 constexpr const char* kFormatName = "opkit-model";
+constexpr uint64_t kMostManifestBytes = 64 << 20;
 
 [[noreturn]] void Fail(const fs::path& file, const std::string& what)
 {
     throw ModelFileError(file.string() + ": " + what);
 }
 
-void ReadBuffer(const JsonFields& manifest, const fs::path& file, const std::string& content, Model* model)
+// What the manifest says about the buffer, before a byte of it is read.
+void CheckSize(const JsonFields& manifest, const fs::path& file, uint64_t actual)
 {
     const uint32_t size = manifest.Number(manifest.Root(), "", "bufferSize");
-    if (content.size() != size) {
-        Fail(file, "has " + std::to_string(content.size()) + " bytes, field bufferSize of " +
+    if (actual != size) {
+        Fail(file, "has " + std::to_string(actual) + " bytes, field bufferSize of " +
                        manifest.File().filename().string() + " says " + std::to_string(size) + "; differs from byte " +
-                       std::to_string(std::min<size_t>(content.size(), size)) + " on");
+                       std::to_string(std::min<uint64_t>(actual, size)) + " on");
     }
-    model->bytes = Buffer(std::as_bytes(std::span(content)));
+    if (size > OPKIT_MAX_MODEL_SIZE) {
+        manifest.Fail("field bufferSize is " + std::to_string(size) + ", a model buffer takes up to 1 GiB");
+    }
+}
+
+void CheckCrc(const JsonFields& manifest, const fs::path& file, std::span<const std::byte> buffer)
+{
     const uint32_t crc = manifest.Number(manifest.Root(), "", "bufferCrc32");
-    if (Crc32(model->bytes.Span()) != crc) {
-        Fail(file, "its CRC-32 is " + std::to_string(Crc32(model->bytes.Span())) + ", field bufferCrc32 of " +
+    if (Crc32(buffer) != crc) {
+        Fail(file, "its CRC-32 is " + std::to_string(Crc32(buffer)) + ", field bufferCrc32 of " +
                        manifest.File().filename().string() + " says " + std::to_string(crc));
     }
 }
 
 void CheckSuccessors(const JsonFields& manifest, const Model& model)
 {
+    std::unordered_set<uint32_t> segments;
+    for (const ModelTable& table : model.tables) {
+        segments.insert(table.segmentId);
+    }
     for (size_t i = 0; i < model.tables.size(); ++i) {
-        const auto isNext = [&](const ModelTable& table) { return table.segmentId == *model.tables[i].next; };
-        if (model.tables[i].next && std::none_of(model.tables.begin(), model.tables.end(), isNext)) {
+        if (model.tables[i].next && !segments.contains(*model.tables[i].next)) {
             manifest.Fail("field tables[" + std::to_string(i) + "].next is " + std::to_string(*model.tables[i].next) +
                           ", which no table has as its segmentId");
         }
@@ -49,6 +61,7 @@ void CheckSuccessors(const JsonFields& manifest, const Model& model)
 
 void ReadTables(const JsonFields& manifest, const fs::path& bufferFile, Model* model)
 {
+    uint64_t bytesRead = 0;
     for (const json& entry : manifest.List(manifest.Root(), "", "tables")) {
         const std::string path = "tables[" + std::to_string(model->tables.size()) + "].";
         model->tables.push_back({manifest.Number(entry, path, "segmentId"), manifest.Text(entry, path, "name"),
@@ -58,15 +71,23 @@ void ReadTables(const JsonFields& manifest, const fs::path& bufferFile, Model* m
             model->tables.back().next = manifest.Number(*next, path + "next");
         }
         try {
-            ReadLayerTable(*model, model->tables.size() - 1);
+            bytesRead += ReadLayerTable(*model, model->tables.size() - 1).bytesRead;
         } catch (const ModelError& error) {
             Fail(bufferFile, "where field " + path + "layerTableOffset leads: " + error.what());
+        }
+        if (bytesRead > MostBytesRead(model->bytes.size())) {
+            manifest.Fail("field " + path + "layerTableOffset: the layers up to here read " +
+                          std::to_string(bytesRead) + " bytes, more than four times the buffer and 4 MiB");
         }
     }
     if (model->tables.empty()) {
         manifest.Fail("field tables is empty");
     }
     CheckSuccessors(manifest, *model);
+}
+
+void ReadConstants(const JsonFields& manifest, Model* model)
+{
     for (const json& entry : manifest.List(manifest.Root(), "", "constants")) {
         const std::string path = "constants[" + std::to_string(model->constants.size()) + "].";
         ModelConstant constant = {manifest.Text(entry, path, "name"), manifest.Number(entry, path, "offset"),
@@ -83,6 +104,20 @@ void ReadTables(const JsonFields& manifest, const fs::path& bufferFile, Model* m
         }
         model->constants.push_back(std::move(constant));
     }
+}
+
+Model ReadModel(const JsonFields& manifest, const fs::path& bufferFile, Buffer bytes)
+{
+    CheckCrc(manifest, bufferFile, bytes.Span());
+    Model model;
+    model.bytes = std::move(bytes);
+    model.scratchSize = manifest.Number(manifest.Root(), "", "scratchSize");
+    model.maxBatch = manifest.Number(manifest.Root(), "", "maxBatch");
+    model.inputs = manifest.Tensors("inputs");
+    model.outputs = manifest.Tensors("outputs");
+    ReadTables(manifest, bufferFile, &model);
+    ReadConstants(manifest, &model);
+    return model;
 }
 
 }  // namespace
@@ -162,22 +197,27 @@ void SaveModel(const Model& model, const fs::path& path, const std::string& mani
 Model LoadModel(const fs::path& path)
 {
     const ModelPaths paths = ModelPathsOf(path);
-    const std::string manifest = ReadFile(paths.manifest);
-    return ParseModel(paths, manifest, ReadFile(paths.buffer));
+    const RegularFile manifestFile(paths.manifest);
+    if (manifestFile.Size() > kMostManifestBytes) {
+        Fail(paths.manifest, "has " + std::to_string(manifestFile.Size()) + " bytes, a manifest has up to 64 MiB");
+    }
+    std::string text(manifestFile.Size(), '\0');
+    manifestFile.ReadInto(std::as_writable_bytes(std::span(text)));
+    const RegularFile bufferFile(paths.buffer);
+    const JsonFields manifest(paths.manifest, text);
+    manifest.CheckFormat(kFormatName, kModelFormatVersion);
+    CheckSize(manifest, paths.buffer, bufferFile.Size());
+    Buffer bytes(bufferFile.Size());
+    bufferFile.ReadInto(bytes.Span());
+    return ReadModel(manifest, paths.buffer, std::move(bytes));
 }
 
 Model ParseModel(const ModelPaths& paths, const std::string& manifestText, const std::string& buffer)
 {
     const JsonFields manifest(paths.manifest, manifestText);
     manifest.CheckFormat(kFormatName, kModelFormatVersion);
-    Model model;
-    model.scratchSize = manifest.Number(manifest.Root(), "", "scratchSize");
-    model.maxBatch = manifest.Number(manifest.Root(), "", "maxBatch");
-    model.inputs = manifest.Tensors("inputs");
-    model.outputs = manifest.Tensors("outputs");
-    ReadBuffer(manifest, paths.buffer, buffer, &model);
-    ReadTables(manifest, paths.buffer, &model);
-    return model;
+    CheckSize(manifest, paths.buffer, buffer.size());
+    return ReadModel(manifest, paths.buffer, Buffer(std::as_bytes(std::span(buffer))));
 }
 
 }  // namespace opkit::modelkit

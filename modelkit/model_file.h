@@ -25,13 +25,15 @@ struct ModelPaths {
 // `path` is NAME, NAME.json or NAME.bin.
 ModelPaths ModelPathsOf(std::filesystem::path path);
 
-// Both files are written aside and renamed, the manifest last. `path` as above.
+// Both files are written aside and renamed, the manifest last. `path` as above. Throws ModelFileError.
 void SaveModel(const Model& model, const std::filesystem::path& path);
 // The same with a manifest text of one's own.
 void SaveModel(const Model& model, const std::filesystem::path& path, const std::string& manifest);
 std::string ManifestText(const Model& model);
 
-// Checks the manifest, the size and the CRC-32 of the buffer, and that every layer table can be read.
+// Checks the manifest, the size and the CRC-32 of the buffer, and that every layer table can be read. Throws
+// ModelFileError, which names the file and the field. Both are regular files; a manifest has up to 64 MiB, and what the
+// layers of all tables read together is limited, see MostBytesRead.
 Model LoadModel(const std::filesystem::path& path);
 // The same with the contents of the two files; the paths only name them in errors.
 Model ParseModel(const ModelPaths& paths, const std::string& manifest, const std::string& buffer);

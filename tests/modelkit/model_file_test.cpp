@@ -1,6 +1,7 @@
 #include "modelkit/model_file.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -134,6 +135,24 @@ TEST_F(ModelFile, NoticesADamagedBuffer)
     ExpectError("net.bin", "cannot be opened");
     fs::remove(directory_ / "net.json");
     ExpectError("net.json", "cannot be opened");
+}
+
+// A file that is never read does not cost what it claims to hold.
+TEST_F(ModelFile, ReadsRegularFilesOfTheRightSizeOnly)
+{
+    fs::resize_file(directory_ / "net.bin", uint64_t{40} << 30);
+    ExpectError("net.bin", "has 42949672960 bytes, field bufferSize of net.json says");
+    fs::remove(directory_ / "net.bin");
+    ASSERT_EQ(mkfifo((directory_ / "net.bin").c_str(), 0600), 0);
+    ExpectError("net.bin", "is not a regular file");
+    fs::remove(directory_ / "net.bin");
+    fs::create_symlink("/dev/zero", directory_ / "net.bin");
+    ExpectError("net.bin", "is not a regular file");
+    fs::resize_file(directory_ / "net.json", uint64_t{40} << 30);
+    ExpectError("net.json", "has 42949672960 bytes, a manifest has up to 64 MiB");
+    fs::remove(directory_ / "net.json");
+    fs::create_directory(directory_ / "net.json");
+    ExpectError("net.json", "is not a regular file");
 }
 
 TEST_F(ModelFile, RefusesAPlaceItCannotWrite)
