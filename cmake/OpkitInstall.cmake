@@ -12,9 +12,9 @@ install(TARGETS opkit_headers EXPORT opkit-targets)
 install(DIRECTORY include/opkit DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 # modelkit's headers, without those that show a JSON library, and without the file format where that library is missing.
-set(opkit_private_headers "/(json_fields|model_text)\\.h$")
+set(opkit_private_headers "/(json_fields|model_text|model_writer)\\.h$")
 if(NOT nlohmann_json_FOUND)
-  set(opkit_private_headers "/(json_fields|model_text|model_file)\\.h$")
+  set(opkit_private_headers "/(json_fields|model_text|model_writer|model_file)\\.h$")
 endif()
 install(TARGETS opkit_modelkit EXPORT opkit-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 file(GLOB opkit_modelkit_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/modelkit/*.h)

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "modelkit/model_writer.h"
+
 namespace opkit::modelkit {
 namespace {
 
@@ -192,44 +194,22 @@ LayerBuilder& ModelBuilder::AddLayer(std::string operatorName)
     return *layers.back();
 }
 
-// Appends to the buffer. Positions count from its start; a table subtracts its own.
-class ModelBuilder::Writer {
+// The description as the model writer takes it.
+class ModelBuilder::Planner {
 public:
-    explicit Writer(const ModelBuilder& builder) : builder_(builder) {}
+    explicit Planner(const ModelBuilder& builder) : builder_(builder) {}
 
-    void WriteConstants()
+    Model Run()
     {
         for (const Constant& constant : builder_.constants_) {
-            const uint32_t offset = Reserve(constant.data.size() * sizeof(float), Buffer::kAlignment);
-            if (!constant.data.empty()) {
-                std::memcpy(&bytes_[offset], constant.data.data(), constant.data.size() * sizeof(float));
-            }
+            const uint32_t offset = writer_.Reserve(constant.data.size() * sizeof(float), Buffer::kAlignment);
+            writer_.PutBytes(offset, std::as_bytes(std::span(constant.data)));
             model_.constants.push_back({constant.name, offset, constant.shape});
         }
-    }
-
-    void WriteTable(const Table& table)
-    {
-        if (table.layers.size() > OPKIT_MAX_LAYERS) {
-            throw BuildError("table " + table.name + " has " + std::to_string(table.layers.size()) +
-                             " layers, at most 128");
+        for (const Table& table : builder_.tables_) {
+            WriteTable(table);
         }
-        const uint32_t count = static_cast<uint32_t>(table.layers.size());
-        base_ = Reserve(4 + size_t{count} * 4, 8);
-        Put(base_, count);
-        for (uint32_t i = 0; i < count; ++i) {
-            Put(base_ + 4 + i * 4, WriteLayer(*table.layers[i]));
-        }
-        const uint32_t size = static_cast<uint32_t>(bytes_.size()) - base_;
-        model_.tables.push_back({table.segmentId, table.name, base_, size, table.next});
-    }
-
-    Model Finish()
-    {
-        if (bytes_.size() > OPKIT_MAX_MODEL_SIZE) {
-            throw BuildError("the model takes " + std::to_string(bytes_.size()) + " bytes, at most 1 GiB");
-        }
-        model_.bytes = Buffer(std::span<const std::byte>(bytes_));
+        model_.bytes = writer_.Finish();
         model_.inputs = builder_.inputs_;
         model_.outputs = builder_.outputs_;
         model_.scratchSize = ScratchSize();
@@ -238,6 +218,20 @@ public:
     }
 
 private:
+    void WriteTable(const Table& table)
+    {
+        if (table.layers.size() > OPKIT_MAX_LAYERS) {
+            throw BuildError("table " + table.name + " has " + std::to_string(table.layers.size()) +
+                             " layers, at most 128");
+        }
+        const uint32_t base = writer_.BeginTable(static_cast<uint32_t>(table.layers.size()));
+        for (const auto& layer : table.layers) {
+            writer_.WriteLayer(PlanOf(*layer));
+        }
+        const uint32_t size = static_cast<uint32_t>(writer_.Size()) - base;
+        model_.tables.push_back({table.segmentId, table.name, base, size, table.next});
+    }
+
     uint32_t WorkspaceBegin() const { return static_cast<uint32_t>(RoundUp(builder_.scratchEnd_, kScratchAlignment)); }
 
     uint32_t ScratchSize() const
@@ -255,42 +249,14 @@ private:
         return static_cast<uint32_t>(size);
     }
 
-    uint32_t Reserve(size_t size, size_t alignment)
+    static std::vector<TensorPlan> PlansOf(const std::vector<TensorRef>& tensors)
     {
-        const uint64_t begin = RoundUp(bytes_.size(), alignment);
-        if (begin + size > OPKIT_MAX_MODEL_SIZE) {
-            throw BuildError("the model takes more than 1 GiB");
+        std::vector<TensorPlan> plans;
+        for (const TensorRef& tensor : tensors) {
+            plans.push_back(
+                {{tensor.memKind, tensor.memIndex, tensor.size, tensor.strideIndex, 0, 0}, tensor.shape, {}, {}});
         }
-        bytes_.resize(begin + size);
-        return static_cast<uint32_t>(begin);
-    }
-
-    template <class T>
-    void Put(size_t offset, const T& value)
-    {
-        std::memcpy(&bytes_[offset], &value, sizeof(T));
-    }
-
-    uint32_t WriteShape(const Shape& shape)
-    {
-        const uint32_t offset = Reserve(shape.size() * 4, 8);
-        for (size_t i = 0; i < shape.size(); ++i) {
-            Put(offset + i * 4, shape[i]);
-        }
-        return offset - base_;
-    }
-
-    uint32_t WriteTensors(const std::vector<TensorRef>& tensors)
-    {
-        const uint32_t table = Reserve(tensors.size() * sizeof(TensorRecord), 8);
-        for (size_t i = 0; i < tensors.size(); ++i) {
-            const TensorRef& tensor = tensors[i];
-            const TensorRecord record = {
-                tensor.memKind,     tensor.memIndex,          tensor.size,
-                tensor.strideIndex, WriteShape(tensor.shape), static_cast<uint32_t>(tensor.shape.size() * 4)};
-            Put(table + i * sizeof(TensorRecord), record);
-        }
-        return table - base_;
+        return plans;
     }
 
     LayerAttrHead HeadOf(const LayerBuilder& layer) const
@@ -310,51 +276,33 @@ private:
         return head;
     }
 
-    // Returns the record's offset from the table.
-    uint32_t WriteLayer(const LayerBuilder& layer)
+    LayerPlan PlanOf(const LayerBuilder& layer) const
     {
         if (layer.flags_.size() > OPKIT_MAX_LAYER_INPUTS || layer.outputs_.size() > OPKIT_MAX_LAYER_OUTPUTS) {
             throw BuildError("layer " + layer.name_ + " has more than 80 inputs or 30 outputs");
         }
-        const uint32_t recordOffset = Reserve(sizeof(LayerRecord), 8);
-        LayerRecord record = {};
-        record.layerId = layer.id_;
-        record.nameSize = static_cast<uint32_t>(layer.name_.size() + 1);
-        const uint32_t name = Reserve(record.nameSize, 8);
-        std::memcpy(&bytes_[name], layer.name_.c_str(), record.nameSize);
-        record.nameOffset = name - base_;
-        record.bufOffset = layer.workspace_ == 0 ? 0 : WorkspaceBegin();
-        record.bufSize = layer.workspace_;
-        record.inputNum = static_cast<uint32_t>(layer.inputs_.size());
-        record.inputTableOffset = WriteTensors(layer.inputs_);
-        record.outputNum = static_cast<uint32_t>(layer.outputs_.size());
-        record.outputTableOffset = WriteTensors(layer.outputs_);
+        LayerPlan plan;
+        plan.name = layer.name_;
+        plan.record.layerId = layer.id_;
+        plan.record.bufOffset = layer.workspace_ == 0 ? 0 : WorkspaceBegin();
+        plan.record.bufSize = layer.workspace_;
+        plan.inputs = PlansOf(layer.inputs_);
+        plan.outputs = PlansOf(layer.outputs_);
+        plan.head = HeadOf(layer);
         const uint64_t own = sizeof(LayerAttrHead) + layer.attr_.size();
-        record.attrSize = static_cast<uint32_t>(RoundUp(std::max<uint64_t>(own, kAttrBlockBytes), 8));
-        const uint32_t attr = Reserve(record.attrSize, 8);
-        Put(attr, HeadOf(layer));
-        if (!layer.attr_.empty()) {
-            std::memcpy(&bytes_[attr + sizeof(LayerAttrHead)], layer.attr_.data(), layer.attr_.size());
-        }
-        record.attrOffset = attr - base_;
-        Put(recordOffset, record);
-        return recordOffset - base_;
+        plan.record.attrSize = static_cast<uint32_t>(RoundUp(std::max<uint64_t>(own, kAttrBlockBytes), 8));
+        plan.attributes.push_back({sizeof(LayerAttrHead), layer.attr_});
+        return plan;
     }
 
     const ModelBuilder& builder_;
-    std::vector<std::byte> bytes_;
+    ModelWriter writer_;
     Model model_;
-    uint32_t base_ = 0;
 };
 
 Model ModelBuilder::Build() const
 {
-    Writer writer(*this);
-    writer.WriteConstants();
-    for (const Table& table : tables_) {
-        writer.WriteTable(table);
-    }
-    return writer.Finish();
+    return Planner(*this).Run();
 }
 
 }  // namespace opkit::modelkit

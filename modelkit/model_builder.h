@@ -123,7 +123,7 @@ private:
         std::vector<std::unique_ptr<LayerBuilder>> layers;
         std::optional<uint32_t> next = {};
     };
-    class Writer;
+    class Planner;
 
     uint32_t maxBatch_;
     std::vector<TensorSpec> inputs_;

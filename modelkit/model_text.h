@@ -18,6 +18,7 @@
 
 namespace opkit::modelkit {
 
+inline constexpr const char* kModelTextFormat = "opkit-model-text";
 inline constexpr uint32_t kModelTextVersion = 1;
 
 // `manifest` is the manifest as it is on disk; it is kept in the text when SaveModel would write another one.
