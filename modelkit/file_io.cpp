@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 namespace opkit::modelkit {
 namespace {
@@ -32,9 +33,8 @@ using Stream = std::unique_ptr<std::FILE, Close>;
 }
 
 // Tells whether everything arrived; errno says why not.
-bool WriteAll(const fs::path& file, std::string_view content)
+bool WriteAll(Stream stream, std::string_view content)
 {
-    Stream stream(std::fopen(file.c_str(), "wb"));
     if (stream == nullptr) {
         return false;
     }
@@ -49,21 +49,143 @@ bool HasNoOldContent(const fs::path& file)
     return fs::is_character_file(status) || fs::is_fifo(status) || fs::is_socket(status);
 }
 
-}  // namespace
+// A file in the making. Names are looked up in the open directory, so that a path as long as can be leaves room for
+// the new name.
+class AsideFile {
+public:
+    explicit AsideFile(const fs::path& file) : file_(file)
+    {
+        const fs::path target = FollowLinks(file);
+        const fs::path parent = target.has_parent_path() ? target.parent_path() : ".";
+        name_ = target.has_filename() ? target.filename() : ".";
+        directory_ = open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        struct stat old = {};
+        const bool exists = directory_ >= 0 && fstatat(directory_, name_.c_str(), &old, 0) == 0;
+        if (exists ? !MayReplace(old) : errno != ENOENT || directory_ < 0) {
+            Abandon("cannot be written");
+        }
+        aside_ = CreateAside([&](const std::string& name) {
+            descriptor_ = openat(directory_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            return descriptor_ >= 0;
+        });
+        if (aside_.empty()) {
+            Abandon("cannot be written");
+        }
+        if (exists) {
+            fchmod(descriptor_, old.st_mode & 0777);
+        }
+    }
+    ~AsideFile() { Close(); }
+    AsideFile(const AsideFile&) = delete;
+    AsideFile& operator=(const AsideFile&) = delete;
 
-HoldInterrupts::HoldInterrupts()
+    void Replace(std::string_view content)
+    {
+        if (!WriteAll(Stream(fdopen(std::exchange(descriptor_, -1), "wb")), content)) {
+            Abandon("cannot be written");
+        }
+        if (renameat(directory_, aside_.c_str(), directory_, name_.c_str()) != 0) {
+            Abandon("cannot be replaced");
+        }
+        aside_.clear();
+    }
+
+private:
+    bool MayReplace(const struct stat& old)
+    {
+        if (S_ISDIR(old.st_mode)) {
+            errno = EISDIR;
+            return false;
+        }
+        return faccessat(directory_, name_.c_str(), W_OK, AT_EACCESS) == 0;
+    }
+    void Close()
+    {
+        if (descriptor_ >= 0) {
+            close(std::exchange(descriptor_, -1));
+        }
+        if (!aside_.empty()) {
+            unlinkat(directory_, std::exchange(aside_, {}).c_str(), 0);
+        }
+        if (directory_ >= 0) {
+            close(std::exchange(directory_, -1));
+        }
+    }
+    [[noreturn]] void Abandon(const std::string& what)
+    {
+        const int reason = errno;
+        Close();
+        errno = reason;
+        FailWithReason(file_, what);
+    }
+
+    fs::path file_;
+    fs::path name_;
+    std::string aside_;
+    int directory_ = -1;
+    int descriptor_ = -1;
+};
+
+sigset_t Interrupts()
 {
     sigset_t interrupts;
     sigemptyset(&interrupts);
     for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
-        sigaddset(&interrupts, signal);
+        struct sigaction action = {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            sigaddset(&interrupts, signal);
+        }
     }
+    return interrupts;
+}
+
+}  // namespace
+
+HoldInterrupts::HoldInterrupts()
+{
+    const sigset_t interrupts = Interrupts();
     pthread_sigmask(SIG_BLOCK, &interrupts, &before_);
 }
 
 HoldInterrupts::~HoldInterrupts()
 {
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+}
+
+bool HoldInterrupts::Waiting()
+{
+    sigset_t waiting = Interrupts();
+    sigset_t pending;
+    sigpending(&pending);
+    sigandset(&waiting, &waiting, &pending);
+    return sigisemptyset(&waiting) == 0;
+}
+
+fs::path FollowLinks(fs::path file)
+{
+    constexpr int kMostLinks = 40;
+    std::error_code error;
+    for (int links = 0; fs::is_symlink(file, error); ++links) {
+        const fs::path next = fs::read_symlink(file, error);
+        if (error || links == kMostLinks) {
+            Fail(file, "cannot be followed: " + (error ? error.message() : std::strerror(ELOOP)));
+        }
+        file = file.parent_path() / next;
+    }
+    return file;
+}
+
+std::string CreateAside(const std::function<bool(const std::string& name)>& create)
+{
+    for (unsigned attempt = 0;; ++attempt) {
+        std::string name = std::string(kAsidePrefix) + std::to_string(getpid()) + "-" + std::to_string(attempt);
+        if (create(name)) {
+            return name;
+        }
+        if (errno != EEXIST) {
+            return {};
+        }
+    }
 }
 
 std::string ReadFile(const fs::path& file)
@@ -120,25 +242,22 @@ void RegularFile::ReadInto(std::span<std::byte> content) const
 void WriteFile(const fs::path& file, std::string_view content)
 {
     if (HasNoOldContent(file)) {
-        if (!WriteAll(file, content)) {
+        if (!WriteAll(Stream(std::fopen(file.c_str(), "wb")), content)) {
             FailWithReason(file, "cannot be written");
         }
         return;
     }
     const HoldInterrupts hold;
-    fs::path aside = file;
-    aside += ".new";
-    std::error_code error;
-    if (!WriteAll(aside, content)) {
-        const std::string reason = std::strerror(errno);
-        fs::remove(aside, error);
-        Fail(file, "cannot be written: " + reason);
-    }
-    fs::rename(aside, file, error);
-    if (error) {
-        const std::string reason = error.message();
-        fs::remove(aside, error);
-        Fail(file, "cannot be replaced: " + reason);
+    AsideFile(file).Replace(content);
+}
+
+void CheckWritable(const fs::path& file)
+{
+    if (!HasNoOldContent(file)) {
+        const HoldInterrupts hold;
+        const AsideFile tried(file);
+    } else if (access(file.c_str(), W_OK) != 0) {
+        FailWithReason(file, "cannot be written");
     }
 }
 

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <stdexcept>
+#include <string>
 
 namespace opkit::tools {
 
@@ -16,6 +17,14 @@ constexpr int kUsage = 2;
 struct ToolError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// Ends it with kUsage, in the same way.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// To standard error. Where that cannot be written, nobody is there to read it, and nothing follows from it.
+void PrintError(const std::string& text);
 
 using Action = std::function<int()>;  // returns the exit code
 

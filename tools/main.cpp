@@ -1,6 +1,8 @@
 // opkit: runs models, looks into them, and turns them into text and back. One line per subcommand.
 
+#include <fcntl.h>
 #include <fmt/core.h>
+#include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -27,6 +29,17 @@ constexpr Command kCommands[] = {
     {"disassemble", "Writes a model as text", SetUpDisassemble},
 };
 
+// A file that is opened must not become the standard output or error that is missing. What stands in for one cannot be
+// written either.
+void OpenStandardStreams()
+{
+    int descriptor = 0;
+    do {
+        descriptor = open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    close(descriptor);
+}
+
 int Parse(CLI::App& app, int argc, char** argv)
 {
     try {
@@ -41,11 +54,14 @@ int Perform(const Action& action)
 {
     try {
         return action();
+    } catch (const UsageError& error) {
+        PrintError(fmt::format("opkit: {}\n", error.what()));
+        return kUsage;
     } catch (const std::bad_alloc&) {
-        fmt::print(stderr, "opkit: there is not enough memory\n");
+        PrintError("opkit: there is not enough memory\n");
     } catch (const std::exception& error) {
         if (std::ferror(stdout) == 0) {  // otherwise Finish tells
-            fmt::print(stderr, "opkit: {}\n", error.what());
+            PrintError(fmt::format("opkit: {}\n", error.what()));
         }
     }
     return kFailure;
@@ -55,7 +71,9 @@ int Perform(const Action& action)
 int Finish(int code)
 {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        fmt::print(stderr, "opkit: standard output cannot be written: {}\n", std::strerror(errno));
+        if (errno != EPIPE) {  // whoever read it wanted no more
+            PrintError(fmt::format("opkit: standard output cannot be written: {}\n", std::strerror(errno)));
+        }
         return kFailure;
     }
     return code;
@@ -68,7 +86,9 @@ int Main(int argc, char** argv)
     app.set_version_flag("--version",
                          fmt::format("opkit {}.{}.{} ({})", OpkitGetVersion() >> 16, OpkitGetVersion() >> 8 & 0xff,
                                      OpkitGetVersion() & 0xff, OPKIT_GIT_VERSION));
+    OpenStandardStreams();
     std::signal(SIGXFSZ, SIG_IGN);  // a file beyond the limit is an error of its own
+    std::signal(SIGPIPE, SIG_IGN);  // and so is output that nobody reads
     app.require_subcommand(1);
     Action action;
     for (const Command& command : kCommands) {
@@ -80,6 +100,13 @@ int Main(int argc, char** argv)
 }
 
 }  // namespace
+
+void PrintError(const std::string& text)
+{
+    std::fputs(text.c_str(), stderr);
+    std::fflush(stderr);
+}
+
 }  // namespace opkit::tools
 
 int main(int argc, char** argv)

@@ -3,6 +3,7 @@
 #include "tools/npy.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <string_view>
@@ -19,6 +20,7 @@ using modelkit::Shape;
 namespace fs = std::filesystem;
 
 constexpr size_t kFixedHead = 10;  // magic, version, length of the header
+constexpr size_t kLongestHead = 1 << 17;
 
 [[noreturn]] void Fail(const fs::path& file, const std::string& what)
 {
@@ -136,30 +138,60 @@ Shape CheckHeader(const fs::path& file, std::string_view line)
     return ShapeOf(file, header.shape);
 }
 
+// Checks the header against the bytes of elements behind it. `content` begins as the file does.
+Shape CheckContent(const fs::path& file, const std::string& content, uint64_t fileSize, size_t* end)
+{
+    size_t begin = 0;
+    *end = HeaderEnd(file, content, &begin);
+    const Shape shape = CheckHeader(file, std::string_view(content).substr(begin, *end - begin));
+    uint64_t count = 0;
+    try {
+        count = modelkit::ElementCount(shape);
+    } catch (const modelkit::BuildError& error) {
+        Fail(file, std::string("field shape: ") + error.what());
+    }
+    if (fileSize - *end != count * sizeof(float)) {
+        Fail(file, "has " + std::to_string(fileSize - *end) + " bytes of elements, field shape " +
+                       modelkit::ShapeText(shape) + " takes " + std::to_string(count * sizeof(float)));
+    }
+    return shape;
+}
+
 }  // namespace
 
 NpyArray LoadNpy(const fs::path& file)
 {
     const std::string content = modelkit::ReadFile(file);
-    size_t begin = 0;
-    const size_t end = HeaderEnd(file, content, &begin);
+    size_t end = 0;
     NpyArray array;
-    array.shape = CheckHeader(file, std::string_view(content).substr(begin, end - begin));
-    uint64_t count = 0;
-    try {
-        count = modelkit::ElementCount(array.shape);
-    } catch (const modelkit::BuildError& error) {
-        Fail(file, std::string("field shape: ") + error.what());
-    }
-    if (content.size() - end != count * sizeof(float)) {
-        Fail(file, "has " + std::to_string(content.size() - end) + " bytes of elements, field shape " +
-                       modelkit::ShapeText(array.shape) + " takes " + std::to_string(count * sizeof(float)));
-    }
-    array.values.resize(count);
-    if (count != 0) {
-        std::memcpy(array.values.data(), content.data() + end, count * sizeof(float));
+    array.shape = CheckContent(file, content, content.size(), &end);
+    array.values.resize((content.size() - end) / sizeof(float));
+    if (!array.values.empty()) {
+        std::memcpy(array.values.data(), content.data() + end, content.size() - end);
     }
     return array;
+}
+
+NpyReader::NpyReader(const fs::path& file) : file_(file), stream_(file, std::ios::binary)
+{
+    std::error_code error;
+    const uint64_t size = fs::file_size(file, error);
+    if (error || !stream_) {
+        Fail(file, "cannot be opened: " + (error ? error.message() : std::strerror(errno)));
+    }
+    std::string head(std::min<uint64_t>(size, kLongestHead), '\0');
+    stream_.read(head.data(), static_cast<std::streamsize>(head.size()));
+    shape_ = CheckContent(file, head, size, &begin_);
+}
+
+std::vector<float> NpyReader::Read(size_t first, size_t count)
+{
+    std::vector<float> values(count);
+    stream_.seekg(static_cast<std::streamoff>(begin_ + first * sizeof(float)));
+    if (!stream_.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(count * sizeof(float)))) {
+        Fail(file_, "cannot be read");
+    }
+    return values;
 }
 
 void SaveNpy(const fs::path& file, const Shape& shape, std::span<const float> values)

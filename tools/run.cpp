@@ -4,16 +4,18 @@
 #include <algorithm>
 #include <memory>
 
-#include "modelkit/check.h"
 #include "modelkit/model_file.h"
 #include "opkit/opkit.h"
 #include "tools/command.h"
+#include "tools/comparison.h"
+#include "tools/dump_writer.h"
 #include "tools/layer_dump.h"
 #include "tools/npy.h"
 #include "tools/profile.h"
 #include "tools/progress.h"
 #include "tools/report_header.h"
 #include "tools/run_data.h"
+#include "tools/soundness.h"
 #include "tools/stream.h"
 #include "tools/throughput.h"
 
@@ -34,39 +36,61 @@ struct Options {
     uint32_t threads = 0;
     std::string trace;
     std::string dump;
-    std::string compare;
+    std::vector<std::string> compare;
+    double tolerance = 0;
     bool unchecked = false;
 };
 
-// The largest batch that divides the items and that the model takes. With several tables it is 1: a segment id is one
-// for the whole request, so items that want different ways must not share one.
+// As many items as there are and as the model takes. With several tables it is 1: a segment id is one for the whole
+// request, so items that want different ways must not share one.
 uint32_t ChooseBatch(const Model& model, uint32_t items, uint32_t wanted)
 {
-    if (wanted != 0) {
-        if (items % wanted != 0) {
-            throw ToolError(fmt::format("--batch {} does not divide the {} items of the inputs", wanted, items));
-        }
-        return wanted;
+    if (wanted > LargestBatch(model)) {
+        throw ToolError(
+            fmt::format("--batch {}: the model's scratch is planned for {} batch items", wanted, LargestBatch(model)));
     }
-    uint32_t batch = model.tables.size() > 1 ? 1 : std::min(items, LargestBatch(model));
-    while (items % batch != 0) {
-        --batch;
-    }
-    return batch;
+    return std::min(items, wanted != 0 ? wanted : model.tables.size() > 1 ? 1 : LargestBatch(model));
 }
 
-// A model that would fault must not take the program with it. Where a segment id leads, the run itself finds out.
-void RefuseUnsafe(const Model& model, uint32_t batch, const Options& options)
+bool IsNamedFile(const std::string& argument)
 {
-    CheckReport report = CheckModel(model, batch);
-    std::erase_if(report.refusals, [](const CheckRefusal& refusal) { return refusal.leadsNowhere; });
-    if (options.unchecked || report.Accepted()) {
-        return;
+    const size_t equals = argument.find('=');
+    return equals != std::string::npos && equals != 0 && equals + 1 != argument.size();
+}
+
+// What the run is compared with: dumps, and files for outputs.
+struct References {
+    std::vector<NamedFile> outputs;
+    std::vector<DumpComparison> dumps;
+};
+
+References OpenReferences(const Model& model, const Options& options)
+{
+    References references;
+    std::vector<std::string> named;
+    for (const std::string& argument : options.compare) {
+        if (IsNamedFile(argument) && !std::filesystem::exists(argument)) {
+            named.push_back(argument);
+        } else {
+            references.dumps.emplace_back(argument, options.tolerance);
+        }
     }
-    const size_t more = report.refusals.size() - 1;
-    throw ToolError(fmt::format("{}: {}{} (opkit check tells all, --unchecked runs it nevertheless)",
-                                ModelPathsOf(options.model).buffer.string(), report.refusals[0].Text(),
-                                more == 0 ? "" : fmt::format("; and {} more", more)));
+    references.outputs = NamedFiles(named, model.outputs, "output to compare");
+    for (const NamedFile& file : references.outputs) {
+        NpyReader tried(file.file);
+    }
+    return references;
+}
+
+// What only shows in the end must not cost the run.
+void TryDestinations(const std::vector<NamedFile>& outputs, const Options& options)
+{
+    for (const NamedFile& output : outputs) {
+        CheckWritable(output.file);
+    }
+    if (!options.trace.empty()) {
+        CheckWritable(options.trace);
+    }
 }
 
 void SaveOutputs(const Model& model, const RunData& outputs, const std::vector<NamedFile>& files)
@@ -78,25 +102,31 @@ void SaveOutputs(const Model& model, const RunData& outputs, const std::vector<N
 }
 
 // The run whose outputs are reported, with every layer's outputs where they are wanted.
-RunData FirstRun(const Model& model, Stream& stream, const Options& options, std::vector<DumpedTensor>* layers)
+RunData FirstRun(const Model& model, Stream& stream, DumpWriter* dump, std::vector<DumpComparison>* comparisons)
 {
-    if (options.dump.empty() && options.compare.empty()) {
-        return stream.RunFresh();
+    Progress progress("requests", stream.RequestCount());
+    stream.OnRequest([&] { progress.Advance(); });
+    std::optional<DumpCollector> collector;
+    if (dump != nullptr || !comparisons->empty()) {
+        collector.emplace(model, stream, [&](const DumpedTensor& tensor) {
+            if (dump != nullptr) {
+                dump->Add(tensor);
+            }
+            for (DumpComparison& comparison : *comparisons) {
+                comparison.Add(tensor);
+            }
+        });
     }
-    DumpCollector collector(model, stream);
-    stream.OnPass([&](const StreamPass& pass) { collector.EndPass(pass); });
     RunData outputs = stream.RunFresh();
-    stream.OnPass(nullptr);
-    *layers = collector.Take();
+    stream.OnRequest(nullptr);
     return outputs;
 }
 
-// Tells whether the layers' outputs are those of the dump to compare with, if there is one.
-bool UseLayers(const std::vector<DumpedTensor>& layers, const Options& options)
+bool Same(const Model& model, const RunData& outputs, const References& references, const Options& options)
 {
-    const bool same = options.compare.empty() || CompareWithDump(options.compare, layers);
-    if (!options.dump.empty()) {
-        SaveDump(options.dump, layers);
+    bool same = CompareOutputs(model, outputs, references.outputs, options.tolerance);
+    for (const DumpComparison& comparison : references.dumps) {
+        same = comparison.Finish() && same;
     }
     return same;
 }
@@ -104,47 +134,27 @@ bool UseLayers(const std::vector<DumpedTensor>& layers, const Options& options)
 Profile TimedRuns(const Model& model, Stream& stream, const Options& options)
 {
     const uint32_t repeat = std::max(options.repeat, 1U);
-    Progress progress(options.warmup + repeat);
+    Progress progress("requests", uint64_t{stream.RequestCount()} * (options.warmup + repeat));
+    stream.OnRequest([&] { progress.Advance(); });
     for (uint32_t i = 0; i < options.warmup; ++i) {
         stream.RunFresh();
-        progress.Advance();
     }
     Profile profile(model);
-    stream.Request().EnableProfiling();
+    stream.EnableProfiling();
     stream.OnPass(
         [&](const StreamPass& pass) { profile.Add(pass, stream.Request().Profile(), stream.Request().Batch()); });
     for (uint32_t i = 0; i < repeat; ++i) {
         stream.RunFresh();
         profile.EndRun();
-        progress.Advance();
     }
+    stream.OnRequest(nullptr);
     return profile;
 }
 
-int Run(const Options& options)
+// Times layers or streams, as asked.
+void Measure(const Model& model, const RunData& inputs, const RunData& outputs, Stream& stream,
+             const StreamOptions& streamOptions, const Options& options)
 {
-    const Model model = LoadModel(options.model);
-    const std::vector<NamedFile> inputFiles = NamedFiles(options.inputs, model.inputs, "input");
-    const std::vector<NamedFile> outputFiles = NamedFiles(options.outputs, model.outputs, "output");
-    const RunData inputs = LoadInputs(model, inputFiles);
-    const StreamOptions streamOptions = {ChooseBatch(model, inputs.items, options.batch), options.segment,
-                                         options.maxPasses};
-    Stream stream(model, inputs, streamOptions);
-    RefuseUnsafe(model, streamOptions.batch, options);
-    PrintEnvironment();
-    PrintModelLine(options.model, model);
-    PrintTensorLines("input", model.inputs, inputs, inputFiles);
-
-    std::vector<DumpedTensor> layers;
-    const RunData outputs = FirstRun(model, stream, options, &layers);
-    SaveOutputs(model, outputs, outputFiles);
-    PrintTensorLines("output", model.outputs, outputs, outputFiles);
-    fmt::print("items   {} in {} request{}\n", inputs.items, stream.RequestCount(),
-               stream.RequestCount() == 1 ? "" : "s");
-    if (stream.SegId() != kNoSegment) {
-        fmt::print("segment {} is what the last layer asked for\n", stream.SegId());
-    }
-    const bool same = UseLayers(layers, options);
     if (options.threads != 0) {
         const uint32_t repeat = options.repeat != 0 ? options.repeat : ThroughputOptions{}.repeat;
         MeasureThroughput(model, inputs, outputs, streamOptions, {options.threads, repeat, options.warmup});
@@ -157,14 +167,55 @@ int Run(const Options& options)
             profile.SaveTrace(options.trace);
         }
     }
+}
+
+int Run(const Options& options)
+{
+    const Model model = LoadModel(options.model);
+    const std::vector<NamedFile> inputFiles = NamedFiles(options.inputs, model.inputs, "input");
+    const std::vector<NamedFile> outputFiles = NamedFiles(options.outputs, model.outputs, "output");
+    const RunData inputs = LoadInputs(model, inputFiles);
+    StreamOptions streamOptions;
+    streamOptions.batch = ChooseBatch(model, inputs.items, options.batch);
+    streamOptions.segment = options.segment;
+    streamOptions.maxPasses = options.maxPasses;
+    if (!options.unchecked) {
+        streamOptions.presetLoops = RequireSound(options.model, model, streamOptions.batch);
+    }
+    if (options.threads != 0) {
+        RefuseUnique(model);
+    }
+    Stream stream(model, inputs, streamOptions);
+    References references = OpenReferences(model, options);
+    TryDestinations(outputFiles, options);
+    std::optional<DumpWriter> dump;
+    if (!options.dump.empty()) {
+        dump.emplace(options.dump);
+    }
+    PrintEnvironment();
+    PrintModelLine(options.model, model);
+    PrintTensorLines("input", model.inputs, inputs, inputFiles);
+
+    const RunData outputs = FirstRun(model, stream, dump ? &*dump : nullptr, &references.dumps);
+    SaveOutputs(model, outputs, outputFiles);
+    PrintTensorLines("output", model.outputs, outputs, outputFiles);
+    fmt::print("items   {} in {} request{}\n", inputs.items, stream.RequestCount(),
+               stream.RequestCount() == 1 ? "" : "s");
+    if (stream.SegId() != kNoSegment) {
+        fmt::print("segment {} is what the last layer asked for\n", stream.SegId());
+    }
+    const bool same = Same(model, outputs, references, options);
+    if (dump) {
+        dump->Finish();
+        dump.reset();
+    }
+    Measure(model, inputs, outputs, stream, streamOptions, options);
     return same ? kSuccess : kFailure;
 }
 
 std::string CheckNamedFile(const std::string& argument)
 {
-    const size_t equals = argument.find('=');
-    const bool whole = equals != std::string::npos && equals != 0 && equals + 1 != argument.size();
-    return whole ? "" : "\"" + argument + "\" is not of the form NAME=FILE";
+    return IsNamedFile(argument) ? "" : "\"" + argument + "\" is not of the form NAME=FILE";
 }
 
 // A range that --help does not spell out.
@@ -186,23 +237,32 @@ Action SetUpRun(CLI::App& app)
     app.add_option("-o,--output", options->outputs, "where an output goes")
         ->check(namedFile)
         ->type_name("NAME=FILE.npy");
-    app.add_option("--batch", options->batch, "items per request; must divide the items (default: as many as it takes)")
+    app.add_option("--batch", options->batch, "items per request (default: as many as the model takes)")
         ->check(Between(1, OPKIT_MAX_BATCH))
         ->type_name("N");
     app.add_option("--segment", options->segment, "segment that runs first (default: the model's first)")
         ->type_name("ID");
     app.add_option("--max-passes", options->maxPasses, "passes over layer tables before a request is given up")
+        ->check(Between(1, UINT32_MAX))
         ->capture_default_str()
         ->type_name("N");
-    app.add_option("--repeat", options->repeat, "time so many runs; print a table of layers")
-        ->check(Between(1, 1000000))
+    auto* const repeat = app.add_option("--repeat", options->repeat, "time so many runs; print a table of layers")
+                             ->check(Between(1, 1000000))
+                             ->type_name("N");
+    app.add_option("--warmup", options->warmup, "runs before the timed ones")
+        ->needs(repeat)
+        ->capture_default_str()
         ->type_name("N");
-    app.add_option("--warmup", options->warmup, "runs before the timed ones")->capture_default_str()->type_name("N");
     app.add_option("--trace", options->trace, "write the timed runs as a trace for a browser's trace viewer")
         ->type_name("FILE.json");
     app.add_option("--dump", options->dump, "write every layer's outputs into a directory")->type_name("DIR");
-    app.add_option("--compare", options->compare, "compare every layer's outputs with an earlier dump")
-        ->type_name("DIR");
+    auto* const compare = app.add_option("--compare", options->compare,
+                                         "compare every layer's outputs with a dump, or an output with a file")
+                              ->type_name("DIR|NAME=FILE.npy");
+    app.add_option("--tolerance", options->tolerance, "distance that --compare lets pass; relative above 1")
+        ->needs(compare)
+        ->check(CLI::NonNegativeNumber.description(""))
+        ->type_name("T");
     app.add_flag("--unchecked", options->unchecked, "run a model that opkit check refuses; it may fault");
     auto* const threads =
         app.add_option("--threads", options->threads, "throughput of so many independent streams against one")

@@ -3,8 +3,8 @@
 #include <fmt/core.h>
 #include <algorithm>
 
+#include "modelkit/file_io.h"
 #include "tools/command.h"
-#include "tools/npy.h"
 
 namespace opkit::tools {
 namespace {
@@ -32,6 +32,9 @@ const NamedFile* Find(const std::vector<NamedFile>& files, const std::string& na
 // [16, 3] all hold eight of [2, 3], and [8, 28, 28] eight of [1, 1, 28, 28].
 uint32_t ItemsIn(const Shape& shape, const Shape& item)
 {
+    if (ElementCount(item) == 0) {  // any number of them is no data at all
+        return shape == item ? 1 : 0;
+    }
     const auto core = std::find_if(item.begin(), item.end(), [](uint32_t dim) { return dim != 1; });
     const auto rank = item.end() - core;
     if (static_cast<ptrdiff_t>(shape.size()) >= rank && std::equal(core, item.end(), shape.end() - rank)) {
@@ -60,10 +63,11 @@ std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments, con
             throw ToolError(fmt::format("{} \"{}\" is given twice", side, name));
         }
         const std::filesystem::path file = argument.substr(equals + 1);
-        const auto same = [&](const NamedFile& other) {
-            return other.file.lexically_normal() == file.lexically_normal();
-        };
         std::error_code ignored;
+        const auto reached = [&](const std::filesystem::path& path) {
+            return std::filesystem::weakly_canonical(std::filesystem::absolute(FollowLinks(path)), ignored);
+        };
+        const auto same = [&](const NamedFile& other) { return reached(other.file) == reached(file); };
         const bool keepsBoth = std::string_view(side) == "input" || std::filesystem::is_character_file(file, ignored);
         if (!keepsBoth && std::any_of(files.begin(), files.end(), same)) {
             throw ToolError(fmt::format("{}: is to take two outputs", file.string()));
@@ -71,6 +75,22 @@ std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments, con
         files.push_back({name, file});
     }
     return files;
+}
+
+std::string ItemsText(uint32_t items)
+{
+    return fmt::format("{} batch item{}", items, items == 1 ? "" : "s");
+}
+
+NpyArray LoadItems(const NamedFile& file, const TensorSpec& tensor, const char* side, uint32_t* items)
+{
+    NpyArray array = LoadNpy(file.file);
+    *items = ItemsIn(array.shape, tensor.shape);
+    if (*items == 0) {
+        throw ToolError(fmt::format("{}: field shape is {}, {} \"{}\" takes {} or a batch of it", file.file.string(),
+                                    ShapeText(array.shape), side, tensor.name, ShapeText(tensor.shape)));
+    }
+    return array;
 }
 
 RunData LoadInputs(const Model& model, const std::vector<NamedFile>& files)
@@ -83,16 +103,11 @@ RunData LoadInputs(const Model& model, const std::vector<NamedFile>& files)
             throw ToolError(fmt::format("input \"{0}\" {1} has no file: give --input {0}=FILE.npy", tensor.name,
                                         ShapeText(tensor.shape)));
         }
-        NpyArray array = LoadNpy(file->file);
-        const uint32_t items = ItemsIn(array.shape, tensor.shape);
-        if (items == 0) {
-            throw ToolError(fmt::format("{}: field shape is {}, input \"{}\" takes {} or a batch of it",
-                                        file->file.string(), ShapeText(array.shape), tensor.name,
-                                        ShapeText(tensor.shape)));
-        }
+        uint32_t items = 0;
+        NpyArray array = LoadItems(*file, tensor, "input", &items);
         if (!first.empty() && items != data.items) {
-            throw ToolError(fmt::format("{}: field shape is {}, {} batch items, but input \"{}\" has {}",
-                                        file->file.string(), ShapeText(array.shape), items, first, data.items));
+            throw ToolError(fmt::format("{}: field shape is {}, {}, but input \"{}\" has {}", file->file.string(),
+                                        ShapeText(array.shape), ItemsText(items), first, data.items));
         }
         first = tensor.name;
         data.items = items;

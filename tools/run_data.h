@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "modelkit/model.h"
+#include "tools/npy.h"
 
 namespace opkit::tools {
 
@@ -27,6 +28,12 @@ struct RunData {
 
 // Throws where a file is missing for an input, or its shape is not that of one item or of several.
 RunData LoadInputs(const modelkit::Model& model, const std::vector<NamedFile>& files);
+
+// The items of one tensor, and how many they are. Throws where the shape is not that of one item or of several.
+NpyArray LoadItems(const NamedFile& file, const modelkit::TensorSpec& tensor, const char* side, uint32_t* items);
+
+// "1 batch item", "2 batch items".
+std::string ItemsText(uint32_t items);
 
 // The shape of so many items of a tensor: without a dimension for the items when there is one.
 modelkit::Shape BatchedShape(const modelkit::Shape& shape, uint32_t items);

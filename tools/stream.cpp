@@ -1,8 +1,9 @@
 #include "tools/stream.h"
 
 #include <fmt/core.h>
+#include <cstring>
 
-#include "opkit/opkit.h"
+#include "opkit/attributes/control.h"
 #include "tools/command.h"
 
 namespace opkit::tools {
@@ -10,8 +11,11 @@ namespace opkit::tools {
 using namespace opkit::modelkit;
 
 Stream::Stream(const Model& model, const RunData& data, const StreamOptions& options)
-    : model_(model), data_(data), options_(options), request_(model, options.batch)
+    : model_(model), data_(data), options_(options), whole_(model, options.batch)
 {
+    if (data.items % options.batch != 0) {
+        rest_.emplace(model, data.items % options.batch);
+    }
     if (model.tables.size() > 1) {
         runner_.emplace(model);
         runner_->MaxPasses(options.maxPasses);
@@ -19,38 +23,87 @@ Stream::Stream(const Model& model, const RunData& data, const StreamOptions& opt
             runner_->Start(*options.segment);
         }
     } else if (options.segment) {
-        request_.SelectSegment(*options.segment);
+        whole_.SelectSegment(*options.segment);
     }
+}
+
+uint32_t Stream::RequestCount() const
+{
+    return data_.items / options_.batch + (rest_ ? 1 : 0);
+}
+
+void Stream::EnableProfiling()
+{
+    whole_.EnableProfiling();
+    if (rest_) {
+        rest_->EnableProfiling();
+    }
+}
+
+void Stream::OnDump(const std::function<void(const DumpRecord&)>& onDump, uint32_t* stopFlag)
+{
+    for (modelkit::Request* const request : {&whole_, rest_ ? &*rest_ : nullptr}) {
+        if (request != nullptr) {
+            request->OnDump(onDump);
+            request->SetStopFlag(stopFlag);
+        }
+    }
+}
+
+void Stream::Begin(uint32_t index)
+{
+    current_ = rest_ && index + 1 == RequestCount() ? &*rest_ : &whole_;
 }
 
 void Stream::SetInputs(uint32_t index)
 {
     for (size_t i = 0; i < data_.tensors.size(); ++i) {
-        const size_t count = data_.tensors[i].size() / RequestCount();
-        request_.SetInput(i, std::span(data_.tensors[i]).subspan(index * count, count));
+        const size_t itemSize = data_.tensors[i].size() / data_.items;
+        current_->SetInput(
+            i, std::span(data_.tensors[i]).subspan(index * options_.batch * itemSize, current_->Batch() * itemSize));
+    }
+}
+
+// A loop that is over has its state as at the beginning, except for a preset condition.
+void Stream::RestoreLoops()
+{
+    for (const uint32_t offset : options_.presetLoops) {
+        LoopAttr state;
+        std::byte* const record = current_->ModelBytes().data() + offset;
+        std::memcpy(&state, record, sizeof(state));
+        if (state.iteration == 0 && state.inputCursor == 1 && state.condition == -1) {
+            std::memcpy(record + offsetof(LoopAttr, condition),
+                        model_.bytes.data() + offset + offsetof(LoopAttr, condition), sizeof(state.condition));
+        }
+    }
+}
+
+void Stream::EndPass(uint32_t index, const SegmentPass& pass)
+{
+    RestoreLoops();
+    if (onPass_) {
+        onPass_({index, index * options_.batch, pass});
     }
 }
 
 void Stream::RunRequest(uint32_t index)
 {
-    const auto report = [&](const SegmentPass& pass) {
-        if (onPass_) {
-            onPass_({index, pass});
-        }
-    };
     try {
         if (runner_) {
-            runner_->OnPass(report).Run(request_, OpkitForward);
-            return;
+            runner_->OnPass([&](const SegmentPass& pass) { EndPass(index, pass); }).Run(*current_, options_.forward);
+        } else {
+            current_->SetSegId(kNoSegment);
+            if (current_->Run(options_.forward) != 0) {
+                throw SegmentError({0, &model_.tables.front(), kNoSegment}, "the request failed");
+            }
+            EndPass(index, {0, &model_.tables.front(), current_->SegId()});
         }
-        request_.SetSegId(kNoSegment);
-        if (request_.Run(OpkitForward) != 0) {
-            throw SegmentError({0, &model_.tables.front(), kNoSegment}, "the request failed");
-        }
-        report({0, &model_.tables.front(), request_.SegId()});
     } catch (const SegmentError& error) {
         throw ToolError(fmt::format("request {}, {}; the library's own words, if any, are on standard output", index,
                                     error.what()));
+    }
+    if (onRequest_) {
+        onRequest_();
     }
 }
 
@@ -60,7 +113,8 @@ RunData Stream::RunFresh()
     outputs.items = data_.items;
     outputs.tensors.resize(model_.outputs.size());
     for (uint32_t index = 0; index < RequestCount(); ++index) {
-        request_.Reset(model_);
+        Begin(index);
+        current_->Reset(model_);
         SetInputs(index);
         RunRequest(index);
         CollectOutputs(&outputs);
@@ -71,6 +125,7 @@ RunData Stream::RunFresh()
 void Stream::RunOn()
 {
     for (uint32_t index = 0; index < RequestCount(); ++index) {
+        Begin(index);
         SetInputs(index);
         RunRequest(index);
     }
@@ -79,7 +134,7 @@ void Stream::RunOn()
 void Stream::CollectOutputs(RunData* outputs) const
 {
     for (size_t i = 0; i < outputs->tensors.size(); ++i) {
-        const std::vector<float> values = request_.GetOutput(i);
+        const std::vector<float> values = current_->GetOutput(i);
         outputs->tensors[i].insert(outputs->tensors[i].end(), values.begin(), values.end());
     }
 }

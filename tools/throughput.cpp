@@ -11,28 +11,13 @@
 
 #include "modelkit/model_reader.h"
 #include "tools/command.h"
+#include "tools/progress.h"
 
 namespace opkit::tools {
 namespace {
 
 using namespace opkit::modelkit;
 using Clock = std::chrono::steady_clock;
-
-// Unique sorts by a size that the whole process shares.
-void RefuseUnique(const Model& model)
-{
-    for (size_t t = 0; t < model.tables.size(); ++t) {
-        const std::vector<ReadLayer> layers = ReadLayerTable(model, t).layers;
-        for (size_t i = 0; i < layers.size(); ++i) {
-            if (layers[i].name == "UniqueOpkitForward") {
-                throw ToolError(
-                    fmt::format("--threads: layer {} of segment {} is UniqueOpkitForward, which must not "
-                                "run on two threads at once",
-                                i, model.tables[t].segmentId));
-            }
-        }
-    }
-}
 
 bool SameBits(const RunData& a, const RunData& b)
 {
@@ -49,6 +34,8 @@ bool SameBits(const RunData& a, const RunData& b)
 double RunStreams(const Model& model, const RunData& inputs, const RunData& expected,
                   const StreamOptions& streamOptions, const ThroughputOptions& options, uint32_t threadCount)
 {
+    const uint64_t requests = (inputs.items + streamOptions.batch - 1) / streamOptions.batch;
+    Progress progress("requests", requests * threadCount * (1 + options.warmup + options.repeat));
     Clock::time_point begin;
     std::barrier warm(threadCount, [&]() noexcept { begin = Clock::now(); });
     std::mutex mutex;
@@ -61,6 +48,7 @@ double RunStreams(const Model& model, const RunData& inputs, const RunData& expe
         bool waited = false;
         try {
             Stream stream(model, inputs, streamOptions);
+            stream.OnRequest([&] { progress.Advance(); });
             if (!SameBits(stream.RunFresh(), expected)) {
                 throw ToolError("a stream's outputs differ from those of the first run");
             }
@@ -100,10 +88,25 @@ double RunStreams(const Model& model, const RunData& inputs, const RunData& expe
 
 }  // namespace
 
+void RefuseUnique(const Model& model)
+{
+    // It sorts by a size that the whole process shares.
+    for (size_t t = 0; t < model.tables.size(); ++t) {
+        const std::vector<ReadLayer> layers = ReadLayerTable(model, t).layers;
+        for (size_t i = 0; i < layers.size(); ++i) {
+            if (layers[i].name == "UniqueOpkitForward") {
+                throw ToolError(
+                    fmt::format("--threads: layer {} of segment {} is UniqueOpkitForward, which must not "
+                                "run on two threads at once",
+                                i, model.tables[t].segmentId));
+            }
+        }
+    }
+}
+
 void MeasureThroughput(const Model& model, const RunData& inputs, const RunData& expected,
                        const StreamOptions& streamOptions, const ThroughputOptions& options)
 {
-    RefuseUnique(model);
     fmt::print("\n{:>7}  {:>14}  {:>7}\n", "threads", "items/s", "ratio");
     double single = 0;
     for (const uint32_t threads : {uint32_t{1}, options.threads}) {

@@ -13,6 +13,9 @@ struct ThroughputOptions {
     uint32_t warmup = 3;
 };
 
+// Throws ToolError where a model's requests must not run side by side.
+void RefuseUnique(const modelkit::Model& model);
+
 // Prints the throughput of one thread and of all, and checks that every stream gives `expected` first. Throws
 // ToolError.
 void MeasureThroughput(const modelkit::Model& model, const RunData& inputs, const RunData& expected,

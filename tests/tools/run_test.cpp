@@ -1,7 +1,12 @@
 // opkit run: what it computes, reports and refuses.
 
+#include <sys/resource.h>
+
 #include <cmath>
+#include <cstdio>
+#include <limits>
 #include <nlohmann/json.hpp>
+#include <numeric>
 
 #include "modelkit/model_reader.h"
 #include "tests/modelkit/segment_models.h"
@@ -82,12 +87,18 @@ TEST_F(RunTest, TakesBatches)
                                                                            : "items   6 in 2 requests\n"));
         }
     }
-    Bad("run net -i x=batch.npy --batch 4", {"--batch 4 does not divide the 6 items"});
+    // The last request has what is left.
+    EXPECT_THAT(Good("run net -i x=batch.npy -o y=y.npy --batch 4"), HasSubstr("items   6 in 2 requests\n"));
+    EXPECT_THAT(ReadNpy("y.npy").values, ElementsAreArray(expected));
+    const std::string many = Good("run net -i x=batch.npy --batch 4 --repeat 2 --threads 2");
+    EXPECT_THAT(many, HasSubstr("first outputs are those above, bit for bit"));
+    EXPECT_THAT(Good("run net -i x=batch.npy --batch 4 --repeat 2"), testing::ContainsRegex("all layers +18 "));
+    EXPECT_THAT(Good("run net -i x=batch.npy --batch 200"), HasSubstr("items   6 in 1 request\n"));
 
     SaveModel(TwoOutputs(2, true), At("batched"));
     EXPECT_THAT(Good("run batched -i x=batch.npy -o y=y.npy"), HasSubstr("items   6 in 3 requests\n"));
     EXPECT_THAT(ReadNpy("y.npy").values, ElementsAreArray(expected));
-    Bad("run batched -i x=batch.npy --batch 3", {"planned for 2 batch items"});
+    Bad("run batched -i x=batch.npy --batch 3", {"--batch 3: the model's scratch is planned for 2 batch items"});
 }
 
 TEST_F(RunTest, FollowsSegments)
@@ -216,20 +227,111 @@ TEST_F(RunTest, ComparesWithADump)
     const ToolResult zeros = Tool("run net -i x=zero.npy --compare d");
     EXPECT_EQ(zeros.code, 1);
     EXPECT_THAT(zeros.out, HasSubstr("layer 1 (Neg), output 0 [2, 3], element [0, 0]\n  0 here, -0 in d: 1 ulp apart\n"
-                                     "1 of 3 layer outputs differ: elements 1, largest distance 1 ulps\n"));
+                                     "1 of 3 layer outputs differ: elements 1, largest distance 1 ulp\n"));
 
-    WriteNpy("batch.npy", "(2, 2, 3)", std::vector<float>(12, 1));
+    WriteNpy("batch.npy", "(2, 2, 3)", {0.0f, std::nanf(""), 1, 1, 1, 1, 1, 1, 1, 1, 1, 1});
     const ToolResult parted = Tool("run net -i x=batch.npy --compare d");
     EXPECT_EQ(parted.code, 1);
     EXPECT_THAT(parted.out, HasSubstr("the runs part: request 0, pass 0, segment 0, layer 0 (Reciprocal), output 0 "
-                                      "[2, 2, 3] here, request 0, pass 0, segment 0, layer 0 (Reciprocal), output 0 "
-                                      "[2, 3] in d\n"));
+                                      "[2, 2, 3] here, nothing more in d\n"));
+    EXPECT_THAT(parted.out, Not(HasSubstr("first difference")));
+    Good("run net -i x=batch.npy --dump e");
+    const ToolResult less = Tool("run net -i x=zero.npy --compare e");
+    EXPECT_EQ(less.code, 1);
+    EXPECT_THAT(less.out, HasSubstr("the runs part: nothing more here, request 0, pass 0, segment 0, layer 0 "));
 
     Bad("run net -i x=x.npy --compare nowhere", {"nowhere/index.json: cannot be opened"});
     std::filesystem::remove(At("d/r0-p0-s0-l001-o0-Neg.npy"));
     Bad("run net -i x=x.npy --compare d", {"d/r0-p0-s0-l001-o0-Neg.npy: cannot be opened"});
+    Write("d/index.json", R"({"format": "opkit-dump", "formatVersion": 1, "incomplete": true, "tensors": []})");
+    Bad("run net -i x=x.npy --compare d", {"d: the run that wrote it was killed; dump once more"});
     Write("d/index.json", "{\"format\": \"opkit-dump\", \"formatVersion\": 2}");
     Bad("run net -i x=x.npy --compare d", {"d/index.json: field formatVersion is 2"});
+}
+
+// Dumped in one batch, compared in another.
+TEST_F(RunTest, ComparesAcrossBatchSizes)
+{
+    std::vector<float> x(5 * 6);
+    std::iota(x.begin(), x.end(), 1.0f);
+    WriteNpy("batch.npy", "(5, 2, 3)", x);
+    Good("run net -i x=batch.npy --batch 2 --dump two");
+    EXPECT_EQ(json::parse(Read("two/index.json")).at("tensors").back().at("firstItem"), 4);
+    EXPECT_EQ(json::parse(Read("two/index.json")).at("tensors").back().at("items"), 1);
+    for (const char* batch : {"1", "2", "3", "5"}) {
+        EXPECT_THAT(Good("run net -i x=batch.npy --compare two --batch " + std::string(batch)),
+                    HasSubstr("layer outputs are those in two, bit for bit\n"));
+    }
+    x[3 * 6 + 2] = -77;
+    WriteNpy("batch.npy", "(5, 2, 3)", x);
+    const ToolResult result = Tool("run net -i x=batch.npy --compare two --batch 5");
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.out, HasSubstr("layer 0 (Reciprocal), output 0 [5, 2, 3], element [3, 0, 2]\n"));
+    EXPECT_THAT(result.out, HasSubstr("3 of 3 layer outputs differ: elements 3,"));
+}
+
+TEST_F(RunTest, ComparesWithinATolerance)
+{
+    Good("run net -i x=x.npy --dump d");
+    WriteNpy("near.npy", "(2, 3)", {1, 2, 4.004f, -1, 8.008f, -0.5f});
+    EXPECT_EQ(Tool("run net -i x=near.npy --compare d").code, 1);
+    EXPECT_THAT(Good("run net -i x=near.npy --compare d --tolerance 0.002"),
+                HasSubstr("all 3 layer outputs are those in d, within 0.002: the largest distance is 0.008\n"));
+    const ToolResult result = Tool("run net -i x=near.npy --compare d --tolerance 0.0005");
+    EXPECT_EQ(result.code, 1);
+    // 1 / 4.004 and 1 / 8.008 differ by less than that from 0.25 and 0.125.
+    EXPECT_THAT(result.out, HasSubstr("layer 1 (Neg), output 0 [2, 3], element [0, 2]\n  -4.004 here, -4 in d: "));
+    EXPECT_THAT(result.out, HasSubstr("2 of 3 layer outputs differ: elements 4,"));
+    const float infinity = std::numeric_limits<float>::infinity();
+    WriteNpy("far.npy", "(2, 3)", {1, 2, infinity, -1, std::nanf(""), -0.5f});
+    const ToolResult far = Tool("run net -i x=far.npy --compare d --tolerance 1e30");
+    EXPECT_EQ(far.code, 1);
+    EXPECT_THAT(far.out, HasSubstr("elements 4, "));  // 1 / infinity is near to 0.25
+    EXPECT_EQ(Tool("run net -i x=x.npy --tolerance 1").code, 2);
+    EXPECT_EQ(Tool("run net -i x=x.npy --compare d --tolerance -1").code, 2);
+}
+
+// Tensors of another program: an index by hand that says only what is needed, and files for outputs.
+TEST_F(RunTest, ComparesWithFilesFromOutside)
+{
+    std::filesystem::create_directory(At("other"));
+    WriteNpy("other/neg.npy", "(2, 3)", {-1, -2, -4, 1, -8, 0.5f});
+    const std::string head = R"({"format": "opkit-dump", "formatVersion": 1, )";
+    Write("other/index.json", head + R"("partial": true, "tensors": [{"file": "neg.npy", "layer": 1}]})");
+    EXPECT_THAT(Good("run net -i x=x.npy --compare other"),
+                HasSubstr("all 1 layer outputs are those in other, bit for bit\n"));
+    Write("other/index.json", head + R"("tensors": [{"file": "neg.npy", "layer": 1}]})");
+    EXPECT_THAT(Tool("run net -i x=x.npy --compare other").out, HasSubstr("the runs part: request 0, "));
+    Write("other/index.json", head + R"("partial": true, "tensors": [{"file": "neg.npy", "layer": 3}]})");
+    EXPECT_THAT(Tool("run net -i x=x.npy --compare other").out, HasSubstr("the runs part: nothing more here, "));
+    Write("other/index.json", head + R"("partial": true, "tensors": [{"file": "neg.npy", "layer": 1, "items": 2,
+                                       "shape": [3]}]})");
+    EXPECT_EQ(Tool("run net -i x=x.npy --compare other").code, 1);
+
+    WriteNpy("z.npy", "(1, 2, 3)", {1, 2, 4, -1, 8, -0.5f});
+    EXPECT_THAT(Good("run net -i x=x.npy --compare z=z.npy --compare y=other/neg.npy"),
+                HasSubstr("output z is that in z.npy, bit for bit\noutput y is that in other/neg.npy, bit for bit\n"));
+    WriteNpy("z.npy", "(2, 3)", {1, 2, 4, -1, 8, -0.25f});
+    const ToolResult result = Tool("run net -i x=x.npy --compare z=z.npy");
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.out, HasSubstr("first difference: output z, element [1, 2]\n  -0.5 here, -0.25 in z.npy: "));
+    EXPECT_THAT(result.out, HasSubstr("output z differs: elements 1, largest distance 8388608 ulps\n"));
+    Bad("run net -i x=x.npy --compare q=z.npy", {"the model has no output to compare named \"q\"; it has y, z"});
+    WriteNpy("z.npy", "(2, 2, 3)", std::vector<float>(12));
+    Bad("run net -i x=x.npy --compare z=z.npy", {"z.npy: field shape is [2, 2, 3], 2 batch items, but the run has 1"});
+}
+
+TEST_F(RunTest, FollowsNoIndexOutOfItsDirectory)
+{
+    Good("run net -i x=x.npy --dump d");
+    for (const std::string name : {"/etc/hostname", "../x.npy", "sub/x.npy", "..", ""}) {
+        Write("d/index.json", R"({"format": "opkit-dump", "formatVersion": 1, "tensors": [{"layer": 0, "shape": [2, 3],
+                                "file": ")" +
+                                  name + "\"}]}");
+        Bad("run net -i x=x.npy --compare d", {"d/index.json: field tensors[0].file is no name of a file in that"});
+        Bad("run net -i x=x.npy --dump d", {"d: exists and holds no dump (d/index.json: field tensors[0].file"});
+    }
+    EXPECT_TRUE(std::filesystem::exists(At("x.npy")));
 }
 
 TEST_F(RunTest, RunsStreamsSideBySide)
@@ -308,7 +410,7 @@ TEST_F(RunTest, NamesWhatIsWrongWithNamesAndModels)
     SaveModel(builder.Build(), At("two"));
     WriteNpy("a.npy", "(2, 3)", std::vector<float>(6));
     WriteNpy("b.npy", "(3,)", std::vector<float>(3));
-    Bad("run two -i a=a.npy -i b=b.npy", {"b.npy: field shape is [3], 1 batch items, but input \"a\" has 2"});
+    Bad("run two -i a=a.npy -i b=b.npy", {"b.npy: field shape is [3], 1 batch item, but input \"a\" has 2"});
 }
 
 TEST_F(RunTest, ReportsAFailedRequest)
@@ -364,7 +466,7 @@ TEST_F(RunTest, LeavesNothingOfAFileThatDoesNotFit)
     EXPECT_EQ(result.err, "opkit: y.npy: cannot be written: File too large\n");
     const ToolResult dump = Shell("ulimit -f 4; opkit run net -i x=many.npy --dump layers");
     EXPECT_EQ(dump.code, 1);
-    EXPECT_THAT(dump.err, testing::ContainsRegex("^opkit: layers.new/.*npy: cannot be written: File too large\n$"));
+    EXPECT_THAT(dump.err, testing::ContainsRegex("^opkit: layers/.*npy: cannot be written: File too large\n$"));
     EXPECT_EQ(Files(), before);
 }
 
@@ -388,6 +490,212 @@ TEST_F(RunTest, AnInterruptLeavesNoPieces)
         std::filesystem::remove_all(At("layers"));
         Shell("timeout -s INT 0.0" + std::to_string(10 + milliseconds) + " opkit run long -i x=x.npy --dump layers");
         EXPECT_THAT(Files(), testing::AnyOf(before, whole)) << milliseconds;
+    }
+}
+
+// What stands beside a destination is somebody else's.
+TEST_F(RunTest, TouchesNothingButItsOwn)
+{
+    Write("y.npy.new", "precious");
+    std::filesystem::create_directory(At("d.new"));
+    Write("d.new/thesis.txt", "precious");
+    Good("run net -i x=x.npy -o y=y.npy --dump d");
+    EXPECT_EQ(Read("y.npy.new"), "precious");
+    EXPECT_EQ(Read("d.new/thesis.txt"), "precious");
+
+    // A directory of some other program with an index.json.
+    std::filesystem::create_directories(At("site/pages"));
+    Write("site/index.json", "{\"pages\": 3}");
+    Write("site/pages/one.html", "precious");
+    Bad("run net -i x=x.npy --dump site", {"site: exists and holds no dump (site/index.json: "});
+    EXPECT_EQ(Read("site/pages/one.html"), "precious");
+    EXPECT_EQ(Read("site/index.json"), "{\"pages\": 3}");
+
+    // What was added to a dump stays, and what a dump listed goes.
+    Write("d/notes.txt", "precious");
+    std::filesystem::create_directory(At("d/more"));
+    Write("d/more/index.json", "precious");
+    SaveModel(NegateInALoop(2), At("loop"));
+    WriteNpy("one.npy", "(1,)", {1});
+    Good("run loop -i x=x.npy -i one=one.npy --dump d");
+    EXPECT_EQ(Read("d/notes.txt"), "precious");
+    EXPECT_EQ(Read("d/more/index.json"), "precious");
+    EXPECT_FALSE(std::filesystem::exists(At("d/r0-p0-s0-l001-o0-Neg.npy")));
+    const json index = json::parse(Read("d/index.json"));
+    for (const json& entry : index.at("tensors")) {
+        EXPECT_TRUE(std::filesystem::exists(At("d") / entry.at("file").get<std::string>())) << entry;
+    }
+    Write("d/r0-p0-s0-l001-o0-Neg.npy", "precious");  // a name that the next dump needs
+    Bad("run net -i x=x.npy --dump d", {"d/r0-p0-s0-l001-o0-Neg.npy: is not of the earlier dump, and would be repl"});
+    EXPECT_EQ(Read("d/r0-p0-s0-l001-o0-Neg.npy"), "precious");
+    EXPECT_EQ(json::parse(Read("d/index.json")), index);
+}
+
+TEST_F(RunTest, FollowsLinksToItsDestinations)
+{
+    std::filesystem::create_directory(At("disk"));
+    std::filesystem::create_symlink("disk/real.npy", At("y.npy"));
+    std::filesystem::create_symlink("y.npy", At("again.npy"));
+    Good("run net -i x=x.npy -o y=again.npy");  // the file is not there yet
+    EXPECT_TRUE(std::filesystem::is_symlink(At("y.npy")) && std::filesystem::is_symlink(At("again.npy")));
+    EXPECT_THAT(ReadNpy("disk/real.npy").values, ElementsAre(-1, -2, -4, 1, -8, 0.5f));
+    Write("disk/real.npy", "old");
+    std::filesystem::permissions(At("disk/real.npy"), std::filesystem::perms(0640));
+    Good("run net -i x=x.npy -o y=y.npy");
+    EXPECT_THAT(ReadNpy("disk/real.npy").values, ElementsAre(-1, -2, -4, 1, -8, 0.5f));
+    EXPECT_EQ(std::filesystem::status(At("disk/real.npy")).permissions(), std::filesystem::perms(0640));
+    Bad("run net -i x=x.npy -o y=y.npy -o z=disk/real.npy", {"disk/real.npy: is to take two outputs"});
+
+    std::filesystem::create_directory_symlink("disk/dump", At("d"));
+    Good("run net -i x=x.npy --dump d");
+    Good("run net -i x=x.npy --dump d");
+    EXPECT_TRUE(std::filesystem::is_symlink(At("d")));
+    EXPECT_TRUE(std::filesystem::exists(At("disk/dump/index.json")));
+    std::filesystem::create_symlink("round.npy", At("round.npy"));
+    Bad("run net -i x=x.npy -o y=round.npy", {"round.npy: cannot be followed: Too many levels of symbolic links"});
+}
+
+TEST_F(RunTest, TakesNamesAsLongAsTheyCanBe)
+{
+    const std::string longest(255, 'n');
+    Good("run net -i x=x.npy -o y=" + longest);
+    EXPECT_THAT(ReadNpy(longest).values, ElementsAre(-1, -2, -4, 1, -8, 0.5f));
+    std::filesystem::remove(At(longest));
+    Good("run net -i x=x.npy --dump " + longest);
+    Good("run net -i x=x.npy --compare " + longest);
+    Bad("run net -i x=x.npy -o y=n" + longest, {"cannot be written: File name too long"});
+    Good("run net -i x=x.npy --trace " + std::string(250, 't') + ".json");
+}
+
+// Each of eight writes a file of its own length under one name.
+TEST_F(RunTest, WritersOfOneFileDoNotMeet)
+{
+    constexpr int kWriters = 8;
+    std::string line;
+    for (int i = 1; i <= kWriters; ++i) {
+        const std::string name = "x" + std::to_string(i) + ".npy";
+        WriteNpy(name, "(" + std::to_string(1000 * i) + ", 2, 3)",
+                 std::vector<float>(6000 * static_cast<size_t>(i), static_cast<float>(i)));
+        line += "(opkit run net -i x=" + name + " -o y=same.npy >/dev/null || echo failed) & ";
+    }
+    for (int round = 0; round < 5; ++round) {
+        const ToolResult result = Shell(line + "wait");
+        EXPECT_EQ(result.out + result.err, "");
+        const std::vector<float> values = ReadNpy("same.npy").values;
+        ASSERT_FALSE(values.empty());
+        EXPECT_EQ(values.size(), 6000 * static_cast<size_t>(-values[0]));
+        EXPECT_THAT(values, testing::Each(values[0]));
+    }
+    EXPECT_THAT(Files(), Not(testing::Contains(HasSubstr(".opkit-"))));
+}
+
+TEST_F(RunTest, WritersOfOneDumpDoNotMeet)
+{
+    constexpr int kWriters = 6;
+    std::string line;
+    for (int i = 1; i <= kWriters; ++i) {
+        const std::string name = "x" + std::to_string(i) + ".npy";
+        WriteNpy(name, "(" + std::to_string(i) + ", 2, 3)",
+                 std::vector<float>(6 * static_cast<size_t>(i), static_cast<float>(i)));
+        line += "(opkit run net --batch 1 -i x=" + name + " --dump d >/dev/null || echo failed) & ";
+    }
+    for (int round = 0; round < 8; ++round) {
+        if (round % 2 == 0) {
+            std::filesystem::remove_all(At("d"));
+        }
+        const ToolResult result = Shell(line + "wait");
+        EXPECT_EQ(result.out + result.err, "");
+        const json index = json::parse(Read("d/index.json"));
+        const size_t writer = index.at("tensors").size() / 3;
+        size_t files = 1;
+        for (const json& entry : index.at("tensors")) {
+            const float value = entry.at("layer") == 0
+                                    ? 1.0f / static_cast<float>(writer)
+                                    : (entry.at("layer") == 1 ? -1.0f : 1.0f) * static_cast<float>(writer);
+            const float exact = entry.at("layer") == 2 ? 1.0f / (1.0f / static_cast<float>(writer)) : value;
+            EXPECT_THAT(ReadNpy("d/" + entry.at("file").get<std::string>()).values, testing::Each(exact));
+            ++files;
+        }
+        const std::filesystem::directory_iterator entries(At("d"));
+        EXPECT_EQ(static_cast<size_t>(std::distance(begin(entries), end(entries))), files);
+        Good("run net --batch 1 -i x=x" + std::to_string(writer) + ".npy --compare d");
+    }
+}
+
+// A run that is killed while its dump replaces another leaves something that the next run can replace.
+TEST_F(RunTest, ADumpSurvivesItsWriter)
+{
+    Good("run net -i x=x.npy --dump d");
+    json index = json::parse(Read("d/index.json"));
+    json incomplete = {
+        {"format", "opkit-dump"}, {"formatVersion", 1}, {"incomplete", true}, {"tensors", json::array()}};
+    for (const json& entry : index.at("tensors")) {
+        incomplete["tensors"].push_back({{"file", entry.at("file")}});
+    }
+    incomplete["tensors"].push_back({{"file", "gone.npy"}});
+    Write("d/index.json", incomplete.dump());
+    std::filesystem::create_directory(At("d/.opkit-1-0"));  // where the other one worked
+    Good("run net -i x=x.npy --dump d");
+    EXPECT_EQ(json::parse(Read("d/index.json")), index);
+    std::filesystem::create_directories(At("e/.opkit-1-0"));
+    Good("run net -i x=x.npy --dump e");
+}
+
+// 160 MB of dump take the memory of one request's part of it.
+TEST_F(RunTest, WritesADumpAsItComes)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's own memory counts as well";
+#endif
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {16, 1024}});
+    const TensorRef t = builder.AddScratch({"t", {16, 1024}});
+    builder.AddLayer("NegOpkitForward").Online(x).Output(t);
+    for (int i = 0; i < 98; ++i) {
+        builder.AddLayer("NegOpkitForward").Online(t).Output(t);
+    }
+    builder.AddLayer("NegOpkitForward").Online(t).Output(builder.AddOutput({"y", {16, 1024}}));
+    SaveModel(builder.Build(), At("deep"));
+    WriteNpy("many.npy", "(25, 16, 1024)", std::vector<float>(25 * 16 * 1024, 1));
+    const pid_t child = fork();
+    if (child == 0) {
+        std::filesystem::current_path(directory_);
+        std::freopen("/dev/null", "w", stdout);
+        execl(OPKIT_TOOL, "opkit", "run", "deep", "-i", "x=many.npy", "--batch", "1", "--dump", "d", nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    rusage usage = {};
+    ASSERT_EQ(wait4(child, &status, 0, &usage), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(json::parse(Read("d/index.json")).at("tensors").size(), 2500u);
+    EXPECT_LT(usage.ru_maxrss, 80 * 1024);  // KiB
+}
+
+// Every destination is looked at before anything is computed.
+TEST_F(RunTest, TriesDestinationsFirst)
+{
+    ModelBuilder builder;  // fails when it is run
+    const TensorRef x = builder.AddInput({"x", {2, 3}});
+    builder.AddLayer("NoSuchOperator").Online(x).Output(builder.AddOutput({"y", {2, 3}}));
+    SaveModel(builder.Build(), At("bad"));
+    std::filesystem::create_directory(At("full"));
+    Write("full/file", "");
+    const std::string run = "run bad --unchecked -i x=x.npy ";
+    Bad(run, {"the request failed"});
+    Bad(run + "-o y=nowhere/y.npy", {"nowhere/y.npy: cannot be written: No such file or directory"});
+    Bad(run + "-o y=full", {"full: cannot be written: Is a directory"});
+    Bad(run + "-o y=full/", {"full/: cannot be written: Is a directory"});
+    Bad(run + "--trace nowhere/t.json", {"nowhere/t.json: cannot be written: No such file or directory"});
+    Bad(run + "--dump full", {"full: exists and holds no dump"});
+    Bad(run + "--dump nowhere/d", {"nowhere/d: cannot be written: No such file or directory"});
+    Bad(run + "--dump x.npy", {"x.npy: exists and holds no dump"});
+    Bad(run + "--compare nowhere", {"nowhere/index.json: cannot be opened"});
+    Bad(run + "--compare y=nowhere.npy", {"nowhere.npy: cannot be opened: No such file or directory"});
+    Bad(run + "--dump d", {"the request failed"});  // and leaves nothing behind
+    if (geteuid() != 0) {
+        std::filesystem::permissions(At("x.npy"), std::filesystem::perms::owner_read);
+        Bad(run + "-o y=x.npy", {"x.npy: cannot be written: Permission denied"});
     }
 }
 
