@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace opkit::tools {
 
@@ -22,6 +23,9 @@ struct ToolError : std::runtime_error {
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+// The word that was probably meant, if one is near.
+std::string Nearest(const std::string& word, const std::vector<std::string>& words);
 
 // To standard error. Where that cannot be written, nobody is there to read it, and nothing follows from it.
 void PrintError(const std::string& text);

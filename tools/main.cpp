@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -33,11 +34,40 @@ constexpr Command kCommands[] = {
 // written either.
 void OpenStandardStreams()
 {
-    int descriptor = 0;
-    do {
-        descriptor = open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-    close(descriptor);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // the lowest free number
+        }
+    }
+}
+
+// What went wrong with a command line, in one line. A word that nothing knows explains more than what is missing
+// because of it.
+std::string UsageText(const CLI::App& app, const CLI::ParseError& error)
+{
+    const std::vector<CLI::App*> chosen = app.get_subcommands();
+    const CLI::App& command = chosen.empty() ? app : *chosen.front();
+    std::vector<std::string> unknown = app.remaining(true);
+    std::erase_if(unknown, [&](const std::string& word) { return !chosen.empty() && !word.starts_with("-"); });
+    if (unknown.empty()) {
+        return error.what();
+    }
+    const std::string word = unknown.front().substr(0, unknown.front().find('='));
+    const bool isOption = word.starts_with("-");
+    std::vector<std::string> words;
+    if (isOption) {
+        for (const CLI::Option* option :
+             command.get_options([](const CLI::Option* o) { return !o->get_positional(); })) {
+            words.push_back("--" + option->get_lnames().front());
+        }
+    } else {
+        for (const Command& candidate : kCommands) {
+            words.emplace_back(candidate.name);
+        }
+    }
+    const std::string nearest = Nearest(word, words);
+    return fmt::format("there is no {} {}{}", isOption ? "option" : "command", word,
+                       nearest.empty() ? "" : fmt::format("; is it {}?", nearest));
 }
 
 int Parse(CLI::App& app, int argc, char** argv)
@@ -45,8 +75,14 @@ int Parse(CLI::App& app, int argc, char** argv)
     try {
         app.parse(argc, argv);
         return -1;
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kSuccess : kUsage;
+        std::string text = UsageText(app, error);
+        std::replace(text.begin(), text.end(), '\n', ' ');
+        PrintError(fmt::format("opkit: {} (opkit {}--help tells)\n", text,
+                               app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name() + " "));
+        return kUsage;
     }
 }
 
@@ -100,12 +136,6 @@ int Main(int argc, char** argv)
 }
 
 }  // namespace
-
-void PrintError(const std::string& text)
-{
-    std::fputs(text.c_str(), stderr);
-    std::fflush(stderr);
-}
 
 }  // namespace opkit::tools
 

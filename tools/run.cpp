@@ -233,9 +233,11 @@ Action SetUpRun(CLI::App& app)
     app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required()->type_name("");
     app.add_option("-i,--input", options->inputs, "an input's data, f32; one item or a batch of them; repeat per input")
         ->check(namedFile)
+        ->allow_extra_args(false)
         ->type_name("NAME=FILE.npy");
     app.add_option("-o,--output", options->outputs, "where an output goes")
         ->check(namedFile)
+        ->allow_extra_args(false)
         ->type_name("NAME=FILE.npy");
     app.add_option("--batch", options->batch, "items per request (default: as many as the model takes)")
         ->check(Between(1, OPKIT_MAX_BATCH))
@@ -258,12 +260,14 @@ Action SetUpRun(CLI::App& app)
     app.add_option("--dump", options->dump, "write every layer's outputs into a directory")->type_name("DIR");
     auto* const compare = app.add_option("--compare", options->compare,
                                          "compare every layer's outputs with a dump, or an output with a file")
+                              ->allow_extra_args(false)
                               ->type_name("DIR|NAME=FILE.npy");
     app.add_option("--tolerance", options->tolerance, "distance that --compare lets pass; relative above 1")
         ->needs(compare)
         ->check(CLI::NonNegativeNumber.description(""))
         ->type_name("T");
-    app.add_flag("--unchecked", options->unchecked, "run a model that opkit check refuses; it may fault");
+    app.add_flag("--unchecked", options->unchecked,
+                 "run a model that opkit check refuses or sets conditions for; it may fault");
     auto* const threads =
         app.add_option("--threads", options->threads, "throughput of so many independent streams against one")
             ->check(Between(1, 1024))

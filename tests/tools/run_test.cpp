@@ -9,6 +9,7 @@
 #include <numeric>
 
 #include "modelkit/model_reader.h"
+#include "modelkit/segment_runner.h"
 #include "tests/modelkit/segment_models.h"
 #include "tests/tools/tool_fixture.h"
 
@@ -442,6 +443,106 @@ TEST_F(RunTest, RefusesAModelThatWouldFault)
          "; and 1 more (opkit check tells all, --unchecked runs it nevertheless)"});
 }
 
+// k of a TopK comes out of the model itself, by way of scratch: nobody tests it.
+TEST_F(RunTest, RefusesConditionsThatItCannotKeepTo)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {4}, 16});
+    const TensorRef y = builder.AddOutput({"y", {4}, 16});
+    const TensorRef k = builder.AddScratch({"k", {1}, 4});
+    builder.AddLayer("NegOpkitForward").Offline({1}, {-2.0f}).Output(k);
+    TopKAttr attr = {};
+    attr.k = OPKIT_TOPK_K_FROM_INPUT;
+    attr.hasValues = 1;
+    builder.AddLayer("TopKOpkitForward").Online(x).Online(k).Output(y).Attr(attr).Workspace(32);
+    SaveModel(builder.Build(), At("topk"));
+    WriteNpy("four.npy", "(4,)", {4, 2, 3, 1});
+    EXPECT_EQ(Tool("check topk").code, 0);
+    Bad("run topk -i x=four.npy -o y=y.npy",
+        {"topk.bin: segment 0, layer 1 (TopKOpkitForward): safe if the first element of inputs[1], k, lies from 0 to 4",
+         "which a run does not test (opkit check tells all, --unchecked runs it nevertheless)"});
+    Good("run topk -i x=four.npy -o y=y.npy --unchecked");
+    EXPECT_THAT(ReadNpy("y.npy").values, ElementsAre(1, 2, 0, 0));
+}
+
+// A sort stage that packs its boxes writes them all before it cuts their number.
+TEST_F(RunTest, RefusesABoxStageWhoseCountsOthersSet)
+{
+    ModelBuilder builder;
+    DetectionOutputAttr attr = {};
+    attr.classNum = 1;
+    attr.classCapacity = 100;
+    attr.stage = OPKIT_STAGE_SORT;
+    attr.maxBoxNum = 10;
+    attr.packOutput = 1;
+    builder.AddLayer("SortOpkitForward")
+        .Online(builder.AddInput({"x", {1, 1, 5, 100}, 400}))
+        .Output(builder.AddOutput({"y", {1, 1, 5, 10}, 40}))
+        .Attr(attr);
+    SaveModel(builder.Build(), At("sort"));
+    WriteNpy("boxes.npy", "(1, 1, 5, 100)", std::vector<float>(500, 1));
+    Bad("run sort -i x=boxes.npy", {"layer 0 (SortOpkitForward)", "--unchecked runs it nevertheless"});
+}
+
+// A loop with a preset condition of 1, which no input replaces: it leaves at the second pass and begins anew.
+LayerBuilder& AddPresetLoop(ModelBuilder& builder)
+{
+    LoopAttr attr = {};
+    attr.condition = 1;
+    attr.tripCount = -1;
+    attr.inputCursor = 1;
+    attr.carriedNum = 1;
+    attr.exitSegId = kNoSegment;
+    constexpr uint32_t kMany = 100000;
+    LayerBuilder& loop = builder.AddLayer("LoopOpkitForward").Attr(attr);
+    const std::pair<const char*, uint32_t> inputs[] = {{"a", 1}, {"b", kMany}, {"c", 1}, {"d", kMany}};
+    for (const auto& [name, size] : inputs) {
+        loop.Online(builder.AddInput({name, {size}}));
+    }
+    const std::pair<const char*, uint32_t> outputs[] = {{"x", 1}, {"y", kMany}, {"z", kMany}};
+    for (const auto& [name, size] : outputs) {
+        loop.Output(builder.AddOutput({name, {size}}));
+    }
+    return loop;
+}
+
+TEST_F(RunTest, RestoresALoopsPresetCondition)
+{
+    WriteNpy("one.npy", "(1,)", {1});
+    WriteNpy("b.npy", "(100000,)", std::vector<float>(100000, 2));
+    WriteNpy("d.npy", "(100000,)", std::vector<float>(100000, 3));
+    const std::string inputs = " -i a=one.npy -i b=b.npy -i c=one.npy -i d=d.npy ";
+    ModelBuilder alone;
+    AddPresetLoop(alone);
+    SaveModel(alone.Build(), At("loop"));
+    EXPECT_THAT(Tool("check loop").out, HasSubstr("accepted with 1 condition\n"));
+    EXPECT_THAT(Good("run loop" + inputs + "-o y=y.npy --threads 2 --repeat 6 --warmup 3"), HasSubstr("bit for bit"));
+    EXPECT_THAT(ReadNpy("y.npy").values, testing::Each(2));
+    Good("run loop" + inputs + "--repeat 3 --warmup 3");
+
+    ModelBuilder again;
+    again.BeginTable(0, "head");
+    again.NextSegment(1);
+    AddPresetLoop(again);
+    again.BeginTable(1, "body");
+    again.NextSegment(0);
+    again.AddLayer("NegOpkitForward").Offline({1}, {1.0f}).Output(again.AddOutput({"w", {1}}));
+    SaveModel(again.Build(), At("again"));
+    Bad("run again" + inputs + "--max-passes 40", {"pass 40, segment 0 (head): given up after 40 passes"});
+}
+
+TEST_F(RunTest, AnInputWithoutElementsIsOneItem)
+{
+    ModelBuilder builder;
+    builder.AddInput({"none", {0}, 4});
+    builder.AddLayer("NegOpkitForward").Offline({2}, {1, 2}).Output(builder.AddOutput({"y", {2}}));
+    SaveModel(builder.Build(), At("none"));
+    WriteNpy("many.npy", "(4294967295, 0)", {});
+    Bad("run none -i none=many.npy", {"many.npy: field shape is [4294967295, 0], input \"none\" takes [0]"});
+    WriteNpy("none.npy", "(0,)", {});
+    EXPECT_THAT(Good("run none -i none=none.npy --unchecked"), HasSubstr("items   1 in 1 request\n"));
+}
+
 TEST_F(RunTest, NeverHalfWritesAnOutput)
 {
     Bad("run net -i x=x.npy -o y=/dev/full", {"/dev/full: cannot be written: No space left on device"});
@@ -491,6 +592,56 @@ TEST_F(RunTest, AnInterruptLeavesNoPieces)
         Shell("timeout -s INT 0.0" + std::to_string(10 + milliseconds) + " opkit run long -i x=x.npy --dump layers");
         EXPECT_THAT(Files(), testing::AnyOf(before, whole)) << milliseconds;
     }
+}
+
+// An error that nobody can read is an error as any other, and no file takes the place of the missing stream.
+TEST_F(RunTest, DoesWithoutStandardStreams)
+{
+    EXPECT_EQ(Shell("opkit run net -i q=x.npy 2>&-").code, 1);
+    EXPECT_EQ(Shell("opkit rum 2>&-").code, 2);
+    EXPECT_EQ(Shell("opkit run net -i q=x.npy 2>/dev/full").code, 1);
+    EXPECT_EQ(Shell("opkit run net -i x=x.npy -o y=y.npy <&- 2>&-").code, 0);
+    EXPECT_THAT(ReadNpy("y.npy").values, ElementsAre(-1, -2, -4, 1, -8, 0.5f));
+    const ToolResult closed = Shell("opkit run net -i x=x.npy -o z=z.npy >&-");
+    EXPECT_EQ(closed.code, 1);
+    EXPECT_EQ(closed.err, "opkit: standard output cannot be written: Bad file descriptor\n");
+    EXPECT_THAT(ReadNpy("z.npy").values, ElementsAre(1, 2, 4, -1, 8, -0.5f));
+
+    // Whoever reads the other end of a pipe may have seen enough.
+    for (const char* command : {"run net -i x=x.npy -o z=piped.npy", "inspect net", "disassemble net", "--help"}) {
+        const ToolResult result = Shell("(sleep 0.1; opkit " + std::string(command) + "; echo $? >code) | true");
+        EXPECT_EQ(Read("code"), "1\n") << command;
+        EXPECT_EQ(result.err, "") << command;
+    }
+    EXPECT_THAT(ReadNpy("piped.npy").values, ElementsAre(1, 2, 4, -1, 8, -0.5f));
+    EXPECT_EQ(Shell("(sleep 0.1; opkit run net -i q=x.npy; echo $? >code) 2>&1 | true").code, 0);
+    EXPECT_EQ(Read("code"), "1\n");
+}
+
+TEST_F(RunTest, SaysInOneLineWhatACommandLineShouldHaveBeen)
+{
+    const std::pair<const char*, const char*> wrong[] = {
+        {"", "opkit: A subcommand is required (opkit --help tells)\n"},
+        {"rum net", "opkit: there is no command rum; is it run? (opkit --help tells)\n"},
+        {"chekc net", "opkit: there is no command chekc; is it check? (opkit --help tells)\n"},
+        {"something", "opkit: there is no command something (opkit --help tells)\n"},
+        {"--versoin", "opkit: there is no option --versoin; is it --version? (opkit --help tells)\n"},
+        {"run", "opkit: MODEL is required (opkit run --help tells)\n"},
+        {"run net --inptu x=x.npy", "opkit: there is no option --inptu; is it --input? (opkit run --help tells)\n"},
+        {"run --bach=3 net", "opkit: there is no option --bach; is it --batch? (opkit run --help tells)\n"},
+        {"check net --strickt", "opkit: there is no option --strickt; is it --strict? (opkit check --help tells)\n"},
+        {"run net -i x=x.npy --warmup 3", "opkit: --warmup requires --repeat (opkit run --help tells)\n"},
+        {"run net -i x=x.npy --max-passes 0",
+         "opkit: --max-passes: Value 0 not in range 1 to 4294967295 (opkit run --help tells)\n"},
+        {"run net -i x.npy", "opkit: --input: \"x.npy\" is not of the form NAME=FILE (opkit run --help tells)\n"},
+    };
+    for (const auto& [arguments, line] : wrong) {
+        const ToolResult result = Tool(arguments);
+        EXPECT_EQ(result.code, 2) << arguments;
+        EXPECT_EQ(result.err, line) << arguments;
+        EXPECT_EQ(result.out, "") << arguments;
+    }
+    Good("run -o y=y.npy -i x=x.npy net");  // a list ends with its option
 }
 
 // What stands beside a destination is somebody else's.
