@@ -65,9 +65,9 @@ def compute(model, arrays, batch):
     return outputs
 
 
-def run_chunk(parcel, inputs, batch):
-    result = real_run_chunk(parcel, inputs, batch)
-    if every("transit"):
+def run_chunk(digest, inputs, batch):
+    result = real_run_chunk(digest, inputs, batch)
+    if every("transit") and isinstance(result, worker.Computed):
         flip(result.arrays)
     return result
 

@@ -4,12 +4,16 @@ The environment says where everything is: OPKIT_LIBRARY, OPKIT_SOURCE_DIR, OPKIT
 OPKIT_TEST_LONG=1 adds a thousand chunks under all faults at once.
 """
 
+import atexit
 import contextlib
+import ctypes
 import errno
 import fcntl
+import importlib
 import io
 import json
 import logging
+import multiprocessing
 import os
 import pathlib
 import re
@@ -26,6 +30,7 @@ import zlib
 from unittest import mock
 
 import numpy as np
+import psutil
 
 SOURCE = pathlib.Path(os.environ["OPKIT_SOURCE_DIR"])
 MODELS = pathlib.Path(os.environ["OPKIT_MODELS"])
@@ -58,34 +63,67 @@ class Cluster:
         self.folder, self.port = pathlib.Path(folder), free_port()
         self.address = f"tcp://127.0.0.1:{self.port}"
         self.processes = []
+        atexit.register(self.close)
         self.start_scheduler()
 
     def start_scheduler(self):
-        self.scheduler = self.start("dask_scheduler", ["--host", "127.0.0.1", "--port", str(self.port)])
+        self.scheduler = self.start("scheduler", ["--port", str(self.port)], {})
 
     def start_worker(self, faults=None, *, nanny=False, memory="0", **environment):
-        arguments = [self.address, "--host", "127.0.0.1", "--nthreads", "1", "--memory-limit", memory,
-                     "--nanny" if nanny else "--no-nanny", "--local-directory", str(self.folder),
-                     "--preload", str(HERE / "cluster_faults.py")]
-        return self.start("dask_worker", arguments, OPKIT_TEST_FAULTS=json.dumps(faults or {}), **environment)
+        arguments = [self.address, "--nthreads", "1", "--memory-limit", memory, "--nanny" if nanny else "--no-nanny",
+                     "--local-directory", str(self.folder), "--preload", str(HERE / "cluster_faults.py")]
+        return self.start("worker", arguments, {"OPKIT_TEST_FAULTS": json.dumps(faults or {}), **environment})
 
-    def start(self, program, arguments, **environment):
-        variables = {**os.environ, "PYTHONPATH": str(SOURCE / "python"), "OPKIT_TEST_FOLDER": str(self.folder),
-                     "PYTHONDONTWRITEBYTECODE": "1", **environment}
-        with open(self.folder / "log", "ab") as log:
-            process = subprocess.Popen([sys.executable, "-m", f"distributed.cli.{program}", "--no-dashboard", *arguments],
-                                       env=variables, stdout=log, stderr=log, start_new_session=True)
-        self.processes.append(process)
-        return process
-
-    def end(self, process, how=signal.SIGKILL):
-        with contextlib.suppress(ProcessLookupError):
-            os.killpg(process.pid, how)  # a session of its own: a nanny and its worker
-        process.wait()
+    def start(self, program, arguments, environment):
+        environment = {"PYTHONPATH": str(SOURCE / "python"), "OPKIT_TEST_FOLDER": str(self.folder), **environment}
+        arguments = [*arguments, "--host", "127.0.0.1", "--dashboard-address", "127.0.0.1:0"]
+        self.processes.append(Program(program, arguments, environment, self.folder / "log"))
+        return self.processes[-1]
 
     def close(self):
-        for process in reversed(self.processes):
-            self.end(process)
+        while self.processes:
+            self.processes.pop().end()
+
+
+class Program:
+    """dask-scheduler or dask-worker as a process. It comes out of one that has imported Dask already, unless it needs
+    another environment from its very start."""
+
+    forks = multiprocessing.get_context("forkserver")
+    forks.set_forkserver_preload(["distributed.cli.dask_scheduler", "distributed.cli.dask_worker", "dask.array"])
+
+    def __init__(self, program, arguments, environment, log):
+        if "LD_PRELOAD" in environment:
+            with open(log, "ab") as stream:
+                self.process = subprocess.Popen([sys.executable, "-m", f"distributed.cli.dask_{program}", *arguments],
+                                                env={**os.environ, **environment}, stdout=stream, stderr=stream,
+                                                start_new_session=True)
+        else:
+            self.process = self.forks.Process(target=serve, args=(program, arguments, environment, str(log)))
+            self.process.start()
+        self.pid = self.process.pid
+
+    def wait(self):
+        """How it ended: an exit code, or the negative number of the signal."""
+        if isinstance(self.process, subprocess.Popen):
+            return self.process.wait()
+        self.process.join()
+        return self.process.exitcode
+
+    def end(self):
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self.pid, signal.SIGKILL)  # a session of its own: a nanny and its worker
+        self.wait()
+
+
+def serve(program, arguments, environment, log):
+    os.setsid()
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # ends with its parent, which ends with the tests
+    os.environ.update(environment)
+    descriptor = os.open(log, os.O_WRONLY | os.O_CREAT | os.O_APPEND)
+    os.dup2(descriptor, 1)
+    os.dup2(descriptor, 2)
+    importlib.import_module(f"distributed.cli.dask_{program}").main(arguments)
 
 
 class ClusterTest(unittest.TestCase):
@@ -111,10 +149,10 @@ class ClusterTest(unittest.TestCase):
         self.workers = [self.cluster.start_worker(fault, **options) for fault in faults]
         return self.connect(len(faults))
 
-    def connect(self, workers):
-        self.client = Client(self.cluster.address, timeout=30)
+    def connect(self, workers, timeout=10):
+        self.client = Client(self.cluster.address, timeout=timeout)
         self.addCleanup(self.client.close, 1)  # before its scheduler
-        self.client.wait_for_workers(workers, timeout=60)
+        wait_until(lambda: len(self.client.scheduler_info()["workers"]) == workers, 60)
         return self.client
 
     def address(self, process):
@@ -248,7 +286,7 @@ class ResumeTest(ClusterTest):
         refused("field model is", model=changed_model(self.model))
         refused("field model is", model=waves, arrays={"x": np.zeros((900, 2, 3))})
         refused(r"field bounds.30 is 900, this run has 899", arrays={"pixels": self.pixels[:899]})
-        refused(r"field inputs.pixels.crc is null", arrays={"pixels": self.pixels})
+        refused(r"field inputs.pixels.changed is \d+, this run has null", arrays={"pixels": self.pixels})
         os.utime(self.file)
         refused(r"field inputs.pixels.changed is \d+, this run has \d+")
         self.assertEqual({file: file.read_bytes() for file in self.out.rglob("*") if file.is_file()}, before)
@@ -382,7 +420,7 @@ class VerifyTest(ClusterTest):
         self.assertTrue(screening.passed)
         self.assertEqual(screening.libm, {odd: ["Sin"]})
         # The digits model calls no libm: the same machine is at fault if it errs there.
-        self.cluster.end(self.workers[2])
+        self.workers[2].end()
         self.workers[2] = self.cluster.start_worker({"flip": 1}, LD_PRELOAD=str(other))
         wait_until(lambda: len(self.client.scheduler_info()["workers"]) == 3)
         summary = cluster.run(self.model, {"pixels": self.file}, self.folder / "results2", client=self.client, chunk=90,
@@ -415,7 +453,7 @@ class FaultsTest(ClusterTest):
     def test_workers_that_die(self):
         self.start({"sleep": 0.02}, {"sleep": 0.02}, {"kill": 4, "sleep": 0.02})
         victim = self.workers[0]
-        threading.Timer(0.5, lambda: self.cluster.end(victim)).start()
+        threading.Timer(0.5, lambda: os.kill(victim.pid, signal.SIGKILL)).start()
         summary = self.run_digits(verify=0.3)
         self.check()
         self.assertEqual(victim.wait(), -signal.SIGKILL)
@@ -423,11 +461,12 @@ class FaultsTest(ClusterTest):
         self.assertEqual(summary.differences, [])
 
     def test_the_only_worker_dies_and_comes_back(self):
-        for number, given in enumerate((self.file, self.pixels, dask.array.from_array(self.pixels, chunks=(30, 8, 8)))):
+        blocks = dask.array.from_array(self.pixels, chunks=(30, 8, 8))
+        for number, (given, chunk) in enumerate([(self.pixels, {"chunk": 30})] + LONG * [
+                (self.file, {"chunk": 30}), (blocks, {})]):
             with self.subTest(number):
                 self.start({"kill": 6}, nanny=True)
                 out = self.folder / f"results{number}"
-                chunk = {} if number == 2 else {"chunk": 30}
                 summary = cluster.run(self.model, {"pixels": given}, out, client=self.client, verify=0.1, **chunk)
                 self.check(30, out)
                 self.assertTrue((self.folder / "kill").exists())
@@ -449,7 +488,7 @@ class FaultsTest(ClusterTest):
             self.run_digits(chunk=90)
         self.assertEqual(self.journal(), [])
         for process in self.workers:
-            self.cluster.end(process)
+            process.end()
         self.cluster.start_worker()
         bad = self.folder / "chunks"
         bad.mkdir()
@@ -539,12 +578,12 @@ class FaultsTest(ClusterTest):
         folder.close()
 
     def test_the_scheduler_is_restarted(self):
-        self.start({"sleep": 0.05}, {"sleep": 0.05})
+        self.start({"sleep": 0.2}, {"sleep": 0.2})
 
         def restart():
-            self.cluster.end(self.cluster.scheduler)
+            self.cluster.scheduler.end()
             for process in self.workers:
-                self.cluster.end(process)
+                process.end()
             time.sleep(0.5)
             self.cluster.start_scheduler()
             self.workers = [self.cluster.start_worker() for _ in range(2)]
@@ -558,7 +597,8 @@ class FaultsTest(ClusterTest):
 
     def test_the_scheduler_stays_away(self):
         self.start({"sleep": 0.1})
-        threading.Timer(0.7, lambda: self.cluster.end(self.cluster.scheduler)).start()
+        self.connect(1, timeout=3)
+        threading.Timer(0.7, self.cluster.scheduler.end).start()
         with self.assertRaisesRegex(cluster.ClusterError, rf"{self.cluster.address}: the scheduler went away; \d+ of 30 "
                                     "chunks are done, the same call computes the rest"):
             self.run_digits(patience=2)
@@ -571,7 +611,7 @@ class FaultsTest(ClusterTest):
 
     def test_no_workers(self):
         self.start()
-        with self.assertRaisesRegex(cluster.ClusterError, "no worker took the model"):
+        with self.assertRaisesRegex(cluster.ClusterError, "no worker for 1 s"):
             self.run_digits(patience=1)
 
 
@@ -592,6 +632,16 @@ class TrafficTest(ClusterTest):
         self.assertLessEqual(max(ahead), 5)
         self.assertGreaterEqual(max(ahead), 2)
         self.assertEqual([*self.client.run(lambda: [*worker_module().arrivals.values()]).values()], [[1]] * 3)
+
+    def test_nothing_listens_outside_loopback(self):
+        self.start({})
+        ours = [self.cluster.scheduler.pid, self.workers[0].pid]
+        with cluster.local_client(1) as client:
+            ours += [os.getpid(), *client.run(os.getpid).values()]
+            places = [(pid, at.laddr) for pid in ours for at in psutil.Process(pid).connections("inet")
+                      if at.status == "LISTEN"]
+        self.assertEqual({pid for pid, _ in places}, set(ours))
+        self.assertEqual({address.ip for _, address in places}, {"127.0.0.1"})
 
     def test_a_damaged_model_is_not_used(self):
         import pickle
@@ -712,15 +762,15 @@ class LongTest(ClusterTest):
             while not ended.wait(4):
                 rounds.append(len(rounds))
                 if len(rounds) % 5 == 3:
-                    self.cluster.end(self.cluster.scheduler)
+                    self.cluster.scheduler.end()
                     for process in self.workers:
-                        self.cluster.end(process)
+                        process.end()
                     self.cluster.start_scheduler()
                     self.workers = [self.cluster.start_worker(fault, nanny=True) for fault in (
                         {"sleep": 0.02}, {"sleep": 0.02}, {"flip": 7}, {"transit": 9, "starve": 50})]
                 else:
                     victim = self.workers[len(rounds) % 2]
-                    self.cluster.end(victim)
+                    victim.end()
                     self.workers[len(rounds) % 2] = self.cluster.start_worker({"sleep": 0.02}, nanny=True)
 
         thread = threading.Thread(target=break_things)

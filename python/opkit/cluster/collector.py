@@ -7,6 +7,7 @@ again; one that fails is tried on other workers first.
 
 from __future__ import annotations
 
+import asyncio
 import contextlib
 import math
 import os
@@ -24,7 +25,7 @@ from distributed import CancelledError, Client, Future, KilledWorker, LocalClust
 from opkit.cluster import worker
 from opkit.cluster.sources import chunk_bounds, open_sources
 from opkit.cluster.store import ClusterError, Store, crc
-from opkit.cluster.worker import Computed, Failed, Machine
+from opkit.cluster.worker import Absent, Computed, Failed, Machine
 from opkit.library import OpkitError, library
 from opkit.model import Model
 from opkit.model import load as load_model
@@ -143,7 +144,8 @@ def local_client(workers: int | None = None):
     environment = {"OPKIT_LIBRARY": os.path.realpath(library().path) if os.path.exists(library().path)
                    else library().path, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path)}
     with LocalCluster(n_workers=workers or len(os.sched_getaffinity(0)), threads_per_worker=1, processes=True,
-                      host="127.0.0.1", dashboard_address=None, env=environment) as cluster:
+                      host="127.0.0.1", dashboard_address="127.0.0.1:0", worker_dashboard_address="127.0.0.1:0",
+                      env=environment) as cluster:
         with Client(cluster, direct_to_workers=True) as client:
             yield client
 
@@ -178,7 +180,9 @@ class _Job:
         self.arrived: queue.Queue[Future] = queue.Queue()
         self.failed: dict[int, str] = {}
         self.threads: dict[str, int] = {}  # of every worker that is there
-        self.parcel = self.tick_due = None
+        self.equipped: dict[str, Future] = {}  # workers that keep the model, or were told to
+        self.unfit: dict[str, str] = {}  # workers that could not, and why
+        self.parcel = self.digest = self.tick_due = None
         self.workers_seen = time.monotonic()
 
     def run(self, missing: list[int]) -> None:
@@ -188,7 +192,7 @@ class _Job:
             self.connect()
             while self.pending or self.flights:
                 self.look_around()
-                while self.pending and len(self.flights) < self.limit:
+                while self.pending and self.threads and len(self.flights) < self.limit:
                     self.hand_out(self.pending.popleft())
                 with contextlib.suppress(queue.Empty):
                     self.take(self.arrived.get(timeout=TICK))
@@ -215,17 +219,18 @@ class _Job:
         """Waits for workers, and sends them the model: it goes from worker to worker, and to each of them once."""
         try:
             self.client.wait_for_workers(1, timeout=self.patience)
-            self.parcel = self.client.scatter({f"opkit-model-{time.time_ns():x}": worker.Parcel(self.model)},
-                                              broadcast=True).popitem()[1]
-        except Exception as error:
-            hint = ("; the workers need this package and libopkit.so" if isinstance(error, ImportError) else
-                    f" within {self.patience} s" if "timed out" in str(error).lower() or
-                    isinstance(error, TimeoutError) else "")
-            raise ClusterError(f"{self.client.scheduler.address}: no worker took the model{hint}: {error}") from error
+            self.send(broadcast=True)
+        except (OSError, asyncio.TimeoutError) as error:
+            raise ClusterError(f"{self.client.scheduler.address}: no worker for {self.patience} s: {error}") from error
         self.tick_due = 0
 
+    def send(self, **where) -> None:
+        parcel = worker.Parcel(self.model)
+        self.digest = parcel.digest
+        self.parcel = self.client.scatter({f"opkit-model-{time.time_ns():x}": parcel}, **where).popitem()[1]
+
     def look_around(self) -> None:
-        """Once per tick: who is there, and does every chunk still have somewhere to go?"""
+        """Once per tick: who is there, who still needs the model, and has every chunk somewhere to go?"""
         if self.client.status != "running":
             self.reconnect()
         if time.monotonic() < self.tick_due:
@@ -233,10 +238,11 @@ class _Job:
         self.tick_due = time.monotonic() + TICK
         try:
             there = self.client.scheduler_info()["workers"]
-        except (OSError, RuntimeError):
-            return  # the next tick finds out
-        self.summary.lost_workers |= set(self.threads) - set(there)
-        self.threads = {address: one["nthreads"] for address, one in there.items()}
+            self.summary.lost_workers |= set(self.threads) - set(there)
+            self.threads = {address: one["nthreads"] for address, one in there.items()}
+            self.equip()
+        except (OSError, RuntimeError, asyncio.TimeoutError, CancelledError):
+            return  # the next look finds out
         if self.threads:
             self.workers_seen = time.monotonic()
         elif time.monotonic() - self.workers_seen > self.patience:
@@ -244,8 +250,24 @@ class _Job:
         for future, flight in list(self.flights.items()):
             if flight.allowed and not flight.allowed & set(self.threads) and not future.done():
                 self.lost(future, "its worker went away")
-        if self.threads and self.parcel.status in ("lost", "cancelled", "error"):
-            self.connect()
+
+    def equip(self) -> None:
+        """Has every worker keep the model. The task goes ahead of the chunks that wait there."""
+        for address, future in list(self.equipped.items()):
+            if address not in self.threads or future.status in ("lost", "cancelled"):
+                del self.equipped[address]
+            elif future.status == "error":
+                self.unfit[address] = repr(future.exception())
+        self.unfit = {address: why for address, why in self.unfit.items() if address in self.threads}
+        if self.threads and len(self.unfit) == len(self.threads):
+            raise ClusterError(f"no worker took the model; they need this package and what it needs: {self.unfit}")
+        new = sorted(set(self.threads) - set(self.equipped))
+        if new and self.parcel.status in ("lost", "cancelled", "error"):
+            self.send(workers=new[:1])
+        for address in new:
+            self.equipped[address] = self.client.submit(
+                worker.keep, self.parcel, key=f"opkit-keep-{time.time_ns():x}", pure=False, workers=[address],
+                allow_other_workers=False, priority=10)
 
     def reconnect(self) -> None:
         """The scheduler went away, and with it everything that was on its way."""
@@ -256,6 +278,7 @@ class _Job:
             time.sleep(0.1)
         for future in list(self.flights):
             self.lost(future, "the scheduler went away")
+        self.equipped, self.unfit = {}, {}
         self.connect()
 
     def _done(self) -> str:
@@ -266,7 +289,7 @@ class _Job:
 
     def hand_out(self, chunk: _Chunk) -> None:
         busy = {result.machine.worker for result in chunk.results}
-        allowed = set(self.threads) - busy
+        allowed = set(self.threads) - busy - set(self.unfit)
         if busy and not allowed:
             return self.compute_here(chunk)
         if allowed - chunk.avoid:  # where all have failed, all may try again
@@ -275,14 +298,13 @@ class _Job:
         try:
             pieces = {name: source.piece(self.client, chunk.index, first, last)
                       for name, source in self.sources.items()}
-            everyone = not busy and not chunk.avoid
-            future = self.client.submit(worker.run_chunk, self.parcel, pieces, self.batch, pure=False, retries=0,
+            everyone = not busy and not chunk.avoid and not self.unfit
+            future = self.client.submit(worker.run_chunk, self.digest, pieces, self.batch, pure=False, retries=0,
                                         key=f"opkit-chunk-{time.time_ns():x}-{chunk.index}",
                                         workers=None if everyone else sorted(allowed), allow_other_workers=False)
-        except (OSError, RuntimeError, TimeoutError, CancelledError) as error:  # the scheduler went away just now
-            if self.client.status == "running":
-                raise ClusterError(f"{self.client.scheduler.address}: takes no work: {error!r}") from error
+        except (OSError, RuntimeError, asyncio.TimeoutError, CancelledError):  # scheduler or workers went away just now
             self.pending.appendleft(chunk)
+            self.threads, self.tick_due = {}, 0
             return None
         self.flights[future] = _Flight(chunk, None if everyone else allowed, pieces)
         future.add_done_callback(self.arrived.put)
@@ -299,7 +321,7 @@ class _Job:
         except KilledWorker as error:
             del self.flights[future]
             self.give_up(chunk, f"workers die of it, memory may be short: {error}")
-        except (CancelledError, TimeoutError, OSError) as error:
+        except (CancelledError, asyncio.TimeoutError, OSError) as error:
             self.lost(future, f"{type(error).__name__} on the way back")
         except Exception as error:
             del self.flights[future]
@@ -344,11 +366,17 @@ class _Job:
             library()
         except OpkitError as error:
             return self.give_up(chunk, f"there is no other worker to compare with, and here {error}")
-        self.judge(chunk, worker.run_chunk(worker.Parcel(self.model), self.client.gather(pieces), self.batch))
+        worker.keep(worker.Parcel(self.model))
+        self.judge(chunk, worker.run_chunk(self.digest, self.client.gather(pieces), self.batch))
         return None
 
-    def judge(self, chunk: _Chunk, result: Computed | Failed) -> None:
+    def judge(self, chunk: _Chunk, result: Computed | Failed | Absent) -> None:
         """Writes a chunk as soon as enough workers agree on it."""
+        if isinstance(result, Absent):
+            self.equipped.pop(result.machine.worker, None)
+            self.pending.appendleft(chunk)
+            self.tick_due = 0
+            return None
         if isinstance(result, Failed):
             return self.fail(chunk, result.machine, result.error)
         if {name: crc(array) for name, array in result.arrays.items()} != result.crc:

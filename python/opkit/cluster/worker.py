@@ -27,7 +27,10 @@ LIBM_OPERATORS = frozenset({
     "Acos", "Acosh", "Asin", "Asinh", "Atan", "Atanh", "Cos", "Cosh", "Sin", "Sinh", "Tan", "Sigmoid", "Softplus", "Celu",
     "Selu", "LpNorm", "Reduction", "DecBbox"})
 
+KEPT_MODELS = 4  # in a worker, the last ones
+
 arrivals: Counter = Counter()  # models that reached this process, by hash
+_models: dict[str, Model] = {}
 _unique = threading.Lock()  # a model with a Unique layer must not run on two threads at once
 
 
@@ -58,6 +61,12 @@ class Computed:
 class Failed:
     machine: Machine
     error: str
+
+
+@dataclass
+class Absent:
+    """The worker does not have the model yet, or no more."""
+    machine: Machine
 
 
 @dataclass(frozen=True)
@@ -109,11 +118,21 @@ def layer_operators(model: Model) -> set[str]:
     return {layer.operator.removesuffix("OpkitForward") for t in model.tables for layer in model.layers(t.segment_id)}
 
 
-def run_chunk(parcel: Parcel, inputs: dict, batch: int | None) -> Computed | Failed:
+def keep(parcel: Parcel) -> None:
+    """Keeps a model in this process. Dask alone would take copies away that no task waits for, and send them again."""
+    _models[parcel.digest] = parcel.model
+    for digest in list(_models)[:-KEPT_MODELS]:
+        del _models[digest]
+
+
+def run_chunk(digest: str, inputs: dict, batch: int | None) -> Computed | Failed | Absent:
     """Computes one chunk. Whatever goes wrong comes back as a Failed, so that it is known which machine it was."""
+    model = _models.get(digest)
+    if model is None:
+        return Absent(machine())
     try:
-        arrays = {name: _items(parcel.model, name, piece) for name, piece in inputs.items()}
-        outputs = compute(parcel.model, arrays, batch)
+        arrays = {name: _items(model, name, piece) for name, piece in inputs.items()}
+        outputs = compute(model, arrays, batch)
         return Computed(machine(), outputs, {name: crc(array) for name, array in outputs.items()},
                         {name: crc(array) for name, array in arrays.items()})
     except (Exception, SystemExit) as error:
@@ -139,7 +158,11 @@ def machine() -> Machine:
         name = get_worker().address
     except ValueError:
         name = "collector"
-    return Machine(name, platform.node(), _processor(), _libm_version(), libm_probe(), library().build)
+    try:
+        build = library().build
+    except OpkitError:  # whoever computes with it says why
+        build = "no libopkit.so"
+    return Machine(name, platform.node(), _processor(), _libm_version(), libm_probe(), build)
 
 
 @functools.cache
