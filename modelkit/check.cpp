@@ -197,7 +197,8 @@ void CheckWrites(const ModelView& model, std::vector<StructureRange> ranges, con
     }
 }
 
-std::string Printable(std::string text)
+// Operators' and functions' names are bytes of the buffer.
+std::string Ascii(std::string text)
 {
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
@@ -212,7 +213,7 @@ std::string CheckPlace::Text() const
     std::string text = segment < 0 ? "model" : "segment " + std::to_string(segment);
     if (layer >= 0) {
         text += ", layer " + std::to_string(layer);
-        text += operatorName.empty() ? "" : " (" + Printable(operatorName.substr(0, kShown)) + ")";
+        text += operatorName.empty() ? "" : " (" + Ascii(operatorName.substr(0, kShown)) + ")";
     }
     return text;
 }
@@ -225,7 +226,7 @@ std::string CheckRefusal::Text() const
 
 std::string CheckCondition::Text() const
 {
-    return place.Text() + ": safe if " + Printable(condition);
+    return place.Text() + ": safe if " + Ascii(condition);
 }
 
 CheckReport CheckBuffer(std::span<const std::byte> buffer, std::span<const ModelTable> tables,

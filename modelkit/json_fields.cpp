@@ -1,6 +1,9 @@
 #include "modelkit/json_fields.h"
 
 #include <algorithm>
+#include <iterator>
+#include <set>
+#include <string_view>
 
 namespace opkit::modelkit {
 namespace {
@@ -107,22 +110,82 @@ private:
     std::string text_;
 };
 
+// A text's characters, and how far the parser has come.
+struct Walk {
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    const char& operator*() const { return *at; }
+    Walk& operator++()
+    {
+        *reached = ++at;
+        return *this;
+    }
+    bool operator==(const Walk& other) const { return at == other.at; }
+    bool operator!=(const Walk& other) const { return at != other.at; }
+
+    const char* at;
+    const char** reached;
+};
+
+// Refuses an object with two fields of one name: JSON leaves open which of them counts.
+class OneOfAKind {
+public:
+    struct Twice {
+        std::string key;
+    };
+
+    bool Accept(json::parse_event_t event, const json& value)
+    {
+        if (event == json::parse_event_t::object_start) {
+            open_.emplace_back();
+        } else if (event == json::parse_event_t::object_end) {
+            open_.pop_back();
+        } else if (event == json::parse_event_t::key && !open_.back().insert(value.get<std::string>()).second) {
+            throw Twice{value.get<std::string>()};
+        }
+        return true;
+    }
+
+private:
+    std::vector<std::set<std::string>> open_;
+};
+
+std::string LineAndColumn(const std::string& text, size_t at)
+{
+    const std::string_view before = std::string_view(text).substr(0, at);
+    const size_t lineBegin = before.rfind('\n') + 1;  // 0 without a line break
+    return "line " + std::to_string(1 + std::count(before.begin(), before.end(), '\n')) + ", column " +
+           std::to_string(at - lineBegin + 1);
+}
+
 }  // namespace
 
 JsonFields::JsonFields(std::filesystem::path file, const std::string& text) : file_(std::move(file))
 {
+    const char* at = text.data();
+    OneOfAKind keys;
     try {
-        root_ = json::parse(text);
+        const char* const end = text.data() + text.size();
+        root_ = json::parse(Walk{text.data(), &at}, Walk{end, &at},
+                            [&keys](int, json::parse_event_t event, json& value) { return keys.Accept(event, value); });
     } catch (const json::parse_error& error) {
-        Fail("no JSON at byte " + std::to_string(error.byte));
+        const size_t before = std::min(error.byte == 0 ? 0 : error.byte - 1, text.size());
+        Fail("no JSON at byte " + std::to_string(error.byte) + ", " + LineAndColumn(text, before));
     } catch (const json::exception&) {
-        Fail("a number does not fit");
+        Fail("a number does not fit, " + LineAndColumn(text, static_cast<size_t>(at - text.data())));
+    } catch (const OneOfAKind::Twice& twice) {
+        Fail("field \"" + twice.key + "\" stands twice in one object, the second time before " +
+             LineAndColumn(text, static_cast<size_t>(at - text.data())));
     }
 }
 
 void JsonFields::Fail(const std::string& what) const
 {
-    throw FileError(file_.string() + ": " + what);
+    throw FileError(file_.string() + ": " + Printable(what));
 }
 
 const json& JsonFields::Field(const json& object, const std::string& path, const char* name) const

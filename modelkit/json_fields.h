@@ -13,12 +13,13 @@
 
 namespace opkit::modelkit {
 
-// The functions that take an object, its path and a name read the object's field `name`. A path ends in "." unless it
-// is empty: "inputs[2].".
+// All throw FileError. The functions that take an object, its path and a name read the object's field `name`. A path
+// ends in "." unless it is empty: "inputs[2].".
 class JsonFields {
 public:
     using json = nlohmann::json;
 
+    // Throws FileError for what is no JSON, with line and column, and for objects with two fields of one name.
     JsonFields(std::filesystem::path file, const std::string& text);
     JsonFields(std::filesystem::path file, json root) : file_(std::move(file)), root_(std::move(root)) {}
 

@@ -77,6 +77,19 @@ std::string ShapeText(const Shape& shape)
     return text + "]";
 }
 
+std::string Printable(std::string utf8)
+{
+    for (size_t i = 0; i < utf8.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(utf8[i]);
+        // Those from U+0080 to U+009F begin with this byte.
+        const bool twoBytes = byte == 0xC2 && i + 1 < utf8.size() && static_cast<unsigned char>(utf8[i + 1]) < 0xA0;
+        if (byte < ' ' || byte == 0x7F || twoBytes) {
+            utf8.replace(i, twoBytes ? 2 : 1, "?");
+        }
+    }
+    return utf8;
+}
+
 void PadRows(std::span<const float> compact, const Shape& shape, uint32_t strideBytes, std::span<float> padded)
 {
     if (compact.size() != ElementCount(shape) || padded.size() < PaddedFloats(shape, strideBytes)) {

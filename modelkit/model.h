@@ -41,6 +41,9 @@ uint32_t PaddedFloats(const Shape& shape, uint32_t strideBytes);
 uint32_t PaddedBytes(const Shape& shape, uint32_t strideBytes);
 std::string ShapeText(const Shape& shape);  // "[2, 3, 4]"
 
+// Text out of a file for a line on a terminal: control characters, which could command the terminal, show as '?'.
+std::string Printable(std::string utf8);
+
 // Spreads compact elements over padded rows of `padded`, leaving its gaps; and the reverse.
 void PadRows(std::span<const float> compact, const Shape& shape, uint32_t strideBytes, std::span<float> padded);
 std::vector<float> CompactRows(std::span<const float> padded, const Shape& shape, uint32_t strideBytes);

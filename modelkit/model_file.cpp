@@ -88,6 +88,7 @@ void ReadTables(const JsonFields& manifest, const fs::path& bufferFile, Model* m
 
 void ReadConstants(const JsonFields& manifest, Model* model)
 {
+    uint64_t total = 0;
     for (const json& entry : manifest.List(manifest.Root(), "", "constants")) {
         const std::string path = "constants[" + std::to_string(model->constants.size()) + "].";
         ModelConstant constant = {manifest.Text(entry, path, "name"), manifest.Number(entry, path, "offset"),
@@ -101,6 +102,11 @@ void ReadConstants(const JsonFields& manifest, Model* model)
         if (constant.offset % 4 != 0 || constant.offset + bytes > model->bytes.size()) {
             manifest.Fail("field " + path + "offset: bytes " + std::to_string(constant.offset) + " to " +
                           std::to_string(constant.offset + bytes) + " lie outside the buffer or off its words");
+        }
+        total += bytes;
+        if (total > MostBytesRead(model->bytes.size())) {
+            manifest.Fail("field " + path + "shape: the constants up to here hold " + std::to_string(total) +
+                          " bytes, more than four times the buffer and 4 MiB");
         }
         model->constants.push_back(std::move(constant));
     }

@@ -1,7 +1,7 @@
 // opkit inspect
 
 #include <fmt/core.h>
-#include <algorithm>
+#include <map>
 #include <memory>
 
 #include "modelkit/json_fields.h"
@@ -50,7 +50,12 @@ std::string Wrapped(const std::vector<std::string>& words, size_t indent)
 
 class TextReport {
 public:
-    explicit TextReport(const Model& model) : model_(model) {}
+    explicit TextReport(const Model& model) : model_(model)
+    {
+        for (const ModelConstant& constant : model.constants) {
+            constantAt_.try_emplace(constant.offset, &constant);
+        }
+    }
 
     void Print() const
     {
@@ -69,7 +74,7 @@ private:
     {
         fmt::print("\n{}\n", title);
         for (size_t i = 0; i < specs.size(); ++i) {
-            fmt::print("  {:>3}  {:<16} {:<18} stride {}\n", i, specs[i].name, ShapeText(specs[i].shape),
+            fmt::print("  {:>3}  {:<16} {:<18} stride {}\n", i, Printable(specs[i].name), ShapeText(specs[i].shape),
                        specs[i].strideBytes);
         }
     }
@@ -78,7 +83,7 @@ private:
     {
         fmt::print("\nconstants\n");
         for (const ModelConstant& constant : model_.constants) {
-            fmt::print("  {:<20} {:<18} {} bytes at byte {}\n", constant.name, ShapeText(constant.shape),
+            fmt::print("  {:<20} {:<18} {} bytes at byte {}\n", Printable(constant.name), ShapeText(constant.shape),
                        ElementCount(constant.shape) * sizeof(float), constant.offset);
         }
     }
@@ -87,8 +92,8 @@ private:
     {
         const ModelTable& table = model_.tables[index];
         const ReadTable read = ReadLayerTable(model_, index);
-        fmt::print("\nsegment {} ({}): {} layers, table of {} bytes at byte {}{}\n", table.segmentId, table.name,
-                   read.layers.size(), table.layerTableSize, table.layerTableOffset,
+        fmt::print("\nsegment {} ({}): {} layers, table of {} bytes at byte {}{}\n", table.segmentId,
+                   Printable(table.name), read.layers.size(), table.layerTableSize, table.layerTableOffset,
                    table.next ? fmt::format(", then segment {}", *table.next) : "");
         for (size_t i = 0; i < read.layers.size(); ++i) {
             PrintLayer(i, read.layers[i]);
@@ -126,7 +131,7 @@ private:
         std::string place;
         std::string stride = fmt::format("stride {}", record.strideIndex);
         if (request) {
-            place = record.memIndex < specs.size() ? specs[record.memIndex].name
+            place = record.memIndex < specs.size() ? Printable(specs[record.memIndex].name)
                                                    : fmt::format("request tensor {}", record.memIndex);
             stride = record.strideIndex < specs.size() ? fmt::format("stride {}", specs[record.strideIndex].strideBytes)
                                                        : fmt::format("stride of tensor {}", record.strideIndex);
@@ -140,9 +145,8 @@ private:
 
     void PrintOffline(size_t k, const ReadOffline& offline) const
     {
-        const auto found = std::find_if(model_.constants.begin(), model_.constants.end(),
-                                        [&](const auto& constant) { return constant.offset == offline.dataOffset; });
-        const std::string name = found == model_.constants.end() ? "" : " " + found->name;
+        const auto found = constantAt_.find(offline.dataOffset);
+        const std::string name = found == constantAt_.end() ? "" : " " + Printable(found->second->name);
         fmt::print("    {:<6} {:<28} {:<18} at byte {}\n", fmt::format("in {}", k), "constant" + name,
                    ShapeText(offline.shape), offline.dataOffset);
     }
@@ -172,7 +176,7 @@ private:
     static std::string ValueText(const ordered_json& value)
     {
         if (value.is_string()) {
-            return value.get<std::string>();
+            return Printable(value.get<std::string>());
         }
         std::string text = value.dump();
         for (size_t at = 0; (at = text.find(',', at)) != std::string::npos; at += 2) {
@@ -198,9 +202,13 @@ private:
                        map.uses[overlap.second].what, overlap.begin, overlap.end,
                        overlap.inPlace ? ": in place" : " while both are in use");
         }
+        if (map.moreOverlaps) {
+            fmt::print("  and more share bytes; {} are shown\n", map.overlaps.size());
+        }
     }
 
     const Model& model_;
+    std::map<uint32_t, const ModelConstant*> constantAt_;  // the first one at an offset
 };
 
 ordered_json ScratchToJson(const ScratchMap& map)
@@ -221,6 +229,9 @@ ordered_json ScratchToJson(const ScratchMap& map)
                                     {"begin", overlap.begin},
                                     {"end", overlap.end},
                                     {"inPlace", overlap.inPlace}});
+    }
+    if (map.moreOverlaps) {
+        json["moreOverlaps"] = true;
     }
     return json;
 }

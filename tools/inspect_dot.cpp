@@ -1,7 +1,9 @@
 #include "tools/inspect_dot.h"
 
 #include <fmt/core.h>
+#include <algorithm>
 #include <cstring>
+#include <map>
 #include <optional>
 
 #include "modelkit/attribute_fields.h"
@@ -17,12 +19,56 @@ using namespace opkit::modelkit;
 std::string Quoted(const std::string& text)
 {
     std::string quoted = "\"";
-    for (const char c : text) {
+    for (const char c : modelkit::Printable(text)) {
         quoted += c == '"' || c == '\\' ? "\\" : "";
         quoted += c;
     }
     return quoted + "\"";
 }
+
+// Who wrote the bytes of the scratch last.
+class Writers {
+public:
+    void Add(const ReadLayer& layer, const std::string& node)
+    {
+        for (const ReadTensor& output : layer.outputs) {
+            const TensorRecord& record = output.record;
+            if (record.memKind > OPKIT_MEM_REQUEST_1) {
+                Paint(record.memIndex, uint64_t{record.memIndex} + std::max(record.size, 1U), node);
+            }
+        }
+    }
+    // Null where nobody wrote.
+    const std::string* At(uint32_t offset) const
+    {
+        auto next = pieces_.upper_bound(offset);
+        return next == pieces_.begin() || (--next)->second.end <= offset ? nullptr : &next->second.node;
+    }
+
+private:
+    struct Piece {
+        uint64_t end;
+        std::string node;
+    };
+
+    void Paint(uint64_t begin, uint64_t end, const std::string& node)
+    {
+        Split(begin);
+        Split(end);
+        pieces_.erase(pieces_.lower_bound(begin), pieces_.lower_bound(end));
+        pieces_[begin] = {end, node};
+    }
+    void Split(uint64_t at)
+    {
+        auto piece = pieces_.lower_bound(at);
+        if (piece != pieces_.begin() && (--piece)->second.end > at) {
+            pieces_[at] = piece->second;
+            piece->second.end = at;
+        }
+    }
+
+    std::map<uint64_t, Piece> pieces_;  // by begin; no two share bytes
+};
 
 class Graph {
 public:
@@ -30,6 +76,15 @@ public:
     {
         for (size_t t = 0; t < model.tables.size(); ++t) {
             tables_.push_back(ReadLayerTable(model, t));
+            for (size_t i = 0; i < tables_[t].layers.size(); ++i) {
+                anywhere_.Add(tables_[t].layers[i], Node(t, i));
+            }
+            if (!tables_[t].layers.empty()) {
+                tableOf_.try_emplace(model.tables[t].segmentId, t);
+            }
+        }
+        for (const ModelConstant& constant : model.constants) {
+            constantAt_.try_emplace(constant.offset, &constant);
         }
     }
 
@@ -44,9 +99,11 @@ public:
             Cluster(t);
         }
         for (size_t t = 0; t < tables_.size(); ++t) {
+            inTable_ = {};
             for (size_t i = 0; i < tables_[t].layers.size(); ++i) {
                 Tensors(t, i);
                 Jumps(t, i);
+                inTable_.Add(tables_[t].layers[i], Node(t, i));
             }
             if (model_.tables[t].next && !tables_[t].layers.empty()) {
                 Jump(Node(t, tables_[t].layers.size() - 1), *model_.tables[t].next, "next");
@@ -86,7 +143,7 @@ private:
     {
         const ReadLayer& layer = tables_[t].layers[i];
         for (const ReadTensor& input : layer.inputs) {
-            if (const std::optional<std::string> source = SourceOf(t, i, input.record)) {
+            if (const std::optional<std::string> source = SourceOf(input.record)) {
                 Edge(*source, Node(t, i), ShapeText(input.shape));
             }
         }
@@ -105,45 +162,19 @@ private:
 
     std::string ConstantAt(uint32_t offset) const
     {
-        for (const ModelConstant& constant : model_.constants) {
-            if (constant.offset == offset) {
-                return constant.name;
-            }
-        }
-        return fmt::format("byte {}", offset);
+        const auto found = constantAt_.find(offset);
+        return found != constantAt_.end() ? found->second->name : fmt::format("byte {}", offset);
     }
 
-    // The layer that wrote what layer i reads: the latest one before it in its table, else the last one anywhere.
-    std::optional<std::string> SourceOf(size_t t, size_t i, const TensorRecord& record) const
+    // The layer that wrote what a layer reads: the latest one before it in its table, else the last one anywhere.
+    std::optional<std::string> SourceOf(const TensorRecord& record) const
     {
         if (record.memKind <= OPKIT_MEM_REQUEST_1) {
             return fmt::format("in{}", record.memIndex);
         }
-        for (size_t before = i; before-- > 0;) {
-            if (Writes(tables_[t].layers[before], record.memIndex)) {
-                return Node(t, before);
-            }
-        }
-        for (size_t table = tables_.size(); table-- > 0;) {
-            for (size_t layer = tables_[table].layers.size(); layer-- > 0;) {
-                if (Writes(tables_[table].layers[layer], record.memIndex)) {
-                    return Node(table, layer);
-                }
-            }
-        }
-        return std::nullopt;
-    }
-
-    static bool Writes(const ReadLayer& layer, uint32_t scratchOffset)
-    {
-        for (const ReadTensor& output : layer.outputs) {
-            const TensorRecord& record = output.record;
-            if (record.memKind > OPKIT_MEM_REQUEST_1 && record.memIndex <= scratchOffset &&
-                scratchOffset - record.memIndex < std::max(record.size, 1U)) {
-                return true;
-            }
-        }
-        return false;
+        const std::string* const before = inTable_.At(record.memIndex);
+        const std::string* const anywhere = before == nullptr ? anywhere_.At(record.memIndex) : before;
+        return anywhere == nullptr ? std::nullopt : std::optional(*anywhere);
     }
 
     // Attributes that hold segment ids say so by their names.
@@ -165,11 +196,8 @@ private:
 
     void Jump(const std::string& from, uint32_t segment, std::string_view label)
     {
-        for (size_t t = 0; t < tables_.size(); ++t) {
-            if (model_.tables[t].segmentId == segment && !tables_[t].layers.empty()) {
-                text_ += fmt::format("  {} -> {} [style=dashed, label=\"{}\"];\n", from, Node(t, 0), label);
-                return;
-            }
+        if (const auto found = tableOf_.find(segment); found != tableOf_.end()) {
+            text_ += fmt::format("  {} -> {} [style=dashed, label=\"{}\"];\n", from, Node(found->second, 0), label);
         }
     }
 
@@ -177,6 +205,10 @@ private:
     std::vector<ReadTable> tables_;
     std::string text_;
     size_t constants_ = 0;
+    std::map<uint32_t, const ModelConstant*> constantAt_;  // the first one at an offset
+    std::map<uint32_t, size_t> tableOf_;                   // the first one of a segment that has layers
+    Writers anywhere_;
+    Writers inTable_;  // of the layers before the one in hand
 };
 
 }  // namespace

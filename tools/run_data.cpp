@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "modelkit/file_io.h"
+#include "opkit/records.h"
 #include "tools/command.h"
 
 namespace opkit::tools {
@@ -89,6 +90,11 @@ NpyArray LoadItems(const NamedFile& file, const TensorSpec& tensor, const char* 
     if (*items == 0) {
         throw ToolError(fmt::format("{}: field shape is {}, {} \"{}\" takes {} or a batch of it", file.file.string(),
                                     ShapeText(array.shape), side, tensor.name, ShapeText(tensor.shape)));
+    }
+    // Without elements a file of no length could claim any number.
+    if (array.values.empty() && *items > OPKIT_MAX_BATCH) {
+        throw ToolError(fmt::format("{}: field shape is {}, {} without elements, of which one request takes up to 256",
+                                    file.file.string(), ShapeText(array.shape), ItemsText(*items)));
     }
     return array;
 }

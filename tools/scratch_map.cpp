@@ -84,6 +84,10 @@ private:
                 const uint64_t end = std::min(uses[i].end, uses[j].end);
                 if (uses[j].begin < end && uses[i].firstLayer <= uses[j].lastLayer &&
                     uses[j].firstLayer <= uses[i].lastLayer) {
+                    if (map->overlaps.size() == kMostOverlaps) {
+                        map->moreOverlaps = true;
+                        return;
+                    }
                     const bool inPlace = uses[i].begin == uses[j].begin && uses[i].end == uses[j].end &&
                                          uses[i].lastLayer == uses[j].firstLayer;
                     map->overlaps.push_back({i, j, uses[j].begin, end, inPlace});

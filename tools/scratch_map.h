@@ -29,9 +29,13 @@ struct ScratchOverlap {
     bool inPlace = false;
 };
 
+// Overlaps that a map lists; uses in their thousands that all lie over one another have millions.
+inline constexpr size_t kMostOverlaps = 1000;
+
 struct ScratchMap {
     std::vector<ScratchUse> uses;  // by begin, then by layer
     std::vector<ScratchOverlap> overlaps;
+    bool moreOverlaps = false;
     uint64_t peakBytes = 0;  // most bytes in use at one layer; shared ones count once
     uint32_t peakLayer = 0;
     uint64_t reach = 0;  // end of the highest use
