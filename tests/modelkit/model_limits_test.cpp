@@ -2,13 +2,14 @@
 
 #include <gmock/gmock.h>
 
-#include <cstring>
+#include <algorithm>
 #include <ctime>
 
 #include "modelkit/check.h"
 #include "modelkit/model_builder.h"
 #include "modelkit/model_file.h"
 #include "modelkit/model_reader.h"
+#include "modelkit/model_text.h"
 #include "opkit/opkit.h"
 
 namespace {
@@ -83,6 +84,74 @@ TEST(ModelLimits, WritesUnderALongName)
     EXPECT_LT((clock() - begin) / CLOCKS_PER_SEC, 10);
     EXPECT_EQ(report.refusals.size(), 50u * 128u);
     EXPECT_THAT(report.refusals[0].Text(), HasSubstr("the operator writes here, over a name"));
+}
+
+// Half of the constants share a name with one elsewhere, so that their names do not lead to them.
+TEST(ModelLimits, ManyConstantsAndManyReferences)
+{
+    constexpr uint32_t kConstants = 4000;
+    ModelBuilder builder;
+    const TensorRef y = builder.AddOutput({"y", {1}});
+    builder.AddInput({"x", {1}});
+    const ConstantRef one = builder.AddConstant("one", {1}, {1});
+    for (int i = 0; i < 128; ++i) {
+        LayerBuilder& layer = builder.AddLayer("ConcatOpkitForward").Output(y);
+        for (int k = 0; k < 80; ++k) {
+            layer.Offline(one);
+        }
+    }
+    Model model = builder.Build();
+    model.constants.clear();
+    for (uint32_t i = 0; i < kConstants; ++i) {
+        model.constants.push_back({"n" + std::to_string(i % (kConstants / 2)), i < kConstants / 2 ? 4U : 0U, {1}});
+    }
+    const clock_t begin = clock();
+    const std::string text = DisassembleModel(model, ManifestText(model));
+    EXPECT_LT((clock() - begin) / CLOCKS_PER_SEC, 10);
+    EXPECT_TRUE(std::ranges::equal(AssembleModel("m.txt", text).model.bytes.Span(), model.bytes.Span()));
+}
+
+// Constants that each hold the whole buffer.
+TEST(ModelLimits, ConstantsOverOneAnother)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {1}});
+    const TensorRef y = builder.AddOutput({"y", {1}});
+    builder.AddConstant("c", {1U << 18}, std::vector<float>(1 << 18));
+    builder.AddLayer("NegOpkitForward").Online(x).Output(y);
+    Model model = builder.Build();
+    model.constants.resize(8, model.constants[0]);
+    EXPECT_EQ(Parsed(model).constants.size(), 8u);
+    model.constants.resize(2000, model.constants[0]);
+    try {
+        Parsed(model);
+        ADD_FAILURE() << "read without complaint";
+    } catch (const ModelFileError& error) {
+        EXPECT_THAT(error.what(), HasSubstr("constants[8].shape: the constants up to here hold 9437184 bytes"));
+    }
+}
+
+// References of one layer to a megabyte each, 4 bytes apart.
+TEST(ModelLimits, ReferencesOverOneAnother)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {1}});
+    const TensorRef y = builder.AddOutput({"y", {1}});
+    const ConstantRef c = builder.AddConstant("c", {1U << 18}, std::vector<float>(1 << 18, 1.5f));
+    LayerBuilder& layer = builder.AddLayer("ConcatOpkitForward").Online(x).Output(y);
+    for (int k = 0; k < 79; ++k) {
+        layer.Offline(c);
+    }
+    Model model = builder.Build();
+    model.constants.clear();
+    LayerAttrHead& head = model.bytes.At<LayerAttrHead>(ReadLayerTable(model).layers[0].attrOffset);
+    for (uint32_t j = 0; j < 79; ++j) {
+        head.offlineOffset[j] = static_cast<int32_t>(j * 4);
+        head.offlineShape[j].dims[0] -= j;
+    }
+    const std::string text = DisassembleModel(model, ManifestText(model));
+    EXPECT_LT(text.size(), 20u << 20);
+    EXPECT_TRUE(std::ranges::equal(AssembleModel("m.txt", text).model.bytes.Span(), model.bytes.Span()));
 }
 
 }  // namespace

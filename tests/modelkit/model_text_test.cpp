@@ -351,7 +351,13 @@ TEST_F(ModelTextErrors, NameTheField)
     Expect("opkit-model-text", "opkit-model", "field format is not \"opkit-model-text\"");
     Expect("\"formatVersion\": 1", "\"formatVersion\": 7", "field formatVersion is 7, this program reads 1");
     Expect("{", "{,", "no JSON at byte");
+    Expect("\"maxBatch\": 1", "\"maxBatch\" 1", "no JSON at byte 91, line 5, column 14");
     Expect("\"maxBatch\": 1", "\"maxBatch\": 1e999", "a number does not fit");
+    Expect("\"maxBatch\": 1", "\"maxBatch\": 1e999", ", line 5, column ");
+    Expect("\"maxBatch\": 1", "\"maxBatch\": 1, \"maxBatch\": 2",
+           "field \"maxBatch\" stands twice in one object, the second time before line 5, column 28");
+    Expect("\"name\": \"x\", \"shape\": [2, 3]", "\"shape\": [2, 3], \"name\": \"x\", \"name\": \"z\"",
+           "field \"name\" stands twice");
     Expect("\"maxBatch\": 1", "\"maxBatch\": -1", "field maxBatch is not a 32-bit unsigned number");
     Expect("\"data\": [0.1,", "\"data\": [", "field constants[0].data has 2 elements, the shape [3] has 3");
     Expect("[0.1,", "[\"0.1\",", "field constants[0].data[0] is neither");
@@ -364,7 +370,14 @@ TEST_F(ModelTextErrors, NameTheField)
     Expect("{\"constant\": \"c\"}", "{\"constant\": \"d\"}",
            "field tables[0].layers[0].offline[0].constant: there is no constant \"d\"");
     Expect("\"mathType\"", "\"mathtype\"", "field tables[0].layers[0].attributes.mathtype is no attribute");
+    Expect("\"mathType\"", "\"mathtype\"",
+           "no attribute of the layer's operator, which has inputStrides, outputStrides, mathType");
+    Expect("BinaryMathOpkitForward", "BinaryMathsOpkitForward",
+           "field tables[0].layers[0].operator: the library has no operator \"BinaryMathsOpkitForward\"");
     Expect("OPKIT_BINARY_MUL", "OPKIT_BINARY_POW", "attributes.mathType has no code \"OPKIT_BINARY_POW\"");
+    Expect("OPKIT_BINARY_MUL", "OPKIT_BINARY_POW",
+           "it takes OPKIT_BINARY_ADD, OPKIT_BINARY_SUB, OPKIT_BINARY_MUL, OPKIT_BINARY_DIV");
+    Expect("\"Twice\"", "\"\\u001b[31m\\u009b\", \"\\u001b[2J\": 1", "attributes.?[2J is no attribute");
     Expect("\"OPKIT_BINARY_MUL\"", "-1", "attributes.mathType is no whole number of its range");
     Expect("\"OPKIT_BINARY_MUL\"", "1.5", "attributes.mathType is no whole number of its range");
     Expect("00ab", "00a", "attributes.params.fixed is not made of");
@@ -380,6 +393,49 @@ TEST_F(ModelTextErrors, NameTheField)
     Expect("\"scratchSize\"", "\"raw\": [{\"offset\": 1, \"hex\": \"zz\"}], \"scratchSize\"",
            "field raw[0].hex is not");
     Expect("\"scratchSize\"", "\"raw\": [{\"hex\": \"00\"}], \"scratchSize\"", "field raw[0].offset is missing");
+}
+
+TEST(ModelTextMissing, AllMissingFieldsAreNamedAtOnce)
+{
+    const auto error = [](const std::string& text) {
+        try {
+            AssembleModel("text.json", text);
+        } catch (const FileError& refusal) {
+            return std::string(refusal.what());
+        }
+        return std::string();
+    };
+    const std::string head = R"({"format": "opkit-model-text", "formatVersion": 1)";
+    EXPECT_EQ(error(head + "}"),
+              "text.json: field scratchSize is missing, and so are maxBatch, inputs, outputs, constants, tables");
+    EXPECT_EQ(
+        error(head + R"(, "scratchSize": 0, "inputs": [{}], "outputs": [], "constants": [{"name": "c",
+                             "shape": [1]}], "tables": [{"segmentId": 0, "name": "", "layers":
+                             [{"operator": "NegOpkitForward", "layerId": 0, "inputs": [{"memKind": 0, "size": 4,
+                             "strideIndex": 0, "shape": [1]}], "outputs": []}]}]})"),
+        "text.json: field maxBatch is missing, and so are inputs[0].name, inputs[0].shape, inputs[0].strideBytes, "
+        "constants[0].data, tables[0].layers[0].flags, tables[0].layers[0].inputs[0].memIndex");
+    EXPECT_EQ(error(head + R"(, "scratchSize": 0, "maxBatch": 1, "inputs": [], "constants": [], "tables": []})"),
+              "text.json: field outputs is missing");
+}
+
+// The largest floats, whose shortest digits lie beyond them.
+TEST(ModelText, RoundTripOfTheLargestFloats)
+{
+    constexpr float kLargest = std::numeric_limits<float>::max();
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {2}});
+    const TensorRef y = builder.AddOutput({"y", {2}});
+    CeluAttr attr = {};
+    attr.alpha = -kLargest;
+    builder.AddLayer("CeluOpkitForward").Offline({2}, {kLargest, -kLargest}).Online(x).Output(y).Attr(attr);
+    const Model model = builder.Build();
+    ExpectRoundTrip(model);
+    std::string text = DisassembleModel(model, ManifestText(model));
+    const std::string digits = FloatToJson(kLargest).dump();
+    ASSERT_NE(text.find(digits), std::string::npos);
+    EXPECT_THROW(AssembleModel("text.json", text.replace(text.find(digits), digits.size(), "3.4028236e+38")),
+                 FileError);
 }
 
 TEST(FloatText, ComesBackBitForBit)

@@ -119,6 +119,75 @@ TEST_F(InspectTest, ShowsAnUnknownOperatorAndScratchBeyondTheEnd)
     EXPECT_THAT(out, HasSubstr("16 of 8 bytes reached, which is TOO MANY\n"));
 }
 
+// What a file says does not command the terminal.
+TEST_F(InspectTest, NamesWithControlCharacters)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x\x1b[31m", {1}});
+    const TensorRef y =
+        builder.AddOutput({"y\xc2\x9b"
+                           "2J\xc3\xa4",
+                           {1}});
+    builder.BeginTable(0, "main\x07\x7f");
+    builder.AddLayer("AddOpkitForward").Online(x).Offline(builder.AddConstant("c\r", {1}, {2})).Output(y);
+    SaveModel(builder.Build(), At("odd"));
+    const std::string out = Good("inspect odd");
+    EXPECT_THAT(out, HasSubstr("  0  x?[31m "));
+    EXPECT_THAT(out, HasSubstr("  0  y?2J\xc3\xa4 "));
+    EXPECT_THAT(out, HasSubstr("segment 0 (main?\?): "));
+    EXPECT_THAT(out, HasSubstr("constant c?"));
+    for (const std::string& text : {out, Good("inspect odd --dot"), Good("inspect odd --json")}) {
+        EXPECT_EQ(text.find_first_of("\x1b\r\x07"), std::string::npos);
+    }
+}
+
+// Tensors that all lie over one another: as many pairs as tensors squared.
+TEST_F(InspectTest, ListsAThousandOverlaps)
+{
+    ModelBuilder builder;
+    const TensorRef y = builder.AddOutput({"y", {1}});
+    builder.AddInput({"x", {1}});
+    const TensorRef t = builder.AddScratch({"t", {1000}});
+    for (int i = 0; i < 60; ++i) {
+        LayerBuilder& layer = builder.AddLayer("ConcatOpkitForward").Attr(ConcatAttr{}).Online(t);
+        for (int output = 0; output < 30; ++output) {
+            layer.Output(t);
+        }
+    }
+    builder.AddLayer("NegOpkitForward").Online(t).Output(y);
+    SaveModel(builder.Build(), At("many"));
+    const std::string out = Good("inspect many");
+    EXPECT_THAT(out, testing::EndsWith("  and more share bytes; 1000 are shown\n"));
+    const json scratch = json::parse(Good("inspect many --json")).at("tables").at(0).at("scratch");
+    EXPECT_EQ(scratch.at("overlaps").size(), 1000u);
+    EXPECT_EQ(scratch.at("moreOverlaps"), true);
+    EXPECT_FALSE(json::parse(Good("inspect net --json")).at("tables").at(0).at("scratch").contains("moreOverlaps"));
+}
+
+// Parts of what one layer wrote, and of what others wrote over it; and what only a later layer writes.
+TEST_F(InspectTest, EdgesComeFromTheLatestWriterOfTheBytes)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {1}});
+    const TensorRef y = builder.AddOutput({"y", {1}});
+    const auto scratch = [&](uint32_t elements, uint32_t offset) {
+        return builder.AddScratch({"t", {elements}}, false, offset);
+    };
+    builder.AddLayer("NegOpkitForward").Online(x).Output(scratch(16, 0));
+    builder.AddLayer("NegOpkitForward").Online(x).Output(scratch(4, 16));
+    builder.AddLayer("ConcatOpkitForward")
+        .Online(scratch(1, 12))
+        .Online(scratch(1, 16))
+        .Online(scratch(1, 32))
+        .Online(scratch(1, 64))
+        .Output(y);
+    builder.AddLayer("NegOpkitForward").Online(x).Output(scratch(1, 64));
+    SaveModel(builder.Build(), At("parts"));
+    const std::string dot = Good("inspect parts --dot");
+    const std::string label = " -> t0l2 [label=\"[1]\"];\n  ";
+    EXPECT_THAT(dot, HasSubstr("t0l0" + label + "t0l1" + label + "t0l0" + label + "t0l3" + label));
+}
+
 TEST_F(InspectTest, AssemblesWhatItDisassembled)
 {
     Good("disassemble net --output net.txt.json");

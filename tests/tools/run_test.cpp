@@ -414,6 +414,23 @@ TEST_F(RunTest, NamesWhatIsWrongWithNamesAndModels)
     Bad("run two -i a=a.npy -i b=b.npy", {"b.npy: field shape is [3], 1 batch item, but input \"a\" has 2"});
 }
 
+// Without elements a file of no length may claim any number of batch items.
+TEST_F(RunTest, CountsItemsWithoutElementsUpToOneRequest)
+{
+    ModelBuilder builder;
+    builder.AddInput({"z", {0}, 4});
+    const TensorRef y = builder.AddOutput({"y", {4}, 16});
+    builder.AddLayer("NegOpkitForward").Offline({4}, {1, 2, 3, 4}).Output(y);
+    SaveModel(builder.Build(), At("zero"));
+    WriteNpy("z.npy", "(4294967295, 0)", {});
+    Bad("run zero -i z=z.npy", {"z.npy: field shape is [4294967295, 0], 4294967295 batch items without elements"});
+    WriteNpy("z.npy", "(257, 0)", {});
+    Bad("run zero -i z=z.npy", {"z.npy: field shape is [257, 0], 257 batch items without elements"});
+    WriteNpy("z.npy", "(3, 0)", {});
+    Good("run zero -i z=z.npy -o y=y.npy");
+    EXPECT_THAT(ReadNpy("y.npy").values, ElementsAre(-1, -2, -3, -4, -1, -2, -3, -4, -1, -2, -3, -4));
+}
+
 TEST_F(RunTest, ReportsAFailedRequest)
 {
     ModelBuilder builder;
