@@ -49,7 +49,7 @@ struct CheckPlace {
 
 struct CheckRefusal {
     CheckPlace place;
-    std::string field;        // such as "attrSize", "inputs[2].stride" or the name of an attribute
+    std::string field;        // such as "attrSize", "inputs[2].memIndex" or the name of an attribute
     uint64_t byteOffset = 0;  // of the field, from the start of the model buffer
     int64_t value = 0;        // what the field holds, or what it leads to
     int64_t limit = 0;        // the nearest value that would do

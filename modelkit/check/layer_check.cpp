@@ -308,7 +308,9 @@ void LayerCheck::CheckSharing() const
             if (!written || !a.memory.Overlaps(b.memory, model_.request.batch) || AliasAllowed(a, b)) {
                 continue;
             }
-            Refuse(b.placeField, Shown(b.memory.begin), Shown(a.memory.begin + a.memory.size),
+            const bool inRequest = b.memory.block == Memory::Block::kInput || b.memory.block == Memory::Block::kOutput;
+            Refuse(b.placeField, Shown(inRequest ? b.memory.index : b.memory.begin),
+                   Shown(inRequest ? uint64_t{b.memory.index} + 1 : a.memory.begin + a.memory.size),
                    b.name + " overlaps " + a.name + ", and one of the two is written");
         }
     }

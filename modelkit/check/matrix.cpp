@@ -28,7 +28,7 @@ uint64_t KernelPlaces(LayerCheck& layer, const Field& kernelField, const Field& 
 {
     layer.AtLeast(kernelField, kernel, 1, "the kernel is empty");
     layer.AtMost(kernelField, kernel, INT32_MAX, "the kernel is beyond 31 bits");
-    layer.AtLeast(strideField, stride, 1, "a stride of 0 is a zero divisor");
+    layer.AtLeast(strideField, stride, 1, "with a stride of 0 no columns are written");
     layer.AtMost(strideField, stride, INT32_MAX, "the stride is beyond 31 bits");
     const uint64_t extent = Add(Mul(kernel - 1, dilation), 1);
     layer.AtMost(kernelField, extent, std::min<uint64_t>(padded, INT32_MAX), "the kernel exceeds the padded image");

@@ -60,13 +60,15 @@ public:
             return Field{tensor.name + name, read.recordOffset + offset};
         };
         tensor.placeField = field(".memIndex", offsetof(TensorRecord, memIndex));
-        tensor.strideField = field(".strideIndex", offsetof(TensorRecord, strideIndex));
-        if (read.record.memKind <= OPKIT_MEM_REQUEST_1) {
-            // Size and stride are the request's: what the record can do about them is to name another tensor.
-            tensor.sizeField = tensor.placeField;
-            PlaceInRequest(read.record, &tensor);
+        const bool inRequest = read.record.memKind <= OPKIT_MEM_REQUEST_1;
+        // Size and stride are the request's: what the record can do about them is to name another tensor.
+        tensor.sizeField = inRequest ? field(".size of the request tensor", offsetof(TensorRecord, memIndex))
+                                     : field(".size", offsetof(TensorRecord, size));
+        tensor.strideField =
+            field(inRequest ? ".stride of the request tensor" : ".strideIndex", offsetof(TensorRecord, strideIndex));
+        if (inRequest) {
+            PlaceInRequest(read.record, field(".strideIndex", offsetof(TensorRecord, strideIndex)), &tensor);
         } else {
-            tensor.sizeField = field(".size", offsetof(TensorRecord, size));
             PlaceInScratch(read.record, &tensor);
         }
         return tensor;
@@ -78,7 +80,7 @@ private:
         model_.Refuse(place_, field, static_cast<int64_t>(value), static_cast<int64_t>(limit), std::move(reason));
     }
 
-    void PlaceInRequest(const TensorRecord& record, Tensor* tensor) const
+    void PlaceInRequest(const TensorRecord& record, const Field& strideIndex, Tensor* tensor) const
     {
         const CheckRequest& request = model_.request;
         const std::vector<CheckTensor>& tensors = output_ ? request.outputs : request.inputs;
@@ -86,7 +88,7 @@ private:
             Refuse(tensor->placeField, record.memIndex, tensors.size() - 1, "the request has no such tensor");
         }
         if (record.strideIndex >= tensors.size()) {
-            Refuse(tensor->strideField, record.strideIndex, tensors.size() - 1, "the request has no such tensor");
+            Refuse(strideIndex, record.strideIndex, tensors.size() - 1, "the request has no such tensor");
         }
         const uint64_t slice = tensors[record.memIndex].size / request.batch;
         tensor->stride = tensors[record.strideIndex].stride;

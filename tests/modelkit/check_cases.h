@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "modelkit/check.h"
 #include "opkit/opkit.h"
 #include "tests/support/broadcast_shapes.h"
 #include "tests/support/layer_case.h"
@@ -20,6 +21,21 @@ struct CheckCase {
 
 // One entry per row of the operator table.
 std::span<const CheckCase> CheckCases();
+
+// What the check has to know about a request.
+inline modelkit::CheckRequest RequestOf(const ForwardParam& param)
+{
+    modelkit::CheckRequest request;
+    request.batch = param.inputs[0].batch;
+    request.scratchSize = param.opkitBufSize;
+    for (uint32_t i = 0; i < param.inputNum; ++i) {
+        request.inputs.push_back({param.inputs[i].size, param.inputs[i].stride});
+    }
+    for (uint32_t i = 0; i < param.outputNum; ++i) {
+        request.outputs.push_back({param.outputs[i].size, param.outputs[i].stride});
+    }
+    return request;
+}
 
 // Builds one layer; inputs are online or constants, in the request or in scratch, padded or not.
 class CaseMaker {

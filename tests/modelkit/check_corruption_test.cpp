@@ -159,20 +159,6 @@ private:
     std::vector<TensorInfo> infos_;
 };
 
-CheckRequest RequestOf(const ForwardParam& param)
-{
-    CheckRequest request;
-    request.batch = param.inputs[0].batch;
-    request.scratchSize = param.opkitBufSize;
-    for (uint32_t i = 0; i < param.inputNum; ++i) {
-        request.inputs.push_back({param.inputs[i].size, param.inputs[i].stride});
-    }
-    for (uint32_t i = 0; i < param.outputNum; ++i) {
-        request.outputs.push_back({param.outputs[i].size, param.outputs[i].stride});
-    }
-    return request;
-}
-
 std::string TextOf(const CheckReport& report)
 {
     std::string text;

@@ -20,20 +20,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-CheckRequest RequestOf(const ForwardParam& param)
-{
-    CheckRequest request;
-    request.batch = param.inputs[0].batch;
-    request.scratchSize = param.opkitBufSize;
-    for (uint32_t i = 0; i < param.inputNum; ++i) {
-        request.inputs.push_back({param.inputs[i].size, param.inputs[i].stride});
-    }
-    for (uint32_t i = 0; i < param.outputNum; ++i) {
-        request.outputs.push_back({param.outputs[i].size, param.outputs[i].stride});
-    }
-    return request;
-}
-
 CheckReport Check(const LayerCase& layer)
 {
     World world(layer);
@@ -176,7 +162,7 @@ TEST(Check, TensorRecord)
         {Changed(Neg(), [](World& w) { Dim(w, false, 0, 0) = 0xffffffff; }),
          "inputs[0].shape at byte # is 12884901885, limit 2147483647: elements beyond 31 bits"},
         {Changed(Neg(), [](World& w) { Dim(w, false, 0, 0) = 3; }),
-         "inputs[0].memIndex at byte # is 32, limit 48: the rows of the shape and stride do not fit"},
+         "inputs[0].size of the request tensor at byte # is 32, limit 48: the rows of the shape and stride do not fit"},
         {Changed(scratch, [](World& w) { Record(w, false, 0).size = 28; }),
          "inputs[0].size at byte # is 28, limit 32: the rows of the shape and stride do not fit"},
         {Changed(scratch, [](World& w) { Record(w, false, 0).strideIndex = 3; }),
@@ -308,6 +294,18 @@ TEST(Check, SharedMemory)
                 ElementsAre("segment 0, layer 0 (NonZeroOpkitForward): outputs[0].memIndex at byte # is 64, limit 96: "
                             "outputs[0] overlaps inputs[0], and one of the two is written"));
 
+    // Of request tensors the index counts, not bytes.
+    ModelBuilder twice;
+    const TensorRef x = twice.AddInput({"x", {4}});
+    const TensorRef y = twice.AddOutput({"y", {2}});
+    TopKAttr topK = {};
+    topK.k = 2;
+    topK.hasValues = topK.hasIndices = 1;
+    twice.AddLayer("TopKOpkitForward").Online(x).Output(y).Output(y).Attr(topK).Workspace(256);
+    EXPECT_THAT(TextsOf(CheckModel(twice.Build(), 1)),
+                ElementsAre("segment 0, layer 0 (TopKOpkitForward): outputs[1].memIndex at byte # is 0, limit 1: "
+                            "outputs[1] overlaps outputs[0], and one of the two is written"));
+
     // The batched tensor's second item falls on the shared one.
     ModelBuilder batches(2);
     batches.AddInput({"x", {4}});
@@ -369,7 +367,8 @@ TEST(Check, Elementwise)
         {Op("Neg").Online({4}, {}).Output({3}),
          "outputs[0].shape at byte # is 3, limit 4: the output has fewer elements than the input"},
         {Op("Selu").Online({2, 5}, {}).Output({2, 5}, 16),
-         "outputs[0].strideIndex at byte # is 16, limit 20: rows as far apart as the stride would overlap"},
+         "outputs[0].stride of the request tensor at byte # is 16, limit 20: rows as far apart as the stride would "
+         "overlap"},
         {With<BinaryMathAttr>(binary("BinaryMath"), [](auto& a) { a.mathType = 5; }),
          "mathType at byte # is 5, limit 4: the operator fails on this code"},
         {With<WhereAttr>(binary("Where"), [](auto& a) { a.inputCount = 2; }),
@@ -383,7 +382,8 @@ TEST(Check, Elementwise)
         {Op("ThresholdedRelu").Online({2, 3}, {}).Output({3, 3}),
          "outputs[0].shape[0] at byte # is 3, limit 2: input and output differ in shape"},
         {Op("ThresholdedRelu").Online({2, 5}, {}, 16).Output({2, 5}),
-         "inputs[0].strideIndex at byte # is 16, limit 20: rows as far apart as the stride would overlap"},
+         "inputs[0].stride of the request tensor at byte # is 16, limit 20: rows as far apart as the stride would "
+         "overlap"},
         {Op("Round").Online({3}, {}).Output({4}),
          "inputs[0].shape at byte # is 3, limit 4: the output has more elements than the input"},
         {With<ModAttr>(binary("Mod"), [](auto& a) { a.fmod = 0; }),
@@ -480,7 +480,8 @@ TEST(Check, Matrices)
         {conv([](auto& a) { a.kernelW = 0; }), "kernelW at byte # is 0, limit 1: the kernel is empty"},
         {conv([](auto& a) { a.kernelW = 0x80000000; }),
          "kernelW at byte # is 2147483648, limit 2147483647: the kernel is beyond 31 bits"},
-        {conv([](auto& a) { a.strideH = 0; }), "strideH at byte # is 0, limit 1: a stride of 0 is a zero divisor"},
+        {conv([](auto& a) { a.strideH = 0; }),
+         "strideH at byte # is 0, limit 1: with a stride of 0 no columns are written"},
         {conv([](auto& a) { a.strideH = 0x80000000; }),
          "strideH at byte # is 2147483648, limit 2147483647: the stride is beyond 31 bits"},
         {conv([](auto& a) { a.dilationH = 3; }),
@@ -589,7 +590,8 @@ TEST(Check, Selection)
          "axis at byte # is 1, limit 0: not an axis of the tensor"},
         {With<UniqueAttr>(Op("Unique").Online({6}, {}).Output({6}).Output({6}).Output({5}).Output({6}),
                           [](auto& a) { a.axis = OPKIT_UNIQUE_FLAT; }),
-         "outputs[2].memIndex at byte # is 20, limit 24: the mapping has an element for each position"},
+         "outputs[2].size of the request tensor at byte # is 20, limit 24: the mapping has an element for each "
+         "position"},
     });
     LayerCase noK = Op("TopK").Online({2, 5}, {}).Output({2, 3}).Workspace(40);
     noK.Attr<TopKAttr>().k = OPKIT_TOPK_K_FROM_INPUT;
@@ -651,7 +653,7 @@ TEST(Check, Movement)
         {reshape(0x80000000, 2, {6}),
          "reshapeDims[1] at byte # is 2147483648, limit 2147483647: a width beyond 31 bits"},
         {reshape(6, 2, {5}),
-         "outputs[0].memIndex at byte # is 20, limit 24: the input's elements do not fit the output"},
+         "outputs[0].size of the request tensor at byte # is 20, limit 24: the input's elements do not fit the output"},
         {permute([](auto& a) { a.permDimCount = 3; }), "permDimCount at byte # is 3, limit 2: not the input's rank"},
         {permute([](auto& a) { a.permOutDimCount = 1; }),
          "permOutDimCount at byte # is 1, limit 2: not the input's rank"},
@@ -661,11 +663,12 @@ TEST(Check, Movement)
          "bufSize at byte # is 12, limit 16: the work space holds two pitches per dimension"},
         {blocks(0, {1, 1, 4, 6}), "blockSize at byte # is 0, limit 1: a block size of 0 is a zero divisor"},
         {blocks(65536, {1, 1, 4, 6}), "blockSize at byte # is 65536, limit 65535: its square is beyond 32 bits"},
-        {blocks(2, {1, 1, 4, 5}), "outputs[0].memIndex at byte # is 80, limit 160: the blocks do not fit the output"},
+        {blocks(2, {1, 1, 4, 5}),
+         "outputs[0].size of the request tensor at byte # is 80, limit 160: the blocks do not fit the output"},
         {Op("Eyelike").Online({6}, {}).Output({6}),
          "inputs[0].shape at byte # is 1, limit 2: the operator takes a matrix"},
         {Op("Eyelike").Online({2, 3}, {}).Output({5}),
-         "outputs[0].memIndex at byte # is 20, limit 24: the input's elements do not fit the output"},
+         "outputs[0].size of the request tensor at byte # is 20, limit 24: the input's elements do not fit the output"},
         {oneHot({1}, {2}, 1), "inputs[0].shape at byte # is 1, limit 2: fewer indices than the output takes"},
         {oneHot({2}, {1}, 1), "inputs[1].shape at byte # is 1, limit 2: an off-value and an on-value"},
         {oneHot({2}, {2}, 2), "oneHotAxis at byte # is 2, limit 1: not an axis of the tensor"},
@@ -693,19 +696,22 @@ TEST(Check, GatherAndScatter)
     const std::string dimText = std::string("inputs[2].shape[1] at byte # is 2, limit 3: ") + kUpdates;
     ExpectTexts({
         {gather(2, {2, 3}), "gatherAxis at byte # is 2, limit 1: not an axis of the tensor"},
-        {gather(0, {5}), "outputs[0].memIndex at byte # is 20, limit 32: the slices do not fit the output"},
-        {gather(1, {7}), "outputs[0].memIndex at byte # is 28, limit 92: the slices do not fit the output"},
+        {gather(0, {5}),
+         "outputs[0].size of the request tensor at byte # is 20, limit 32: the slices do not fit the output"},
+        {gather(1, {7}),
+         "outputs[0].size of the request tensor at byte # is 28, limit 92: the slices do not fit the output"},
         {With<GatherElementsAttr>(Op("GatherElements").Online({4, 3}, {}).Online({2, 3}, {}).Output({5}), [](auto&) {}),
          "outputs[0].shape at byte # is 5, limit 6: the output has fewer elements than there are indices"},
         {gatherND(-1, {2, 1}, {2, 3}), "gatherAxis at byte # is -1, limit 0: not an axis of the tensor"},
         {gatherND(1, {2, 2}, {2}),
          "gatherAxis at byte # is 3, limit 2: batch dimensions and index tuples go beyond the data's rank"},
-        {gatherND(0, {2, 1}, {5}), "outputs[0].memIndex at byte # is 20, limit 24: the slices do not fit the output"},
+        {gatherND(0, {2, 1}, {5}),
+         "outputs[0].size of the request tensor at byte # is 20, limit 24: the slices do not fit the output"},
         {scatter({2, 3}, {6}, {4, 3}), "inputs[2].shape at byte # is 1, limit 2: the updates have the data's rank"},
         {scatter({2, 3}, {2, 4}, {4, 3}), "inputs[2].shape[1] at byte # is 4, limit 3: updates reach beyond the data"},
         {scatter({2, 3}, {1, 3}, {4, 3}), "inputs[2].shape at byte # is 3, limit 6: fewer updates than indices"},
         {scatter({2, 3}, {2, 3}, {3, 3}),
-         "outputs[0].memIndex at byte # is 36, limit 48: the data does not fit the output"},
+         "outputs[0].size of the request tensor at byte # is 36, limit 48: the data does not fit the output"},
         {scatter({2, 3}, {2, 3}, {4, 3}).Workspace(36),
          "bufSize at byte # is 36, limit 40: the work space holds the indices and two words per dimension"},
         {scatterND({2, 3}, {2}, {4, 3}),
@@ -713,7 +719,7 @@ TEST(Check, GatherAndScatter)
         {scatterND({2, 1}, {6}, {4, 3}), rankText.c_str()},
         {scatterND({2, 1}, {2, 2}, {4, 3}), dimText.c_str()},
         {scatterND({2, 1}, {2, 3}, {3, 3}),
-         "outputs[0].memIndex at byte # is 36, limit 48: the data does not fit the output"},
+         "outputs[0].size of the request tensor at byte # is 36, limit 48: the data does not fit the output"},
         {scatterND({2, 1}, {2, 3}, {4, 3}).Workspace(12),
          "bufSize at byte # is 12, limit 16: the work space holds an offset per tuple and the pitches"},
     });
@@ -761,7 +767,7 @@ TEST(Check, PadAndResize)
         {pad({2, 3}, [](auto& a) { a.padsAttr[3] = -4; }),
          "padsAttr[3] at byte # is -1, limit 1: nothing is left of the axis"},
         {pad({2, 3}, [](auto& a) { a.padsAttr[0] = 1; }),
-         "outputs[0].memIndex at byte # is 24, limit 36: the padded tensor does not fit the output"},
+         "outputs[0].size of the request tensor at byte # is 24, limit 36: the padded tensor does not fit the output"},
         {resize({1, 1, 3}, {1, 1, 3}, keep),
          "inputs[0].shape at byte # is 3, limit 4: the operator takes four dimensions"},
         {resize({1, 1, 2, 3}, {1, 1, 6}, keep),
@@ -775,7 +781,7 @@ TEST(Check, PadAndResize)
                     a.hasRoi = 1;
                     a.roiCount = 11;
                 }),
-         "inputs[1].memIndex at byte # is 28, limit 32: the region has a start and an end per axis"},
+         "inputs[1].size of the request tensor at byte # is 28, limit 32: the region has a start and an end per axis"},
         {resize({1, 2, 2, 3}, {1, 1, 4, 6}, [](auto& a) { a.resizeMode = OPKIT_RESIZE_LINEAR; }),
          "outputs[0].shape at byte # is 1, limit 2: the output has fewer planes than the input"},
     });
@@ -785,7 +791,7 @@ TEST(Check, PadAndResize)
         {{large, "inputs[0].shape[3] at byte # is 16777217, limit 16777216: positions beyond 24 bits round outside"}});
     LayerCase few = Op("Resize").Online({1, 1, 2, 3}, {}).Online({3}, {}).Output({1, 1, 2, 3});
     few.Attr<ResizeAttr>().scales[0] = -1;
-    ExpectTexts({{few, "inputs[1].memIndex at byte # is 12, limit 16: one scale or size per axis"}});
+    ExpectTexts({{few, "inputs[1].size of the request tensor at byte # is 12, limit 16: one scale or size per axis"}});
     // Merged rows, of which the first read takes the row distance of the stride.
     LayerCase merged = Op("Pad").Online({3, 2, 4}, {}, 48).Output({2, 2, 4}).Workspace(400);
     PadAttr& attr = merged.Attr<PadAttr>();
@@ -796,7 +802,8 @@ TEST(Check, PadAndResize)
     attr.padsAttr[1] = -1;
     attr.padsAttr[4] = 1;
     ExpectTexts({
-        {merged, "outputs[0].memIndex at byte # is 64, limit 96: the padded tensor does not fit the output"},
+        {merged,
+         "outputs[0].size of the request tensor at byte # is 64, limit 96: the padded tensor does not fit the output"},
     });
     // Two rows of one merged axis, the first of them cut off: its offset is that of a padded row.
     LayerCase cut = Op("Pad").Online({2, 1, 4}, {}, 64).Output({1, 1, 4}).Workspace(400);
@@ -807,7 +814,9 @@ TEST(Check, PadAndResize)
     EXPECT_THAT(TextsOf(Check(cut)), IsEmpty());
     cut.Tamper([](World& w) { Dim(w, false, 0, 0) = 3; }).Tamper([](World& w) { Dim(w, true, 0, 0) = 1; });
     cut.Attr<PadAttr>().padsAttr[3] = -1;
-    ExpectTexts({{cut, "inputs[0].memIndex at byte # is 128, limit 192: the rows of the shape and stride do not fit"}});
+    ExpectTexts({{cut,
+                  "inputs[0].size of the request tensor at byte # is 128, limit 192: the rows of the shape and stride "
+                  "do not fit"}});
 }
 
 TEST(Check, Detection)
@@ -844,13 +853,14 @@ TEST(Check, Detection)
         {decode({24}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 257; }),
          "classNum at byte # is 257, limit 256: the operator fails"},
         {decode({23}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
-         "inputs[0].memIndex at byte # is 92, limit 96: eight deltas per proposal"},
+         "inputs[0].size of the request tensor at byte # is 92, limit 96: eight deltas per proposal"},
         {decode({24}, {5}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
-         "inputs[1].memIndex at byte # is 20, limit 24: a score per proposal and class"},
+         "inputs[1].size of the request tensor at byte # is 20, limit 24: a score per proposal and class"},
         {decode({24}, {3}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 1; }),
-         "inputs[1].memIndex at byte # is 12, limit 16: a score per proposal and class"},
+         "inputs[1].size of the request tensor at byte # is 12, limit 16: a score per proposal and class"},
         {decode({24}, {6}, {4}, {1, 1, 4, 3}, {1, 1, 5, 3}, keep),
-         "outputs[0].memIndex at byte # is 60, limit 120: the boxes of all classes, of two at least, do not fit the "
+         "outputs[0].size of the request tensor at byte # is 60, limit 120: the boxes of all classes, of two at least, "
+         "do not fit the "
          "output"},
         {stage({2, 15}, {1, 2, 5, 3}, keep), "safe if the layers before leave at most 3 boxes in each list"},
         {stage({2, 15}, {1, 2, 5, 2}, keep), "safe if the layers before leave at most 2 boxes in each list"},
@@ -861,12 +871,12 @@ TEST(Check, Detection)
         {stage({2, 15}, {30}, keep),
          "outputs[0].shape at byte # is 1, limit 4: the fourth dimension is the row length"},
         {stage({2, 15}, {1, 2, 4, 3}, keep),
-         "outputs[0].memIndex at byte # is 96, limit 120: the lists' rows do not fit the output"},
+         "outputs[0].size of the request tensor at byte # is 96, limit 120: the lists' rows do not fit the output"},
         {stage({2, 15}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 0; }), "classNum at byte # is 0, limit 1: no class"},
         {stage({2, 15}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 257; }),
          "classNum at byte # is 257, limit 256: a thread keeps the counts of 256 lists"},
         {stage({2, 15}, {1, 2, 5, 6}, [](auto& a) { a.writeCount = 1; }).Output({1}),
-         "outputs[1].memIndex at byte # is 4, limit 8: a count per class"},
+         "outputs[1].size of the request tensor at byte # is 4, limit 8: a count per class"},
         {nms({1, 3, 4}, {1, 2, 3}, {5, 3}), "safe if at most 5 boxes are selected in all"},
         {nms({12}, {1, 2, 3}, {6, 3}), "inputs[0].shape at byte # is 1, limit 2: batches, boxes"},
         {nms({1, 3, 4}, {6}, {6, 3}), "inputs[1].shape at byte # is 1, limit 2: batches, classes"},
@@ -887,7 +897,9 @@ TEST(Check, Detection)
     // Padded shares are compacted for all proposals.
     LayerCase padded = decode({3, 8}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep);
     padded.Tamper([](World& w) { Dim(w, false, 0, 1) = 7; });
-    ExpectTexts({{padded, "inputs[0].memIndex at byte # is 96, limit 284: rows for all proposals do not fit"}});
+    ExpectTexts(
+        {{padded,
+          "inputs[0].size of the request tensor at byte # is 96, limit 284: rows for all proposals do not fit"}});
 }
 
 TEST(Check, ControlAndCustom)
