@@ -36,6 +36,15 @@ TensorSpec Resolved(TensorSpec tensorSpec)
     return tensorSpec;
 }
 
+TensorRef AddRequestTensor(TensorSpec tensorSpec, std::vector<TensorSpec>* side, bool isOutput)
+{
+    tensorSpec = Resolved(std::move(tensorSpec));
+    const uint32_t index = static_cast<uint32_t>(side->size());
+    const uint32_t size = PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes);
+    side->push_back(std::move(tensorSpec));
+    return {OPKIT_MEM_REQUEST, index, size, index, side->back().shape, isOutput};
+}
+
 }  // namespace
 
 TensorRef TensorRef::As(Shape newShape) const
@@ -129,22 +138,12 @@ LayerBuilder& LayerBuilder::LayerId(uint32_t id)
 
 TensorRef ModelBuilder::AddInput(TensorSpec tensorSpec)
 {
-    tensorSpec = Resolved(std::move(tensorSpec));
-    const uint32_t index = static_cast<uint32_t>(inputs_.size());
-    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes), index,
-                           tensorSpec.shape,  false};
-    inputs_.push_back(std::move(tensorSpec));
-    return ref;
+    return AddRequestTensor(std::move(tensorSpec), &inputs_, false);
 }
 
 TensorRef ModelBuilder::AddOutput(TensorSpec tensorSpec)
 {
-    tensorSpec = Resolved(std::move(tensorSpec));
-    const uint32_t index = static_cast<uint32_t>(outputs_.size());
-    const TensorRef ref = {OPKIT_MEM_REQUEST, index, PaddedBytes(tensorSpec.shape, tensorSpec.strideBytes), index,
-                           tensorSpec.shape,  true};
-    outputs_.push_back(std::move(tensorSpec));
-    return ref;
+    return AddRequestTensor(std::move(tensorSpec), &outputs_, true);
 }
 
 TensorRef ModelBuilder::AddScratch(TensorSpec tensorSpec, bool batched, std::optional<uint32_t> offset)
