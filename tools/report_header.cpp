@@ -2,7 +2,6 @@
 
 #include <fmt/core.h>
 
-#include "kernels/level.h"
 #include "modelkit/model_file.h"
 #include "modelkit/model_reader.h"
 #include "opkit/opkit.h"
@@ -20,11 +19,12 @@ constexpr const char* kCompiler = "gcc " __VERSION__;
 
 }  // namespace
 
-void PrintEnvironment()
+void PrintEnvironment(std::optional<Level> level)
 {
     const uint32_t version = OpkitGetVersion();
-    fmt::print("opkit   {}.{}.{} ({}), {}, processor level {}\n", version >> 16, version >> 8 & 0xff, version & 0xff,
-               OPKIT_GIT_VERSION, kCompiler, LevelName(DetectedLevel()));
+    fmt::print("opkit   {}.{}.{} ({}), {}, processor level {}{}\n", version >> 16, version >> 8 & 0xff, version & 0xff,
+               OPKIT_GIT_VERSION, kCompiler, LevelName(DetectedLevel()),
+               level ? fmt::format(", run at {}", LevelName(*level)) : "");
 }
 
 void PrintModelLine(const std::filesystem::path& path, const Model& model)

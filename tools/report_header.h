@@ -3,13 +3,16 @@
 #define OPKIT_TOOLS_REPORT_HEADER_H
 
 #include <filesystem>
+#include <optional>
 
+#include "kernels/level.h"
 #include "modelkit/model.h"
 #include "tools/run_data.h"
 
 namespace opkit::tools {
 
-void PrintEnvironment();
+// `level`: the one that was asked for.
+void PrintEnvironment(std::optional<Level> level = std::nullopt);
 void PrintModelLine(const std::filesystem::path& path, const modelkit::Model& model);
 void PrintTensorLines(const char* side, const std::vector<modelkit::TensorSpec>& specs, const RunData& data,
                       const std::vector<NamedFile>& files);

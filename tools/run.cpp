@@ -10,11 +10,14 @@
 #include "tools/comparison.h"
 #include "tools/dump_writer.h"
 #include "tools/layer_dump.h"
+#include "tools/level_library.h"
 #include "tools/npy.h"
 #include "tools/profile.h"
 #include "tools/progress.h"
 #include "tools/report_header.h"
 #include "tools/run_data.h"
+#include "tools/selftest.h"
+#include "tools/show.h"
 #include "tools/soundness.h"
 #include "tools/stream.h"
 #include "tools/throughput.h"
@@ -38,6 +41,9 @@ struct Options {
     std::string dump;
     std::vector<std::string> compare;
     double tolerance = 0;
+    std::string level;
+    bool show = false;
+    bool selftest = false;
     bool unchecked = false;
 };
 
@@ -169,8 +175,20 @@ void Measure(const Model& model, const RunData& inputs, const RunData& outputs, 
     }
 }
 
+int RunSelftest()
+{
+    PrintEnvironment();
+    return Selftest(SelftestLayers(), OpkitForwardAtLevel) ? kSuccess : kFailure;
+}
+
 int Run(const Options& options)
 {
+    if (options.selftest) {
+        return RunSelftest();
+    }
+    if (options.model.empty()) {
+        throw UsageError("MODEL is required (opkit run --help tells)");
+    }
     const Model model = LoadModel(options.model);
     const std::vector<NamedFile> inputFiles = NamedFiles(options.inputs, model.inputs, "input");
     const std::vector<NamedFile> outputFiles = NamedFiles(options.outputs, model.outputs, "output");
@@ -179,6 +197,11 @@ int Run(const Options& options)
     streamOptions.batch = ChooseBatch(model, inputs.items, options.batch);
     streamOptions.segment = options.segment;
     streamOptions.maxPasses = options.maxPasses;
+    const std::optional<Level> level = ChooseLevel(options.level, DetectedLevel());
+    if (level) {
+        OverrideLevel(*level);
+        streamOptions.forward = OpkitForwardAtLevel;
+    }
     if (!options.unchecked) {
         streamOptions.presetLoops = RequireSound(options.model, model, streamOptions.batch);
     }
@@ -192,7 +215,7 @@ int Run(const Options& options)
     if (!options.dump.empty()) {
         dump.emplace(options.dump);
     }
-    PrintEnvironment();
+    PrintEnvironment(level);
     PrintModelLine(options.model, model);
     PrintTensorLines("input", model.inputs, inputs, inputFiles);
 
@@ -203,6 +226,9 @@ int Run(const Options& options)
                stream.RequestCount() == 1 ? "" : "s");
     if (stream.SegId() != kNoSegment) {
         fmt::print("segment {} is what the last layer asked for\n", stream.SegId());
+    }
+    for (size_t i = 0; options.show && i < model.outputs.size(); ++i) {
+        ShowTensor(model.outputs[i].name, BatchedShape(model.outputs[i].shape, outputs.items), outputs.tensors[i]);
     }
     const bool same = Same(model, outputs, references, options);
     if (dump) {
@@ -230,7 +256,8 @@ Action SetUpRun(CLI::App& app)
 {
     const auto options = std::make_shared<Options>();
     const CLI::Validator namedFile(CheckNamedFile, "");
-    app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->required()->type_name("");
+    auto* const model =
+        app.add_option("MODEL", options->model, "the model: NAME, NAME.json or NAME.bin")->type_name("");
     app.add_option("-i,--input", options->inputs, "an input's data, f32; one item or a batch of them; repeat per input")
         ->check(namedFile)
         ->allow_extra_args(false)
@@ -266,6 +293,13 @@ Action SetUpRun(CLI::App& app)
         ->needs(compare)
         ->check(CLI::NonNegativeNumber.description(""))
         ->type_name("T");
+    app.add_flag("--show", options->show, "print the outputs, with minimum, maximum, mean and counts");
+    auto* const level = app.add_option("--level", options->level, "instruction set to run at (default: the highest)")
+                            ->check(CLI::IsMember({"baseline", "avx2", "avx512"}).description(""))
+                            ->type_name("baseline|avx2|avx512");
+    app.add_flag("--selftest", options->selftest, "run built-in layers at every level; print a hash per operator")
+        ->excludes(model)
+        ->excludes(level);
     app.add_flag("--unchecked", options->unchecked,
                  "run a model that opkit check refuses or sets conditions for; it may fault");
     auto* const threads =

@@ -1,13 +1,20 @@
 // opkit run: what it computes, reports and refuses.
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
+#include <sstream>
+#include <thread>
 
+#include "kernels/level.h"
 #include "modelkit/model_reader.h"
 #include "modelkit/segment_runner.h"
 #include "tests/modelkit/segment_models.h"
@@ -15,6 +22,7 @@
 
 namespace {
 
+using namespace opkit;
 using namespace opkit::modelkit;
 using namespace opkit::test;
 using nlohmann::json;
@@ -611,6 +619,55 @@ TEST_F(RunTest, AnInterruptLeavesNoPieces)
     }
 }
 
+TEST_F(RunTest, RunsAtAChosenLevel)
+{
+    Good("run net -i x=x.npy --dump d");
+    const std::pair<const char*, const char*> levels[] = {
+        {"baseline", "baseline"}, {"avx2", "AVX2"}, {"avx512", "AVX-512"}};
+    for (int i = 0; i <= static_cast<int>(DetectedLevel()); ++i) {
+        const std::string out = Good(std::string("run net -i x=x.npy --compare d --level ") + levels[i].first);
+        EXPECT_THAT(out, HasSubstr(std::string(", run at ") + levels[i].second + "\n"));
+        EXPECT_THAT(out, HasSubstr("all 3 layer outputs are those in d, bit for bit\n"));
+    }
+    for (int i = static_cast<int>(DetectedLevel()) + 1; i < 3; ++i) {
+        Bad(std::string("run net -i x=x.npy --level ") + levels[i].first, {"this machine has no more than"});
+    }
+    EXPECT_THAT(Tool("run net -i x=x.npy --level sse").err,
+                HasSubstr("opkit: --level: sse not in {baseline,avx2,avx5"));
+    EXPECT_THAT(Good("run net -i x=x.npy --level baseline --threads 2 --repeat 3"), HasSubstr("bit for bit"));
+}
+
+TEST_F(RunTest, TestsItself)
+{
+    const std::string out = Good("run --selftest");
+    EXPECT_THAT(out, testing::ContainsRegex("\nConvolution +[0-9a-f]{8}\n"));
+    EXPECT_THAT(out, HasSubstr("\n72 operators: the same bits at all levels of this machine\n"));
+    EXPECT_EQ(out, Good("run --selftest"));
+    EXPECT_EQ(Tool("run net --selftest").code, 2);
+    EXPECT_EQ(Tool("run --selftest --level avx2").code, 2);
+}
+
+TEST_F(RunTest, ShowsOutputs)
+{
+    const float infinity = std::numeric_limits<float>::infinity();
+    WriteNpy("x.npy", "(2, 3)", {1, -2.5f, 0, std::nanf(""), -infinity, 4});
+    const std::string out = Good("run net -i x=x.npy --show");
+    EXPECT_THAT(out, HasSubstr("\ny [2, 3]  min -4  max 2.5  mean -0.625  NaN 1  infinite 1  zeros 1\n"
+                               "  [0]           -1          2.5           -0\n"
+                               "  [1]          nan          inf           -4\n"));
+    EXPECT_THAT(out, HasSubstr("\nz [2, 3]  min "));
+    WriteNpy("x.npy", "(2, 3)", std::vector<float>(6, infinity));
+    EXPECT_THAT(Good("run net -i x=x.npy --show"), HasSubstr("\ny [2, 3]  none finite  NaN 0  infinite 6  zeros 0\n"));
+    std::vector<float> many(30 * 6);
+    std::iota(many.begin(), many.end(), 0.0f);
+    WriteNpy("x.npy", "(30, 2, 3)", many);
+    const std::string long_ = Good("run net -i x=x.npy --show");
+    EXPECT_THAT(long_, HasSubstr("\ny [30, 2, 3]  min -179  max -0  mean -89.5  NaN 0  infinite 0  zeros 1\n"));
+    EXPECT_THAT(long_, HasSubstr("  [3, 1]           -21          -22          -23\n  ...\n"
+                                 "  [26, 0]         -156         -157         -158\n"));
+    EXPECT_THAT(Good("run net -i x=x.npy"), Not(HasSubstr("zeros")));
+}
+
 // An error that nobody can read is an error as any other, and no file takes the place of the missing stream.
 TEST_F(RunTest, DoesWithoutStandardStreams)
 {
@@ -864,6 +921,72 @@ TEST_F(RunTest, TriesDestinationsFirst)
     if (geteuid() != 0) {
         std::filesystem::permissions(At("x.npy"), std::filesystem::perms::owner_read);
         Bad(run + "-o y=x.npy", {"x.npy: cannot be written: Permission denied"});
+    }
+}
+
+// Standard error on a terminal of that width; returns what stood there.
+std::string OnATerminal(unsigned short columns, const std::function<void(const std::string& terminal)>& run)
+{
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    EXPECT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+    const std::string name = ptsname(master);
+    const int held = open(name.c_str(), O_RDWR | O_NOCTTY);  // so that reading ends when this is closed
+    const winsize size = {24, columns, 0, 0};
+    EXPECT_EQ(ioctl(master, TIOCSWINSZ, &size), 0);
+    std::string text;
+    std::thread reader([&] {
+        char block[4096];
+        for (ssize_t count = 0; (count = read(master, block, sizeof(block))) > 0;) {
+            text.append(block, static_cast<size_t>(count));
+        }
+    });
+    run(name);
+    close(held);
+    reader.join();
+    close(master);
+    return text;
+}
+
+// Every long work says how far it is, how fast, and how long it will take, on one line that is gone in the end.
+TEST_F(RunTest, ShowsProgressOnATerminal)
+{
+    WriteNpy("many.npy", "(300000, 2, 3)", std::vector<float>(1800000, 1));
+    WriteNpy("some.npy", "(400, 2, 3)", std::vector<float>(2400, 1));
+    Good("run net -i x=some.npy --batch 1 --dump d");
+    const std::pair<const char*, const char*> works[] = {
+        {"-i x=many.npy --batch 1", "/300000 requests"},
+        {"-i x=many.npy --repeat 5 --warmup 0", "/5860 requests"},
+        {"-i x=x.npy --threads 2 --repeat 300000", "/600008 requests"},
+        {"-i x=some.npy --batch 1 --dump e", "/400 requests"},
+        {"-i x=some.npy --batch 1 --compare d", "/400 requests"},
+    };
+    for (const unsigned short columns : {120, 33}) {
+        for (const auto& [arguments, total] : std::span(works).first(columns == 120 ? std::size(works) : 1)) {
+            SCOPED_TRACE(std::string(arguments) + " on " + std::to_string(columns) + " columns");
+            const auto begin = std::chrono::steady_clock::now();
+            const std::string text = OnATerminal(columns, [&](const std::string& terminal) {
+                EXPECT_EQ(Shell(std::string("opkit run net ") + arguments + " 2>" + terminal).code, 0);
+            });
+            const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+            if (text.empty() && taken.count() < 0.5 && arguments != works[0].first) {
+                continue;  // the machine was done before there was anything to show
+            }
+            ASSERT_FALSE(text.empty());
+            EXPECT_EQ(text.find('\n'), std::string::npos);
+            EXPECT_EQ(text.back(), '\r');
+            std::istringstream lines(text.substr(1));
+            std::string line;
+            std::string last;
+            while (std::getline(lines, line, '\r')) {
+                EXPECT_LT(line.size(), columns);
+                last = line;
+            }
+            EXPECT_EQ(last.find_first_not_of(' '), std::string::npos);  // wiped
+            if (columns == 120) {
+                EXPECT_THAT(text, testing::ContainsRegex("\\[#* *\\] [0-9]+" + std::string(total) +
+                                                         "  [0-9.]+/s  [0-9]+:[0-9][0-9] left"));
+            }
+        }
     }
 }
 
