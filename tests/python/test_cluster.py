@@ -366,6 +366,25 @@ class VerifyTest(ClusterTest):
         self.assertEqual(dict(summary.suspects), {suspect: 10})
         self.assertIn("collector", {who.worker for difference in summary.differences for who in difference.winners})
 
+    def test_a_worker_does_not_agree_with_itself(self):
+        """One that errs in the same way before and after its restart, under two addresses."""
+        self.start({"flip": 1, "sleep": 0.1}, nanny=True)
+        real, addresses = collector._Job.judge, []
+
+        def judge(job, chunk, result):
+            if isinstance(result, worker.Computed) and not addresses:
+                addresses.append(result.machine.worker)
+                self.workers[0].end()
+                self.workers[0] = self.cluster.start_worker({"flip": 1}, nanny=True)
+                wait_until(lambda: len(self.client.scheduler_info()["workers"]) == 1 and
+                           addresses[0] not in self.client.scheduler_info()["workers"], 60)
+                job.tick_due = 0
+            real(job, chunk, result)
+
+        with mock.patch.object(collector._Job, "judge", judge):
+            self.assertRaisesRegex(cluster.ClusterError, "no two of these agree", self.run_digits, chunk=900, verify=1)
+        self.assertEqual(self.journal(), [])
+
     def test_the_share_that_was_asked_for(self):
         self.start({}, {})
         summary = self.run_digits(verify=0.05)

@@ -100,8 +100,8 @@ def run(model: Model | str | os.PathLike, arrays: dict, out: str | os.PathLike, 
     out        a folder; with results of the same run in it, only what is missing or damaged is computed
     client     of a Dask cluster; by default workers are started on this machine for this call
     workers    how many of those, by default one per processor
-    verify     share of the chunks that a second worker computes, too. A difference is settled by a third; without
-               another worker it is this process that computes
+    verify     share of the chunks that a second worker computes, too, on another host if there is one. A difference is
+               settled by a third; without another worker it is this process that computes
     batch      items per request, by default the most that the model allows (1 with several layer tables)
     chunk      items per chunk, where the inputs have no chunks of their own; by default 16 requests, up to 64 MB
     retries    how often a chunk that fails is tried again, on another worker if there is one
@@ -180,6 +180,7 @@ class _Job:
         self.arrived: queue.Queue[Future] = queue.Queue()
         self.failed: dict[int, str] = {}
         self.threads: dict[str, int] = {}  # of every worker that is there
+        self.hosts: dict[str, str] = {}
         self.equipped: dict[str, Future] = {}  # workers that keep the model, or were told to
         self.unfit: dict[str, str] = {}  # workers that could not, and why
         self.parcel = self.digest = self.tick_due = None
@@ -240,6 +241,7 @@ class _Job:
             there = self.client.scheduler_info()["workers"]
             self.summary.lost_workers |= set(self.threads) - set(there)
             self.threads = {address: one["nthreads"] for address, one in there.items()}
+            self.hosts = {address: one["host"] for address, one in there.items()}
             self.equip()
         except (OSError, RuntimeError, asyncio.TimeoutError, CancelledError):
             return  # the next look finds out
@@ -288,10 +290,14 @@ class _Job:
     # Chunks
 
     def hand_out(self, chunk: _Chunk) -> None:
+        # A worker that went away may have come back under another name: it must not agree with itself.
+        chunk.results = [one for one in chunk.results if one.machine.worker in (*self.threads, "collector")]
         busy = {result.machine.worker for result in chunk.results}
         allowed = set(self.threads) - busy - set(self.unfit)
         if busy and not allowed:
             return self.compute_here(chunk)
+        hosts = {self.hosts[name] for name in busy if name in self.hosts}
+        allowed = {name for name in allowed if self.hosts[name] not in hosts} or allowed
         if allowed - chunk.avoid:  # where all have failed, all may try again
             allowed -= chunk.avoid
         first, last = self.bounds[chunk.index:chunk.index + 2]
