@@ -6,7 +6,8 @@
 // equal element, so it leaves what the merge compares to decide. Only `sorted` 1 renumbers the mapping; any other
 // non-zero value sorts the entries and leaves the mapping in first-seen numbers.
 //
-// Equal slices are found by a hash table. Slices with a NaN never enter it.
+// Equal slices are found by a hash table. Slices with a NaN never enter it. Data that crowds the table, as can be made
+// for any fixed hash, is sorted instead: the time is bounded whatever the data.
 
 #include <cstdlib>
 #include <cstring>
@@ -134,38 +135,9 @@ bool SameSlice(const float* a, const float* b, uint32_t size)
     return true;
 }
 
-// Fills slices, entries and inverse; returns how many entries there are.
-uint32_t CollectEntries(float* src, const Slices& layout, Tables& tables)
+bool HasNan(const float* slice, uint32_t size)
 {
-    uint32_t uniqueCount = 0;
-    for (uint32_t i = 0; i < layout.count; ++i) {
-        float* const slice = tables.slices + size_t{i} * layout.size;
-        CopySlice(src, slice, i, layout);
-        Slot* slot = nullptr;
-        uint32_t hash = 0;
-        if (HashSlice(slice, layout.size, &hash)) {
-            slot = tables.slots + (hash & tables.slotMask);
-            const auto holdsSlice = [&] {
-                const float* const other =
-                    tables.slices + static_cast<size_t>(tables.entries[slot->entry - 1].firstIdx) * layout.size;
-                return slot->hash == hash && SameSlice(other, slice, layout.size);
-            };
-            while (slot->entry != 0 && !holdsSlice()) {
-                slot = slot == tables.slots + tables.slotMask ? tables.slots : slot + 1;
-            }
-        }
-        if (slot != nullptr && slot->entry != 0) {
-            ++tables.entries[slot->entry - 1].count;
-            tables.inverse[i] = slot->entry - 1;
-            continue;
-        }
-        tables.entries[uniqueCount] = {static_cast<int32_t>(i), 1};
-        tables.inverse[i] = uniqueCount++;
-        if (slot != nullptr) {
-            *slot = {hash, uniqueCount};
-        }
-    }
-    return uniqueCount;
+    return !SameSlice(slice, slice, size);
 }
 
 const float* SliceOf(const Tables& tables, uint32_t entry, uint32_t size)
@@ -184,6 +156,85 @@ int32_t CompareSlices(const float* a, const float* b, int32_t size)
         }
     }
     return 1;
+}
+
+// Fills entries and inverse from the slices by sorting these; returns how many entries there are.
+uint32_t CollectBySorting(const Slices& layout, Tables& tables)
+{
+    const auto sliceAt = [&](uint32_t i) { return tables.slices + size_t{i} * layout.size; };
+    uint32_t* const first = tables.renumbered;  // where the slice of each position was first seen; lent for that
+    uint32_t comparable = 0;
+    for (uint32_t i = 0; i < layout.count; ++i) {
+        first[i] = i;
+        if (!HasNan(sliceAt(i), layout.size)) {
+            tables.items[comparable++] = {0.0f, i};
+        }
+    }
+    // Of equal slices the merge takes the left one, so each run of them begins with the one first seen.
+    MergeSort(tables.items, comparable, tables.buffer, [&](const SortItem& a, const SortItem& b) {
+        return 1 - CompareSlices(sliceAt(b.entry), sliceAt(a.entry), static_cast<int32_t>(layout.size));
+    });
+    for (uint32_t j = 1; j < comparable; ++j) {
+        const uint32_t before = tables.items[j - 1].entry;
+        const uint32_t here = tables.items[j].entry;
+        first[here] = SameSlice(sliceAt(before), sliceAt(here), layout.size) ? first[before] : here;
+    }
+    uint32_t uniqueCount = 0;
+    for (uint32_t i = 0; i < layout.count; ++i) {
+        if (first[i] == i) {
+            tables.entries[uniqueCount] = {static_cast<int32_t>(i), 1};
+            tables.inverse[i] = uniqueCount++;
+        } else {
+            tables.inverse[i] = tables.inverse[first[i]];
+            ++tables.entries[tables.inverse[i]].count;
+        }
+    }
+    return uniqueCount;
+}
+
+// Slots that may be passed over for each slice. At most half of the table is in use, and evenly spread slices pass over
+// less than one.
+constexpr uint64_t kPassedPerSlice = 4;
+
+// Fills slices, entries and inverse; returns how many entries there are.
+uint32_t CollectEntries(float* src, const Slices& layout, Tables& tables)
+{
+    uint32_t uniqueCount = 0;
+    uint64_t mayPass = kPassedPerSlice * layout.count;
+    for (uint32_t i = 0; i < layout.count; ++i) {
+        float* const slice = tables.slices + size_t{i} * layout.size;
+        CopySlice(src, slice, i, layout);
+        Slot* slot = nullptr;
+        uint32_t hash = 0;
+        if (HashSlice(slice, layout.size, &hash)) {
+            slot = tables.slots + (hash & tables.slotMask);
+            const auto holdsSlice = [&] {
+                const float* const other =
+                    tables.slices + static_cast<size_t>(tables.entries[slot->entry - 1].firstIdx) * layout.size;
+                return slot->hash == hash && SameSlice(other, slice, layout.size);
+            };
+            for (; slot->entry != 0 && !holdsSlice(); --mayPass) {
+                if (mayPass == 0) {
+                    while (++i < layout.count) {
+                        CopySlice(src, tables.slices + size_t{i} * layout.size, i, layout);
+                    }
+                    return CollectBySorting(layout, tables);
+                }
+                slot = slot == tables.slots + tables.slotMask ? tables.slots : slot + 1;
+            }
+        }
+        if (slot != nullptr && slot->entry != 0) {
+            ++tables.entries[slot->entry - 1].count;
+            tables.inverse[i] = slot->entry - 1;
+            continue;
+        }
+        tables.entries[uniqueCount] = {static_cast<int32_t>(i), 1};
+        tables.inverse[i] = uniqueCount++;
+        if (slot != nullptr) {
+            *slot = {hash, uniqueCount};
+        }
+    }
+    return uniqueCount;
 }
 
 // Fills items with the entries in the order of the output.

@@ -5,7 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <time.h>
+
 #include <limits>
+#include <numeric>
 
 #include "tests/support/alloc_fault.h"
 #include "tests/support/twin.h"
@@ -332,6 +335,60 @@ TEST(Unique, EqualHashesAreNotEqualSlices)
     EXPECT_THAT(result.values, ElementsAre(101962, 3670, 123190, 68455));
     EXPECT_THAT(result.inverse, ElementsAre(0, 1, 0, 2, 1, 3));
     EXPECT_THAT(result.counts, ElementsAre(2, 2, 1, 1));
+}
+
+// Slices of two floats that the table's own hash leads to the first 32 slots of `slots`.
+std::vector<float> CrowdingSlices(uint32_t count, uint32_t slots)
+{
+    const auto mix = [](uint64_t state, float x) {
+        state = (state ^ __builtin_bit_cast(uint32_t, x)) * 0xff51afd7ed558ccdu;
+        return state ^ (state >> 32);
+    };
+    std::vector<float> data;
+    for (uint32_t i = 1; data.size() < 2 * size_t{count}; ++i) {
+        const float x = static_cast<float>(i);
+        const uint64_t hash = mix(mix(0x9e3779b97f4a7c15u, x), -x) * 0xc4ceb9fe1a85ec53u >> 32;
+        if (hash % slots < 32) {
+            data.insert(data.end(), {x, -x});
+        }
+    }
+    return data;
+}
+
+TEST(Unique, CrowdedTable)
+{
+    constexpr uint32_t kCount = 512;
+    std::vector<float> data = CrowdingSlices(kCount, 2 * kCount);
+    Random random(1);
+    for (const uint32_t sorted : {0u, 1u, 2u}) {
+        for (uint32_t k = 0; k < 20; ++k) {  // some anywhere again, some NaN or a zero of either sign
+            const auto from = data.begin() + 2 * random.Int(0, kCount - 1);
+            std::copy(from, from + 2, data.begin() + 2 * random.Int(0, kCount - 1));
+            data[static_cast<size_t>(random.Int(0, 2 * kCount - 1))] = random.OneOf({kNan, 0.0f, -0.0f});
+        }
+        ExpectSameAsReference(UniqueCase({kCount, 2}, data, 0, sorted, {kCount, 2}, kCount), UniqueOpkitForward,
+                              RefUnique, kWithSize);
+    }
+}
+
+// Data must not decide how long it takes: more than a hundred times as long when each search passes over all others.
+TEST(Unique, CrowdedTableTakesNoLonger)
+{
+    constexpr uint32_t kCount = 1 << 14;
+    const auto secondsWith = [](const std::vector<float>& data) {
+        World world(UniqueCase({kCount, 2}, data, 0, 0, {kCount, 2}, kCount));
+        timespec begin = {};
+        timespec end = {};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+        EXPECT_EQ(world.RunDirect(UniqueOpkitForward), 0u);
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+        EXPECT_EQ(world.Output(3), std::vector<float>(kCount, 1));
+        return static_cast<double>(end.tv_sec - begin.tv_sec) + 1e-9 * static_cast<double>(end.tv_nsec - begin.tv_nsec);
+    };
+    std::vector<float> plain(2 * kCount);
+    std::iota(plain.begin(), plain.end(), 0.0f);
+    const double usual = secondsWith(plain);
+    EXPECT_LT(secondsWith(CrowdingSlices(kCount, 2 * kCount)), 40 * usual + 0.01);
 }
 
 TEST(Unique, NoMemoryForValues)
