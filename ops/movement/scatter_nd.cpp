@@ -138,10 +138,11 @@ uint32_t ScatterNDOpkitForwardInner(LayerParam* param, const ScatterInputs& in)
     if (ScatterNDGetElementOffsets(in, static_cast<int32_t>(tuples), in.indices.Pitch(), steps, offsets) != kSuccess) {
         return kFailure;
     }
-    // A slice, or what a refused copy of it clears, stays within the output. Without updates that is all of the bound.
+    // A slice, or what a refused copy of it clears, stays within the output's rows, however large the memory behind
+    // them. Without updates that is all of the bound.
     const size_t sliceBytes = size_t{slice} * sizeof(float);
     const size_t touched = in.updates.data != nullptr ? std::min<size_t>(sliceBytes, out.size) : out.size;
-    const size_t room = std::max<size_t>(out.Span() * sizeof(float), out.size);
+    const size_t room = out.Span() * sizeof(float);
     const float* from = in.updates.data;
     uint32_t column = 0;  // of a row of single updates
     for (uint32_t t = 0; t < tuples; ++t) {

@@ -193,7 +193,7 @@ inline uint32_t RefScatterNDInner(LayerParam* param, const RefTensor (&in)[3])
     const float* cursor = updates.data;
     for (uint32_t t = 0; t < tuples; ++t) {
         const int64_t touched = std::min<int64_t>(int64_t{slice} * 4, out.size);
-        if (offset[t] < 0 || int64_t{offset[t]} * 4 + touched > std::max<int64_t>(extentBytes, out.size)) {
+        if (offset[t] < 0 || int64_t{offset[t]} * 4 + touched > extentBytes) {
             RefReport(name, "ScatterND slice at offset %d leaves the output.\n\n", offset[t]);
             return kAllOnes;
         }

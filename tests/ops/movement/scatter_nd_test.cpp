@@ -178,6 +178,28 @@ TEST(ScatterND, SlicesLongerThanTheOutputsRows)
     ExpectSameAsReference(leaves, ScatterNDOpkitForward, RefScatterND);
 }
 
+// The rows bound a slice, not the memory that the output has behind them.
+TEST(ScatterND, MemoryBehindTheRowsIsNotTheOutputs)
+{
+    LayerCase layer = ScatterND();
+    layer.Online({2, 3}, Iota(6)).Online({2, 1}, {0, 1}).Online({2, 3}, Iota(6, 10), 16);
+    CaseTensor output;
+    output.shape = {3, 3};
+    output.data = Iota(9, 70);
+    layer.Output(output);
+    layer.Tamper([](World& world) {  // the shape ends one row before the memory does
+        const uint32_t table = world.ModelInfo().tables[0].layerTableOffset;
+        std::byte* const model = world.ModelBytes().data() + table;
+        const auto* const record = reinterpret_cast<TensorRecord*>(model + world.Layer().outputTableOffset);
+        *reinterpret_cast<uint32_t*>(model + record->shapeOffset) = 2;
+    });
+    World world(layer);
+    EXPECT_EQ(RunCaptured(world, ScatterNDOpkitForward).messages,
+              "[ScatterNDOpkitForwardInner:#]ScatterND slice at offset 3 leaves the output.\n\n");
+    EXPECT_EQ(world.Output()[6], 76) << "nothing behind the rows is written";
+    ExpectSameAsReference(layer, ScatterNDOpkitForward, RefScatterND);
+}
+
 TEST(ScatterND, SingleUpdatesThatCannotBeCopied)
 {
     const auto withoutUpdates = [](float column) {
