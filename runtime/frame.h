@@ -49,6 +49,20 @@ inline bool TensorsOverlap(const Tensor& a, const Tensor& b)
     return RangesOverlap(a.data, a.Span(), b.data, b.Span());
 }
 
+// Calls run(in, out, length) once, or, where the output begins inside the input, for one element after the other: then
+// later elements are read as results of earlier ones, whatever the kernel behind `run` does at once.
+template <class Run>
+void RunInOrder(const float* in, float* out, uint32_t length, Run run)
+{
+    if (in >= out || !RangesOverlap(in, length, out, length)) {
+        run(in, out, length);
+        return;
+    }
+    for (uint32_t i = 0; i < length; ++i) {
+        run(in + i, out + i, 1U);
+    }
+}
+
 // The attribute record of a layer, head included. Operators write stride records and state into it.
 template <class Attr>
 Attr& AttrOf(const LayerParam* param)

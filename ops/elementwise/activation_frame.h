@@ -41,11 +41,11 @@ void ForEachSteppedRow(const Input& in, const Output& out, Run run)
 {
     const uint32_t rows = out.count / out.width;
     if (in.alignNum == out.width && out.alignNum == out.width) {
-        run(in.data, out.data, rows * out.width);
+        RunInOrder(in.data, out.data, rows * out.width, run);
         return;
     }
     for (size_t row = 0; row < rows; ++row) {
-        run(in.data + row * in.alignNum, out.data + row * out.alignNum, out.width);
+        RunInOrder(in.data + row * in.alignNum, out.data + row * out.alignNum, out.width, run);
     }
 }
 
@@ -56,8 +56,9 @@ void ForEachRunToExpand(const Input& in, const Output& out, Run run)
     if (in.count == 0) {
         return;  // before the pitch, which may be a division by zero
     }
-    ForEachRowRun(in.count, in.width, in.Pitch(), in.count, in.count,
-                  [&](size_t from, size_t to, uint32_t length) { run(in.data + from, out.data + to, length); });
+    ForEachRowRun(in.count, in.width, in.Pitch(), in.count, in.count, [&](size_t from, size_t to, uint32_t length) {
+        RunInOrder(in.data + from, out.data + to, length, run);
+    });
 }
 
 }  // namespace opkit

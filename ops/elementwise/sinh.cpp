@@ -12,7 +12,7 @@ uint32_t SinhOpkitForward(LayerParam* param)
     Input in;
     Resolve(param, {&in}, Rows::kCompacting, Messages::kNone);
     const Output out = OutputOf(param, 0);
-    Kernels<ExponentialKernels>().sinh(in.data, out.data, in.count);
+    RunInOrder(in.data, out.data, in.count, Kernels<ExponentialKernels>().sinh);
     ExpandOutputUnchecked(out);
     return kSuccess;
 }

@@ -39,8 +39,9 @@ uint32_t WalkUnary(InputResolver resolver, LayerParam* param, Run run)
         return kSuccess;
     }
     const Output out = OutputOf(param, 0);
-    ForEachRowRun(in.count, in.width, in.Pitch(), out.width, out.Pitch(),
-                  [&](size_t from, size_t to, uint32_t length) { run(in.data + from, out.data + to, length); });
+    ForEachRowRun(in.count, in.width, in.Pitch(), out.width, out.Pitch(), [&](size_t from, size_t to, uint32_t length) {
+        RunInOrder(in.data + from, out.data + to, length, run);
+    });
     return kSuccess;
 }
 
@@ -79,7 +80,7 @@ uint32_t SingleInOutCalcfuncWithLoopWrapper(ElementFunc element, InputResolver r
 
 void AcoshCalcFunc(float* src, float* dst, void* /*opkitBuf*/, uint32_t count)
 {
-    Kernels<ExponentialKernels>().acosh(src, dst, count);
+    RunInOrder(src, dst, count, Kernels<ExponentialKernels>().acosh);
 }
 
 float NegCalcFunc(float x)

@@ -75,14 +75,16 @@ private:
     }
 };
 
-// Sums come from the whole of a block before its first element is divided.
-constexpr uint32_t kBlock = 256;
+// Sums come from the whole of a block of lines before its first element is divided.
+constexpr uint32_t kColumns = 256;
+constexpr uint32_t kRows = 16;  // few, so that they are still near when they are divided
 
-void NormaliseColumns(const float* x, float* y, uint32_t count, uint32_t axisLen, uint32_t step, Norm norm)
+void NormaliseColumns(const float* x, float* y, uint32_t count, uint32_t axisLen, uint32_t step, Norm norm,
+                      uint32_t block)
 {
-    for (uint32_t begin = 0; begin < count; begin += kBlock) {
-        const uint32_t n = count - begin < kBlock ? count - begin : kBlock;
-        float norms[kBlock] = {};
+    for (uint32_t begin = 0; begin < count; begin += block) {
+        const uint32_t n = count - begin < block ? count - begin : block;
+        float norms[kColumns] = {};
         norm.SumColumns(x + begin, norms, n, axisLen, step);
         for (uint32_t v = 0; v < n; ++v) {
             norms[v] = norm.Root(norms[v]);
@@ -97,11 +99,10 @@ void NormaliseColumns(const float* x, float* y, uint32_t count, uint32_t axisLen
     }
 }
 
-void NormaliseRows(const float* x, float* y, uint32_t count, uint32_t axisLen, Norm norm)
+void NormaliseRows(const float* x, float* y, uint32_t count, uint32_t axisLen, Norm norm, uint32_t block)
 {
-    constexpr uint32_t kRows = 16;  // few, so that they are still near when they are divided
-    for (uint32_t begin = 0; begin < count; begin += kRows) {
-        const uint32_t n = count - begin < kRows ? count - begin : kRows;
+    for (uint32_t begin = 0; begin < count; begin += block) {
+        const uint32_t n = count - begin < block ? count - begin : block;
         float norms[kRows] = {};
         norm.SumRows(x + size_t{begin} * axisLen, norms, n, axisLen);
         for (uint32_t v = 0; v < n; ++v) {
@@ -118,14 +119,17 @@ void NormaliseRows(const float* x, float* y, uint32_t count, uint32_t axisLen, N
 void Normalise(const float* x, float* y, int32_t lines, uint32_t axisLen, uint32_t step, Norm norm)
 {
     uint32_t left = lines > 0 ? static_cast<uint32_t>(lines) : 0;
+    // Where quotients fall on the input, but not in place, each line sees those of the lines before.
+    const size_t total = size_t{left} * axisLen;
+    const bool overwrites = x != y && RangesOverlap(x, total, y, total);
     if (step == 1) {
-        NormaliseRows(x, y, left, axisLen, norm);
+        NormaliseRows(x, y, left, axisLen, norm, overwrites ? 1 : kRows);
         return;
     }
     const size_t block = size_t{step} * axisLen;
     for (; left > 0; x += block, y += block) {
         const uint32_t here = left < step ? left : step;
-        NormaliseColumns(x, y, here, axisLen, step, norm);
+        NormaliseColumns(x, y, here, axisLen, step, norm, overwrites ? 1 : kColumns);
         left -= here;
     }
 }

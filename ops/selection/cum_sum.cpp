@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "common/move_floats.h"
 #include "kernels/axis_lines.h"
 #include "opkit/attributes/selection.h"
 #include "opkit/operators.h"
@@ -35,6 +36,18 @@ void SumRows(const float* in, float* out, size_t length, size_t inner, bool reve
     }
 }
 
+// One line whose elements lie `step` apart.
+void SumLine(const float* in, float* out, size_t length, size_t step, bool reverse)
+{
+    size_t at = reverse ? (length - 1) * step : 0;
+    MoveFloats(out + at, in + at, 1);
+    for (size_t j = 1; j < length; ++j) {
+        const size_t next = reverse ? at - step : at + step;
+        out[next] = in[next] + out[at];
+        at = next;
+    }
+}
+
 void Subtract(const float* in, float* out, size_t count)
 {
     for (size_t i = 0; i < count; ++i) {
@@ -46,11 +59,18 @@ void SumLines(const float* in, float* out, const Lines& lines, bool reverse, boo
 {
     const size_t inner = lines.inner;
     const size_t total = size_t{lines.count} * lines.length;
-    if (inner == 1) {
+    const size_t block = inner * lines.length;
+    if (in != out && RangesOverlap(in, total, out, total)) {  // sums are read again as elements: one line at a time
+        for (size_t g = 0; g < lines.count; ++g) {
+            const size_t start = g / inner * block + g % inner;
+            SumLine(in + start, out + start, lines.length, inner, reverse);
+        }
+    } else if (inner == 1) {
         Kernels<AxisLineKernels>().runningSums(in, out, lines.count, lines.length, reverse);
-    }
-    for (size_t begin = 0; inner != 1 && begin < total; begin += inner * lines.length) {
-        SumRows(in + begin, out + begin, lines.length, inner, reverse);
+    } else {
+        for (size_t begin = 0; begin < total; begin += block) {
+            SumRows(in + begin, out + begin, lines.length, inner, reverse);
+        }
     }
     if (exclusive) {
         Subtract(in, out, total);

@@ -15,12 +15,14 @@ using namespace opkit;
 
 namespace {
 
-// Marks the first largest of each of `count` neighbouring columns of [length, inner].
-void MarkColumns(const float* x, float* out, size_t count, size_t length, size_t inner)
+constexpr size_t kBlock = 512;
+
+// Marks the first largest of each of `count` neighbouring columns of [length, inner]: of `block` of them, once all of
+// these are found.
+void MarkColumns(const float* x, float* out, size_t count, size_t length, size_t inner, size_t block)
 {
-    constexpr size_t kBlock = 512;
-    for (size_t begin = 0; begin < count; begin += kBlock) {
-        const size_t n = count - begin < kBlock ? count - begin : kBlock;
+    for (size_t begin = 0; begin < count; begin += block) {
+        const size_t n = count - begin < block ? count - begin : block;
         uint32_t places[kBlock];
         Kernels<AxisLineKernels>().firstLargestOfColumns(x + begin, places, n, length, inner);
         for (size_t i = 0; i < n; ++i) {
@@ -64,8 +66,11 @@ uint32_t HardmaxOpkitForward(LayerParam* param)
         if (inner == 1) {
             MarkRows(in.data, out.data, lines, length);
         } else {
+            // Where marks fall on the input, but not on their own line of it, each line sees those of the lines before.
+            const bool overwrites = in.data != out.data && RangesOverlap(in.data, in.count, out.data, in.count);
             for (size_t line = 0; line < lines; line += inner) {
-                MarkColumns(in.data + line * length, out.data + line * length, inner, length, inner);
+                MarkColumns(in.data + line * length, out.data + line * length, inner, length, inner,
+                            overwrites ? 1 : kBlock);
             }
         }
     }

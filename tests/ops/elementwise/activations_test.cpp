@@ -3,6 +3,7 @@
 #include "tests/reference/activations.h"
 #include "opkit/attributes/elementwise.h"
 #include "tests/ops/elementwise/elementwise_cases.h"
+#include "tests/support/overlap.h"
 
 namespace opkit {
 namespace {
@@ -118,6 +119,19 @@ void AddInput(Random& random, LayerCase& layer, const Shape& shape)
         layer.Offline(shape, data);
     } else {
         layer.Online(shape, data, random.Chance(0.1) ? 16 : random.Stride(shape.back()));
+    }
+}
+
+TEST(Activations, OutputOverlapsTheInput)
+{
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        ForRandomCases(30, [&](Random& random) {
+            const Shape shape = random.Shape(1, 4, 300);
+            LayerCase layer = Case(row.name, 1.5f, 0.75f);
+            AddOverlapping(layer, random, shape, random.Floats(ElementCount(shape), Values::kPlain));
+            ExpectSameAsReference(layer, row.forward, row.reference, {.nan = NanPolicy::kAnyNan});
+        });
     }
 }
 

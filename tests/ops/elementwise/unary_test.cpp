@@ -8,6 +8,7 @@
 
 #include "opkit/opkit.h"
 #include "tests/reference/unary.h"
+#include "tests/support/overlap.h"
 #include "tests/support/twin.h"
 
 namespace opkit {
@@ -90,6 +91,20 @@ TEST(Unary, OutputIsAnInput)
                          random.Stride(shape.back()));
             layer.OutputInPlace(0, shape);
             ExpectSameAsReference(layer, row.forward, row.reference, {.nan = row.nan});
+        });
+    }
+}
+
+// Results are read again as elements, one by one, at every level.
+TEST(Unary, OutputOverlapsTheInput)
+{
+    for (const UnaryRow& row : kRows) {
+        SCOPED_TRACE(row.name);
+        ForRandomCases(20, [&](Random& random) {
+            const std::vector<uint32_t> shape = random.Shape(1, 3, 300);
+            LayerCase layer(row.name);
+            AddOverlapping(layer, random, shape, random.Floats(modelkit::ElementCount(shape), Values::kPlain));
+            ExpectSameAsReference(layer, row.forward, row.reference, {.nan = NanPolicy::kAnyNan});
         });
     }
 }

@@ -8,6 +8,7 @@
 
 #include "opkit/opkit.h"
 #include "tests/reference/lp_norm.h"
+#include "tests/support/overlap.h"
 #include "tests/support/twin.h"
 
 namespace opkit {
@@ -34,6 +35,22 @@ std::vector<float> RunOk(const LayerCase& layer)
     World world(layer);
     EXPECT_EQ(world.RunRequest(), 0u);
     return world.Output();
+}
+
+TEST(LpNorm, OutputOverlapsTheInput)
+{
+    ForRandomCases(200, [](Random& random) {
+        const Shape shape = random.Shape(1, 4, 300);
+        std::vector<float> data(ElementCount(shape));
+        for (float& x : data) {
+            x = static_cast<float>(random.Int(-40, 40)) * 0.75f;
+        }
+        LayerCase layer("LpNormOpkitForward");
+        AddOverlapping(layer, random, shape, std::move(data));
+        layer.Attr<LpNormAttr>().axis = random.Int(0, static_cast<int32_t>(shape.size()) - 1);
+        layer.Attr<LpNormAttr>().p = random.OneOf({1, 2, 3});
+        ExpectSameAsReference(layer, LpNormOpkitForward, RefLpNorm, {.nan = NanPolicy::kAnyNan});
+    });
 }
 
 TEST(LpNorm, SameAsReference)

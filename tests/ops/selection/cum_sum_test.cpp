@@ -7,6 +7,7 @@
 
 #include "opkit/opkit.h"
 #include "tests/reference/lines.h"
+#include "tests/support/overlap.h"
 #include "tests/support/twin.h"
 
 namespace opkit {
@@ -116,6 +117,20 @@ TEST(CumSum, EmptyOutput)
     const RunResult run = RunCaptured(world, CumSumOpkitForward);
     EXPECT_EQ(run.result, 0u);
     EXPECT_EQ(run.messages, "");
+}
+
+TEST(CumSum, OutputOverlapsTheInput)
+{
+    ForRandomCases(200, [](Random& random) {
+        const Shape shape = random.Shape(1, 4, 300);
+        LayerCase layer("CumSumOpkitForward");
+        AddOverlapping(layer, random, shape, random.Floats(ElementCount(shape), Values::kPlain));
+        CumSumAttr& attr = layer.Attr<CumSumAttr>();
+        attr.axis = random.Int(0, static_cast<int32_t>(shape.size()) - 1);
+        attr.reverse = random.OneOf({0u, 1u});
+        attr.exclusive = random.OneOf({0u, 0u, 1u});
+        ExpectSameAsReference(layer, CumSumOpkitForward, RefCumSum, {.nan = NanPolicy::kAnyNan});
+    });
 }
 
 TEST(CumSum, SameAsReference)

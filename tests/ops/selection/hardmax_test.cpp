@@ -7,6 +7,7 @@
 
 #include "opkit/opkit.h"
 #include "tests/reference/lines.h"
+#include "tests/support/overlap.h"
 #include "tests/support/twin.h"
 
 namespace opkit {
@@ -142,6 +143,19 @@ TEST(Hardmax, Messages)
     EXPECT_EQ(nullRun.messages,
               "[InsertAlignSpace:#]Input data is NULL.\n\n"
               "[HardmaxOpkitForward:#]InsertAlignSpace failed.\n\n");
+}
+
+// Marks are read again as elements by the lines behind, and zeros too.
+TEST(Hardmax, OutputOverlapsTheInput)
+{
+    ForRandomCases(200, [](Random& random) {
+        const Shape shape = random.Shape(1, 4, 300);
+        LayerCase layer("HardmaxOpkitForward");
+        AddOverlapping(layer, random, shape, random.Floats(ElementCount(shape), Values::kPlain));
+        layer.Attr<HardmaxAttr>().axis = random.Int(0, static_cast<int32_t>(shape.size()) - 1);
+        layer.Attr<HardmaxAttr>().opsetVersion = random.OneOf({12, 13, 13});
+        ExpectSameAsReference(layer, HardmaxOpkitForward, RefHardmax);
+    });
 }
 
 TEST(Hardmax, SameAsReference)
