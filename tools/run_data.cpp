@@ -33,9 +33,6 @@ const NamedFile* Find(const std::vector<NamedFile>& files, const std::string& na
 // [16, 3] all hold eight of [2, 3], and [8, 28, 28] eight of [1, 1, 28, 28].
 uint32_t ItemsIn(const Shape& shape, const Shape& item)
 {
-    if (ElementCount(item) == 0) {  // any number of them is no data at all
-        return shape == item ? 1 : 0;
-    }
     const auto core = std::find_if(item.begin(), item.end(), [](uint32_t dim) { return dim != 1; });
     const auto rank = item.end() - core;
     if (static_cast<ptrdiff_t>(shape.size()) >= rank && std::equal(core, item.end(), shape.end() - rank)) {
@@ -69,7 +66,7 @@ std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments, con
             return std::filesystem::weakly_canonical(std::filesystem::absolute(FollowLinks(path)), ignored);
         };
         const auto same = [&](const NamedFile& other) { return reached(other.file) == reached(file); };
-        const bool keepsBoth = std::string_view(side) == "input" || std::filesystem::is_character_file(file, ignored);
+        const bool keepsBoth = std::string_view(side) != "output" || std::filesystem::is_character_file(file, ignored);
         if (!keepsBoth && std::any_of(files.begin(), files.end(), same)) {
             throw ToolError(fmt::format("{}: is to take two outputs", file.string()));
         }
