@@ -150,6 +150,7 @@ uint64_t CheckTable(const ModelView& model, const ModelTable& table, std::vector
             LayerCheck layerCheck(model, layer);
             CheckOperator(layerCheck, record);
             layerCheck.CheckSharing();
+            layerCheck.NoteWork();
             AddAttributeRanges(layer, record.size, owner, layerCheck.Writes(), ranges);
             writes->back() = {layer.place, owner, layerCheck.Writes()};
         } catch (const Refused&) {

@@ -2,7 +2,8 @@
 //
 // The claim: a model that is accepted without conditions runs, for any tensor data, without reading or writing outside
 // its tensors, scratch and model buffer, and without a hardware fault. It may still fail a layer cleanly, where an
-// index tensor leads outside or memory runs out. A condition names, in words, what data or code must keep to besides.
+// index tensor leads outside or memory runs out. How long that takes is bounded by the report's work. A condition
+// names, in words, what data or code must keep to besides.
 //
 // What it relies on: every tensor of the request is a block of its own, of the size given here, aligned to 4 bytes like
 // the scratch and the model buffer, and the model buffer is writable and unchanged until the run.
@@ -66,8 +67,17 @@ struct CheckCondition {
     std::string Text() const;  // one line
 };
 
+// An upper bound of what a layer does for the request. An element operation reads one element, computes with it or
+// writes it; what that costs is nearly the same for all layers of one operator.
+struct CheckWork {
+    CheckPlace place;
+    uint64_t operations = 0;
+};
+
 struct CheckReport {
     uint32_t batch = 0;                  // the batch items of the request
+    uint64_t work = 0;                   // element operations of all tables, each run once, without refused layers
+    CheckWork mostWork;                  // the layer with the most of them
     std::vector<CheckRefusal> refusals;  // at most one per layer, and one of those that lead nowhere
     std::vector<CheckCondition> conditions;
 

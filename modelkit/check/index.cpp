@@ -46,8 +46,11 @@ void CheckGather(LayerCheck& layer)
     const uint64_t outer = data.Count(0, axis);
     const uint64_t rows =
         alongRows ? Mul(outer, indices.Rows()) : Mul(outer, indices.Count(), data.Count(axis + 1, last));
-    layer.Floats(out, AlignedSpan(rows, out.Align(), alongRows ? indices.Width() : data.Width()),
-                 "the slices do not fit the output");
+    const uint64_t width = alongRows ? indices.Width() : data.Width();
+    layer.AtLeast(out.strideField, out.stride, rows > 1 ? Mul(width, 4) : 0,
+                  "rows as far apart as the stride would overlap");
+    layer.Floats(out, AlignedSpan(rows, out.Align(), width), "the slices do not fit the output");
+    layer.Work(Mul(rows, width));
 }
 
 void CheckGatherElements(LayerCheck& layer)
@@ -79,6 +82,7 @@ void CheckGatherND(LayerCheck& layer)
         slice = Mul(data.Count(covered, data.Rank() - 1), data.Align());
     }
     layer.Floats(out, Mul(indices.Rows(), slice), "the slices do not fit the output");
+    layer.Work(Mul(indices.Rows(), slice));
     layer.Modifies(indices);
 }
 

@@ -260,6 +260,7 @@ void LayerCheck::WorkSpace(uint64_t bytes, const std::string& reason)
     }
     AtLeast(RecordField("bufSize", offsetof(LayerRecord, bufSize)), layer_.record.bufSize, bytes, reason);
     usesWorkSpace_ = true;
+    Work(bytes / 4);
 }
 
 void LayerCheck::MayRunInPlace(const Tensor& out, const Tensor& in)
@@ -313,6 +314,20 @@ void LayerCheck::CheckSharing() const
                    Shown(inRequest ? uint64_t{b.memory.index} + 1 : a.memory.begin + a.memory.size),
                    b.name + " overlaps " + a.name + ", and one of the two is written");
         }
+    }
+}
+
+void LayerCheck::NoteWork() const
+{
+    uint64_t operations = work_;
+    for (const auto& [tensor, use] : uses_) {
+        operations = Add(operations, std::max(tensor->Count(), Mul(tensor->Rows(), tensor->Pitch())));
+    }
+    operations = Mul(operations, model_.request.batch);
+    CheckReport& report = *model_.report;
+    report.work = Add(report.work, operations);
+    if (operations > report.mostWork.operations) {
+        report.mostWork = {layer_.place, operations};
     }
 }
 

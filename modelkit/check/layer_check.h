@@ -135,8 +135,13 @@ public:
     // Any two tensors of the layer may be one.
     void MayShareAll() { shareAll_ = true; }
 
+    // Element operations for one batch item besides those that all layers have: one for each element of their tensors
+    // and work space.
+    void Work(uint64_t operations) { work_ = Add(work_, operations); }
+
     // After the operator's own check: tensors and work space share no memory but where that was allowed.
     void CheckSharing() const;
+    void NoteWork() const;
     const std::vector<ModelWrite>& Writes() const { return writes_; }
 
 private:
@@ -160,6 +165,7 @@ private:
     std::set<std::pair<const Tensor*, const Tensor*>> aliases_;
     bool shareAll_ = false;
     bool usesWorkSpace_ = false;
+    uint64_t work_ = 0;
     bool leadsNowhere_ = false;
     std::vector<ModelWrite> writes_;
 };

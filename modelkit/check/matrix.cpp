@@ -20,6 +20,7 @@ void CheckStacks(LayerCheck& layer, const Tensor& a, const Tensor& b, const Tens
     layer.Elements(a, Mul(Matrices(a), M, K), "A has fewer rows than the output");
     layer.Elements(b, Mul(Matrices(b), K, N), "B's matrices are smaller than A's width by the output's");
     layer.Elements(y, Mul(Matrices(y), M, N), "the products do not fit the output");
+    layer.Work(Mul(Matrices(y), M, N, K));
 }
 
 // Places that the kernel takes along one axis.
@@ -101,6 +102,7 @@ void CheckGemm(LayerCheck& layer)
     layer.Elements(a, Mul(matrices, M, K), "A has no matrix for each of the output");
     layer.Elements(b, Mul(matrices, K, N), "B has no matrix of A's inner size for each of the output");
     layer.Elements(y, Mul(matrices, M, N), "the products do not fit the output");
+    layer.Work(Mul(matrices, M, N, K));
 }
 
 void CheckMatMul(LayerCheck& layer)
@@ -165,12 +167,19 @@ void CheckConvolution(LayerCheck& layer)
 
     const uint64_t further = attr.groupNum > 1 ? attr.groupNum - 1 : 0;
     uint64_t block = Add(Mul(further, attr.outGroupOffset), Mul(attr.gemmM, attr.gemmN));
+    if (images > 1) {
+        layer.AtLeast(OPKIT_ATTR_FIELD(layer, ConvolutionAttr, outChannels), Mul(attr.outChannels, plane), block,
+                      "outHeight * outWidth * outChannels is less than the images' results, which overlap");
+    }
+    uint64_t perImage = Add(columns, Mul(further + 1, attr.gemmM, Mul(attr.gemmN, attr.gemmK)));
     if (hasBias) {
+        perImage = Add(perImage, Mul(attr.outChannels, attr.gemmN));
         block = std::max(block, Mul(attr.outChannels, attr.gemmN));
         layer.Elements(w, std::max(attr.gemmN, attr.outChannels), "the bias step takes gemmN and outChannels weights");
         layer.Modifies(w);
     }
     layer.Elements(y, Add(Mul(images - 1, plane, attr.outChannels), block), "the results end behind the output");
+    layer.Work(Mul(images, Add(perImage, w.Count())));  // the weights are converted for each image
 }
 
 void CheckDet(LayerCheck& layer)
@@ -179,6 +188,7 @@ void CheckDet(LayerCheck& layer)
     const Tensor& y = layer.OutExpanded();
     layer.Elements(x, Mul(y.Count(), x.Width(), x.Width()), "the input has no square matrix for each element");
     layer.Modifies(x);
+    layer.Work(Mul(y.Count(), x.Width(), Mul(x.Width(), x.Width())));
 }
 
 }  // namespace opkit::modelkit::check

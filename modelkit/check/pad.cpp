@@ -144,6 +144,7 @@ void CheckPad(LayerCheck& layer)
         written = Mul(written, static_cast<uint64_t>(axes.Extent(a) + axes.before[a] + axes.behind[a]));
     }
     layer.Floats(out, written, "the padded tensor does not fit the output");
+    layer.Work(written);
     if (attr.padMode <= OPKIT_PAD_EDGE) {
         layer.RowsReachAlign(in);
         layer.Floats(in, ReadEnd(merged, unit, in.Align()), "the rows that are read end behind the input");

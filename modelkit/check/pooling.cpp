@@ -1,4 +1,5 @@
-// Pooling and normalisation. Windows are clipped to the input whatever the attributes say, so only shapes count.
+// Pooling and normalisation. Windows are clipped to the input whatever the attributes say, so only shapes count for
+// what is read; the attributes count for how often.
 
 #include "opkit/attributes/pooling.h"
 #include "modelkit/check/layer_check.h"
@@ -17,6 +18,27 @@ uint64_t Results(const Tensor& in, const Tensor& out)
     return Mul(Planes(in), out.FromEnd(2), out.FromEnd(1));
 }
 
+// Input elements of a window along one axis, at most. A window that ends before the input counts as one without end,
+// and so does one whose place is beyond 31 bits.
+uint64_t WindowExtent(uint64_t size, uint64_t places, uint64_t kernel, uint64_t stride, uint64_t pad)
+{
+    const bool endless = kernel < pad || Add(Mul(places, stride), kernel) > INT32_MAX;
+    return endless ? size : std::min(size, kernel);
+}
+
+// Windows that do not move would all be the same.
+template <class Attr>
+void CheckWindows(LayerCheck& layer, const Tensor& in, const Tensor& out)
+{
+    const Attr attr = layer.Attr<Attr>();
+    constexpr const char* kStands = "windows that do not move";
+    layer.AtLeast(OPKIT_ATTR_FIELD(layer, Attr, strideH), attr.strideH, out.FromEnd(2) > 1 ? 1 : 0, kStands);
+    layer.AtLeast(OPKIT_ATTR_FIELD(layer, Attr, strideW), attr.strideW, out.FromEnd(1) > 1 ? 1 : 0, kStands);
+    layer.Work(Mul(Results(in, out),
+                   WindowExtent(in.FromEnd(2), out.FromEnd(2), attr.kernelH, attr.strideH, attr.padTop),
+                   WindowExtent(in.FromEnd(1), out.FromEnd(1), attr.kernelW, attr.strideW, attr.padLeft)));
+}
+
 constexpr const char* kTooFew = "the input's planes do not fit the output";
 
 }  // namespace
@@ -26,6 +48,7 @@ void CheckPoolingAve(LayerCheck& layer)
     const Tensor& in = layer.Next();
     const Tensor& out = layer.Out();
     layer.Elements(out, Results(in, out), kTooFew);
+    CheckWindows<PoolingAveAttr>(layer, in, out);
 }
 
 void CheckPoolingMax(LayerCheck& layer)
@@ -36,6 +59,7 @@ void CheckPoolingMax(LayerCheck& layer)
     if (layer.OutputNum() > 1) {
         layer.Elements(layer.Out(1), Results(in, out), "fewer positions than results");
     }
+    CheckWindows<PoolingMaxAttr>(layer, in, out);
 }
 
 void CheckPoolingLp(LayerCheck& layer)
@@ -43,6 +67,7 @@ void CheckPoolingLp(LayerCheck& layer)
     const Tensor& in = layer.NextCompacted();
     const Tensor& out = layer.OutExpanded();
     layer.Elements(out, Results(in, out), kTooFew);
+    CheckWindows<PoolingLpAttr>(layer, in, out);
 }
 
 void CheckMaxUnpool(LayerCheck& layer)

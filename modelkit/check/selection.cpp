@@ -1,6 +1,9 @@
 // Reductions, scans, sorting and searching.
 
 #include "opkit/attributes/selection.h"
+
+#include <bit>
+
 #include "modelkit/check/layer_check.h"
 
 namespace opkit::modelkit::check {
@@ -8,6 +11,12 @@ namespace {
 
 constexpr uint64_t kSortEntry = 8;
 constexpr const char* kLaneWork = "the work space holds one lane of sort entries";
+
+// Comparisons of a merge sort, which sorts each of the input's lines of `length`.
+uint64_t SortWork(const Tensor& in, uint64_t length)
+{
+    return Mul(in.Count(), static_cast<uint64_t>(std::bit_width(length)));
+}
 
 // Largest output index that an input element leads to: entries of `axes` behind `axesNum` count for the distances of
 // the output, but not for the walk.
@@ -35,21 +44,11 @@ uint64_t LastReducedIndex(const ReductionAttr& attr, const Tensor& in)
 uint64_t RoomForK(const std::vector<const Tensor*>& outputs, uint64_t lanes, uint64_t length)
 {
     const uint64_t width = outputs[0]->Width();
-    const auto fits = [&](uint64_t k) {
+    return LargestThatFits(length, [&](uint64_t k) {
         return std::all_of(outputs.begin(), outputs.end(), [&](const Tensor* out) {
             return Span(Mul(lanes, k), width, PitchOf(width, out->Align())) <= out->Room();
         });
-    };
-    uint64_t low = 0;
-    for (uint64_t high = length; low < high;) {
-        const uint64_t middle = low + (high - low + 1) / 2;
-        if (fits(middle)) {
-            low = middle;
-        } else {
-            high = middle - 1;
-        }
-    }
-    return low;
+    });
 }
 
 }  // namespace
@@ -84,6 +83,7 @@ void CheckArgmin(LayerCheck& layer)
     const uint64_t length = in.dims[static_cast<size_t>(axis)];
     layer.WorkSpace(Mul(kSortEntry, length), kLaneWork);
     layer.Elements(out, in.Count() / length, "the output has no element for each lane");
+    layer.Work(SortWork(in, length));
 }
 
 void CheckHardmax(LayerCheck& layer)
@@ -108,10 +108,15 @@ void CheckTopK(LayerCheck& layer)
         outputs.push_back(&layer.Out(1));
     }
     layer.WorkSpace(Mul(kSortEntry, length), kLaneWork);
+    layer.Work(SortWork(in, length));
     const bool writes = attr.hasValues != 0 || attr.hasIndices != 0;
     const uint64_t most = writes ? RoomForK(outputs, in.Count() / length, length) : length;
     if (attr.k == OPKIT_TOPK_K_FROM_INPUT) {
-        layer.Online(1, "k comes from the second online input");
+        const Tensor& k = layer.Online(1, "k comes from the second online input");
+        if (k.memory.block == Memory::Block::kScratch) {
+            layer.Refuse(k.placeField, static_cast<int64_t>(k.memory.begin), 0,
+                         "k lies in scratch, where no caller can hold it to a limit: it takes an input of the request");
+        }
         layer.Condition("the first element of inputs[1], k, lies from 0 to " + std::to_string(most));
     } else {
         layer.AtMost(kField, attr.k, most, "k is beyond the lane or the outputs");
@@ -120,8 +125,9 @@ void CheckTopK(LayerCheck& layer)
 
 void CheckNonZero(LayerCheck& layer)
 {
-    layer.Next();
+    const Tensor& in = layer.Next();
     layer.OutExpanded();
+    layer.Work(Mul(in.Rank(), in.Count()));
 }
 
 void CheckUnique(LayerCheck& layer)
@@ -140,6 +146,7 @@ void CheckUnique(LayerCheck& layer)
         sliceSize = in.Count() / slices;
     }
     layer.Floats(mapping, slices, "the mapping has an element for each position");
+    layer.Work(Add(Mul(2, SortWork(in, slices)), Mul(8, in.Count())));  // searched for, sorted where that is too long
     const uint64_t most = std::min({values.Room() / sliceSize, firsts.Room(), counts.Room()});
     if (most < slices) {
         layer.Condition("input 0 has at most " + std::to_string(most) + " distinct " +

@@ -41,6 +41,22 @@ inline uint64_t Span(uint64_t count, uint64_t width, uint64_t pitch)
     return count == 0 || width == 0 ? 0 : Add(Mul((count - 1) / width, pitch), (count - 1) % width + 1);
 }
 
+// The largest number up to `limit` that fits, of which 0 is one; with a number, all smaller ones fit.
+template <class Fits>
+uint64_t LargestThatFits(uint64_t limit, Fits fits)
+{
+    uint64_t low = 0;
+    for (uint64_t high = limit; low < high;) {
+        const uint64_t middle = low + (high - low + 1) / 2;
+        if (fits(middle)) {
+            low = middle;
+        } else {
+            high = middle - 1;
+        }
+    }
+    return low;
+}
+
 // A field of the model buffer, and where it lies from the buffer's start.
 struct Field {
     std::string name;

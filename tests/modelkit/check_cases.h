@@ -498,7 +498,7 @@ inline void TopK(CaseMaker& make)
     out[axis] = k;
     make.In(shape, make.random.Floats(ElementCount(shape), Values::kMixed), !fromInput);
     if (fromInput) {
-        make.In({1}, {static_cast<float>(k)}, false);
+        make.layer.Online({1}, {static_cast<float>(k)});
     }
     make.Out(out);
     if (attr.hasValues != 0 && attr.hasIndices != 0) {

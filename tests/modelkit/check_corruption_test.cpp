@@ -451,6 +451,40 @@ TEST(CheckCorruption, EveryOperatorOfTheTableHasCases)
 }
 
 // A network of a dozen layers.
+// Tensors of any size bound the number of proposals; as many as the condition allows are decoded inside them.
+TEST(CheckCorruption, AsManyProposalsAsTheConditionAllows)
+{
+    uint32_t accepted = 0;
+    ForRandomCases(IsLong() ? 20000 : 1000, [&](Random& random) {
+        const auto any = [&](uint32_t low, uint32_t high) {
+            return static_cast<uint32_t>(random.Int(static_cast<int32_t>(low), static_cast<int32_t>(high)));
+        };
+        const uint32_t n = any(1, 9);
+        DecBboxAttr attr = {};
+        attr.classNum = any(1, 4);
+        attr.hasClassId = any(0, 2);
+        attr.mergeClasses = any(0, 1);
+        const uint32_t boxes = (attr.hasClassId != 0 ? 6 : 5) * n * std::max(attr.classNum, 2U);
+        const uint32_t sizes[] = {any(8, 8 * n), any(2, attr.classNum * n + 2), any(boxes / 3, boxes)};
+        const auto layerFor = [&](float count) {
+            LayerCase layer("DecBboxOpkitForward");
+            layer.Attr<DecBboxAttr>() = attr;
+            layer.Online({sizes[0]}, {}).Online({sizes[1]}, {}).Online({4}, {}).Online({1}, {count});
+            return layer.Online({1, 1, 4, n}, {}).Output({sizes[2]});
+        };
+        World world(layerFor(0));
+        const CheckReport report = CheckBuffer(world.ModelBytes(), world.ModelInfo().tables, RequestOf(world.Param()));
+        if (!report.Accepted()) {
+            return;
+        }
+        ++accepted;
+        const std::string text = ConditionsOf(report).at(0);
+        World most(layerFor(std::stof(text.substr(text.rfind(' ')))));
+        FencedRequest(most.Param(), most.ModelInfo().tables).Run(most.ModelBytes(), nullptr);
+    });
+    EXPECT_GT(accepted, 100u);
+}
+
 TEST(CheckCorruption, Digits)
 {
     const Model model = LoadModel(std::string(OPKIT_SOURCE_DIR) + "/examples/digits/data/digits");

@@ -440,6 +440,10 @@ TEST(Check, Matrices)
     for (int k = 2; k < 9; ++k) {
         biased.Online({1}, {});
     }
+    LayerCase images = Op("Convolution").Online({2, 1, 3, 3}, {}).Online({1, 1, 2, 2}, {}).Output({2, 1, 2, 2});
+    images.Workspace(68).Attr<ConvolutionAttr>() = Conv().Attr<ConvolutionAttr>();
+    EXPECT_THAT(TextsOf(Check(images)), IsEmpty());
+    EXPECT_EQ(Check(images).work, 18u + 4 + 8 + 17 + 2 * (16 + 16 + 4));
     ExpectTexts({
         {withC, "bufSize at byte # is 28, limit 32: the work space holds the output's elements"},
         {gemm({3}, {3, 4}, {4}), "inputs[0].shape at byte # is 1, limit 2: A is a matrix or a stack of them"},
@@ -467,6 +471,9 @@ TEST(Check, Matrices)
          "inputs[0].shape at byte # is 4, limit 6: A has fewer rows than the output"},
         {Op("Det").Online({2, 3}, {}).Output({1}),
          "inputs[0].shape at byte # is 6, limit 9: the input has no square matrix for each element"},
+        {With<ConvolutionAttr>(images, [](auto& a) { a.outChannels = 0; }),
+         "outChannels at byte # is 0, limit 4: outHeight * outWidth * outChannels is less than the images' results, "
+         "which overlap"},
         {conv([](auto& a) { a.outWidth = 0; }), "outHeight at byte # is 0, limit 1: an empty output plane"},
         {conv([](auto& a) { a.channels = 0; }), "channels at byte # is 0, limit 1: an empty image"},
         {conv([](auto& a) { a.height = 4; }),
@@ -533,6 +540,12 @@ TEST(Check, Pooling)
     ExpectTexts({
         {Op("PoolingAve").Online({1, 2, 4, 4}, {}).Output({1, 1, 2, 2}),
          "outputs[0].shape at byte # is 4, limit 8: the input's planes do not fit the output"},
+        {With<PoolingMaxAttr>(Op("PoolingMax").Online({1, 1, 4, 4}, {}).Output({1, 1, 2, 1}),
+                              [](auto& a) { a.kernelH = a.kernelW = 2; }),
+         "strideH at byte # is 0, limit 1: windows that do not move"},
+        {With<PoolingLpAttr>(Op("PoolingLp").Online({1, 1, 4, 4}, {}).Output({1, 1, 1, 2}),
+                             [](auto& a) { a.kernelH = a.kernelW = 2; }),
+         "strideW at byte # is 0, limit 1: windows that do not move"},
         {two, "outputs[1].shape at byte # is 4, limit 8: fewer positions than results"},
         {Op("MaxUnpool").Online({1, 1, 2, 3}, {}).Online({1, 1, 3, 2}, {}).Output({1, 1, 4, 6}),
          "inputs[1].shape[3] at byte # is 2, limit 3: rows shorter than the input's"},
@@ -585,6 +598,10 @@ TEST(Check, Selection)
         {topK([](auto& a) { a.axis = 2; }), "axis at byte # is 2, limit 1: not an axis of the tensor"},
         {topK([](auto& a) { a.k = OPKIT_TOPK_K_FROM_INPUT; }),
          "safe if the first element of inputs[1], k, lies from 0 to 3"},
+        {With<TopKAttr>(Op("TopK").Online({5}, {}).Online(Scratch({1})).Output({3}).Workspace(40),
+                        [](auto& a) { a.k = OPKIT_TOPK_K_FROM_INPUT; }),
+         "inputs[1].memIndex at byte # is 0, limit 0: k lies in scratch, where no caller can hold it to a limit: it "
+         "takes an input of the request"},
         {unique, "safe if input 0 has at most 4 distinct elements, each NaN being one of its own"},
         {With<UniqueAttr>(unique, [](auto& a) { a.axis = 1; }),
          "axis at byte # is 1, limit 0: not an axis of the tensor"},
@@ -596,6 +613,57 @@ TEST(Check, Selection)
     LayerCase noK = Op("TopK").Online({2, 5}, {}).Output({2, 3}).Workspace(40);
     noK.Attr<TopKAttr>().k = OPKIT_TOPK_K_FROM_INPUT;
     ExpectTexts({{noK, "inputNum at byte # is 1, limit 2: k comes from the second online input"}});
+}
+
+// An operation for each element of the tensors, gaps included, and of the work space, and what the operator does more.
+TEST(Check, Work)
+{
+    const auto workOf = [](const LayerCase& layer) {
+        const CheckReport report = Check(layer);
+        EXPECT_THAT(TextsOf(report), IsEmpty()) << layer.Describe();
+        EXPECT_EQ(report.mostWork.operations, report.work);
+        EXPECT_EQ(report.mostWork.place.Text(), "segment 0, layer 0 (" + layer.OperatorName() + ")");
+        return report.work;
+    };
+    const auto pool = [&](uint32_t kernel, uint32_t stride, uint32_t padTop) {
+        return workOf(
+            With<PoolingMaxAttr>(Op("PoolingMax").Online({1, 1, 5, 5}, {}).Output({1, 1, 3, 3}), [&](auto& a) {
+                a.kernelH = a.kernelW = kernel;
+                a.strideH = a.strideW = stride;
+                a.padTop = padTop;
+            }));
+    };
+    EXPECT_EQ(workOf(Neg()), 8u + 8);
+    EXPECT_EQ(workOf(Neg().Batch(3)), 3u * (8 + 8));
+    const LayerCase product = Op("MatMul").Online({2, 3}, {}).Online({3, 4}, {}).Output({5, 2, 4});
+    EXPECT_EQ(workOf(product), 6u + 12 + 40 + 5 * 2 * 3 * 4);
+    EXPECT_EQ(workOf(Op("Det").Online({2, 3, 3}, {}).Output({2})), 18u + 2 + 2 * 3 * 3 * 3);
+    EXPECT_EQ(pool(3, 1, 0), 25u + 9 + 9 * 3 * 3);
+    EXPECT_EQ(pool(3, 1, 4), 25u + 9 + 9 * 5 * 3) << "a window that ends before the input counts as one without end";
+    EXPECT_EQ(pool(0x7fffffff, 1, 0), 25u + 9 + 9 * 5 * 5);
+    EXPECT_EQ(pool(3, 0x40000000, 0), 25u + 9 + 9 * 5 * 5) << "places beyond 31 bits count as before the input";
+    EXPECT_EQ(workOf(Op("NonMaxSuppression").Online({1, 3, 4}, {}).Online({1, 2, 3}, {}).Output({6, 3}).Workspace(32)),
+              12u + 6 + 18 + 8 + 2 * 3 * 3);
+    EXPECT_EQ(workOf(With<ArgminAttr>(Op("Argmin").Online({2, 5}, {}).Output({2}).Workspace(40),
+                                      [](auto& a) { a.axis = 1; })),
+              10u + 2 + 10 + 10 * 3);
+    EXPECT_EQ(Check(With<CumSumAttr>(Op("CumSum").Online({2, 3}, {}).Output({2, 3}), [](auto& a) { a.axis = 2; })).work,
+              0u)
+        << "a refused layer does not run";
+}
+
+TEST(Check, WorkOfAModel)
+{
+    ModelBuilder builder;
+    const TensorRef x = builder.AddInput({"x", {2, 3}, 0});
+    const TensorRef between = builder.AddScratch({"between", {2, 3}, 0});
+    const TensorRef y = builder.AddOutput({"y", {2, 2}, 0});
+    builder.AddLayer("NegOpkitForward").Online(x).Output(between);
+    builder.AddLayer("MatMulOpkitForward").Online(between).Offline({3, 2}, {1, 2, 3, 4, 5, 6}).Output(y);
+    const CheckReport report = CheckModel(builder.Build(), 4);
+    EXPECT_EQ(report.work, 4u * (6 + 6 + (6 + 6 + 4 + 12)));
+    EXPECT_EQ(report.mostWork.operations, 4u * (6 + 6 + 4 + 12));
+    EXPECT_EQ(report.mostWork.place.Text(), "segment 0, layer 1 (MatMulOpkitForward)");
 }
 
 TEST(Check, Movement)
@@ -696,6 +764,12 @@ TEST(Check, GatherAndScatter)
     const std::string dimText = std::string("inputs[2].shape[1] at byte # is 2, limit 3: ") + kUpdates;
     ExpectTexts({
         {gather(2, {2, 3}), "gatherAxis at byte # is 2, limit 1: not an axis of the tensor"},
+        {gather(0, {4, 2}),
+         "outputs[0].stride of the request tensor at byte # is 8, limit 12: rows as far apart as the stride would "
+         "overlap"},
+        {gather(1, {4, 1}),
+         "outputs[0].stride of the request tensor at byte # is 4, limit 8: rows as far apart as the stride would "
+         "overlap"},
         {gather(0, {5}),
          "outputs[0].size of the request tensor at byte # is 20, limit 32: the slices do not fit the output"},
         {gather(1, {7}),
@@ -852,20 +926,43 @@ TEST(Check, Detection)
          "classNum at byte # is 0, limit 1: no class"},
         {decode({24}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 257; }),
          "classNum at byte # is 257, limit 256: the operator fails"},
-        {decode({23}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
-         "inputs[0].size of the request tensor at byte # is 92, limit 96: eight deltas per proposal"},
-        {decode({24}, {5}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
-         "inputs[1].size of the request tensor at byte # is 20, limit 24: a score per proposal and class"},
-        {decode({24}, {3}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 1; }),
-         "inputs[1].size of the request tensor at byte # is 12, limit 16: a score per proposal and class"},
+        {decode({7}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
+         "inputs[0].size of the request tensor at byte # is 28, limit 32: eight deltas per proposal"},
+        {decode({24}, {1}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
+         "inputs[1].size of the request tensor at byte # is 4, limit 8: a score per proposal and class, of two at "
+         "least"},
         {decode({24}, {6}, {4}, {1, 1, 4, 3}, {1, 1, 5, 3}, keep),
-         "outputs[0].size of the request tensor at byte # is 60, limit 120: the boxes of all classes, of two at least, "
+         "outputs[0].size of the request tensor at byte # is 60, limit 112: the boxes of all classes, of two at least, "
          "do not fit the "
          "output"},
+        // What is there for fewer proposals bounds their number.
+        {decode({23}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 2"},
+        {decode({24}, {5}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 2"},
+        {decode({24}, {3}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, [](auto& a) { a.classNum = 1; }),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 2"},
+        {decode({24}, {6}, {4}, {1, 1, 4, 3}, {29}, keep),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 2"},
+        {decode({24}, {4}, {4}, {1, 1, 4, 3}, {15}, [](auto& a) { a.classNum = a.mergeClasses = 1; }),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 1"},
+        {decode({24}, {9}, {4}, {1, 1, 4, 3}, {44}, [](auto& a) { a.classNum = 3, a.mergeClasses = 1; }),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 2"},
+        {decode({24}, {6}, {4}, {1, 1, 4, 3}, {35}, [](auto& a) { a.hasClassId = 1; }),
+         "safe if the first element of input 3, the number of proposals, lies from 0 to 2"},
         {stage({2, 15}, {1, 2, 5, 3}, keep), "safe if the layers before leave at most 3 boxes in each list"},
-        {stage({2, 15}, {1, 2, 5, 2}, keep), "safe if the layers before leave at most 2 boxes in each list"},
-        {stage({2, 15}, {1, 2, 5, 5}, [](auto& a) { a.packOutput = 1; }),
-         "safe if the layers before leave at most 3 boxes in each list, and this layer keeps at most 5 in all"},
+        {stage({2, 15}, {1, 2, 5, 2}, keep), "safe if the layers before leave at most 3 boxes in each list"},
+        {stage({2, 15}, {1, 2, 5, 5}, [](auto& a) { a.packOutput = 1, a.maxBoxNum = 3; }),
+         "safe if the layers before leave at most 3 boxes in each list and at most 5 in all"},
+        // A list is cut before it is written by suppression, to one box at least, and by the filter; not by a sort.
+        {stage({2, 15}, {1, 2, 5, 5}, [](auto& a) { a.packOutput = 1, a.stage = OPKIT_STAGE_FILTER, a.maxBoxNum = 2; }),
+         "safe if the layers before leave at most 3 boxes in each list"},
+        {stage({2, 15}, {1, 2, 5, 2}, [](auto& a) { a.stage = OPKIT_STAGE_FILTER, a.maxBoxNum = 2; }),
+         "safe if the layers before leave at most 3 boxes in each list"},
+        {stage({2, 15}, {1, 2, 5, 2}, [](auto& a) { a.stage = OPKIT_STAGE_SORT, a.maxBoxNum = 2; }),
+         "safe if the layers before leave at most 2 boxes in each list"},
+        {stage({2, 15}, {1, 2, 5, 5}, [](auto& a) { a.packOutput = 1, a.stage = OPKIT_STAGE_SORT, a.maxBoxNum = 2; }),
+         "safe if the layers before leave at most 3 boxes in each list and at most 5 in all"},
         {stage({2, 14}, {1, 2, 5, 3}, keep),
          "inputs[0].shape at byte # is 28, limit 30: the lists do not fit the input"},
         {stage({2, 15}, {30}, keep),
@@ -892,8 +989,7 @@ TEST(Check, Detection)
     ExpectTexts({{constant, "safe if the first element of input 3, the number of proposals, lies from 0 to 3"}});
     constant.Tamper(
         [](World& w) { w.Attr<LayerAttrHead>().offlineOffset[0] = static_cast<int32_t>(w.ModelBytes().size()) - 92; });
-    EXPECT_THAT(TextsOf(Check(constant)),
-                ElementsAre(testing::HasSubstr("the shares of all proposals end behind the model buffer")));
+    ExpectTexts({{constant, "safe if the first element of input 3, the number of proposals, lies from 0 to 2"}});
     // Padded shares are compacted for all proposals.
     LayerCase padded = decode({3, 8}, {6}, {4}, {1, 1, 4, 3}, {1, 2, 5, 3}, keep);
     padded.Tamper([](World& w) { Dim(w, false, 0, 1) = 7; });

@@ -30,8 +30,24 @@ protected:
 TEST_F(CheckCommand, Accepts)
 {
     Save("net", false, 6);
-    EXPECT_EQ(Good("check net"), "net.json for 1 to 4 batch items: accepted, safe for any data\n");
-    EXPECT_EQ(Good("check net.bin --batch 1 --strict"), "net.json for 1 batch item: accepted, safe for any data\n");
+    EXPECT_EQ(Good("check net"),
+              "work       up to 100 element operations, 52 of them in segment 0, layer 0 (ModOpkitForward)\n"
+              "net.json for 1 to 4 batch items: accepted, safe for any data\n");
+    EXPECT_EQ(Good("check net.bin --batch 1 --strict"),
+              "work       up to 25 element operations, 13 of them in segment 0, layer 0 (ModOpkitForward)\n"
+              "net.json for 1 batch item: accepted, safe for any data\n");
+}
+
+TEST_F(CheckCommand, MaxWork)
+{
+    Save("net", false, 6);
+    EXPECT_THAT(Good("check net --max-work 100"), HasSubstr("accepted, safe for any data\n"));
+    const ToolResult result = Tool("check net --max-work 99");
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.out,
+              "refused    work of up to 100 element operations, 52 of them in segment 0, layer 0 (ModOpkitForward)\n"
+              "net.json for 1 to 4 batch items: refused, 1 finding\n");
+    EXPECT_EQ(Tool("check net --max-work 0").code, 2);
 }
 
 TEST_F(CheckCommand, Conditions)
