@@ -4,6 +4,7 @@
 // by term onto the scaled C, the transposed one sums the products apart and adds C once at the end.
 
 #include <string.h>
+#include <xmmintrin.h>
 
 #include "ops/matrix/product_plan.h"
 
@@ -37,22 +38,62 @@ bool IsOneTallProduct(const GemmArgs& first, int32_t aCount, int32_t bCount, int
            uint64_t{first.M} * static_cast<uint32_t>(count) <= INT32_MAX / (uint64_t{first.N} + 1);
 }
 
-}  // namespace
+// Rounding to nearest, subnormal numbers as they are: what every program starts with. Elsewhere, only the plain loops.
+bool HasDefaultRounding()
+{
+    constexpr uint32_t kRoundingAndFlushes = 0x6000 | 0x8000 | 0x0040;
+    return (_mm_getcsr() & kRoundingAndFlushes) == 0;
+}
 
-void RunProduct(const ProductPlan& plan)
+size_t ElementsOf(const ProductPlan& plan)
+{
+    return static_cast<size_t>(CountOf(plan.M, plan.N));
+}
+
+// With few rows or columns a look at both operands costs as much as the product.
+bool AddsZerosOnly(const ProductPlan& plan)
+{
+    constexpr uint32_t kWorthALook = 4;
+    if (plan.alpha != 0.0f || plan.start != Start::kCleared || plan.M < kWorthALook || plan.N < kWorthALook ||
+        !HasDefaultRounding()) {
+        return false;
+    }
+    return plan.source != nullptr ||
+           (AreSmall(plan.a.data, size_t{plan.M} * plan.K) && AreSmall(plan.b.data, size_t{plan.K} * plan.N));
+}
+
+void ClearC(const ProductPlan& plan)
+{
+    if (CountOf(plan.M, plan.N) > 0) {
+        memset(plan.c, 0, ElementsOf(plan) * sizeof(float));
+    }
+}
+
+Ways RunApart(const ProductPlan& plan)
 {
     const GemmKernels& kernels = Kernels<GemmKernels>();
-    const int32_t count = CountOf(plan.M, plan.N);
-    if (plan.start == Start::kCleared && count > 0) {
-        memset(plan.c, 0, static_cast<size_t>(count) * sizeof(float));
+    if (plan.start == Start::kCleared) {
+        ClearC(plan);
     }
     if (plan.source != nullptr) {
         kernels.accumulateFrom(plan.M, plan.N, plan.K, plan.alpha, plan.a, *plan.source, plan.c);
     } else if (plan.start != Start::kApart) {
         kernels.accumulate(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
-    } else if (count != 0) {
+    } else if (CountOf(plan.M, plan.N) != 0) {
         kernels.addSums(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
     }
+    return kWayApart;
+}
+
+}  // namespace
+
+Ways RunProduct(const ProductPlan& plan)
+{
+    if (AddsZerosOnly(plan)) {
+        ClearC(plan);
+        return kWayZeros;
+    }
+    return RunApart(plan);
 }
 
 void MultiplyStack(GemmArgs first, int32_t aCount, int32_t bCount, int32_t count)
@@ -76,7 +117,9 @@ using namespace opkit;
 
 void Gemm(GemmArgs args)
 {
-    if (args.beta != 0.0f) {  // NaN included
+    // A factor of 1 changes nothing, and what it would make of a signalling NaN the first term does.
+    const bool keepsC = args.beta == 1.0f && args.K != 0 && HasDefaultRounding();
+    if (args.beta != 0.0f && !keepsC) {  // NaN included
         const int32_t count = CountOf(args.M, args.N);
         for (int32_t i = 0; i < count; ++i) {
             args.C[i] *= args.beta;

@@ -7,6 +7,7 @@
 // - Rows of C do not know of each other: a stack of products with one right factor is one tall product.
 // - a * b = b * a, so that kernels may exchange the operands; alpha stays with the elements of A.
 // - The correction of a quantised product without zero points subtracts zeros: see CorrectionVanishes().
+// - With an alpha of zero and finite operands all terms are +0.0 or -0.0, and a cleared C stays +0.0 throughout.
 #ifndef OPKIT_OPS_MATRIX_PRODUCT_PLAN_H
 #define OPKIT_OPS_MATRIX_PRODUCT_PLAN_H
 
@@ -21,6 +22,11 @@ enum class Start {
     kApart,    // the terms are summed from +0.0, and C is added to the sum
 };
 
+// The ways that a product went, as a set.
+using Ways = uint32_t;
+constexpr Ways kWayZeros = 1;  // C was cleared, and there was nothing to add
+constexpr Ways kWayApart = 2;  // in f32, product and sum rounded one after the other: always right
+
 // C [M, N], with the terms (a * alpha) * b of each element added for k ascending.
 struct ProductPlan {
     uint32_t M;
@@ -29,12 +35,12 @@ struct ProductPlan {
     float alpha;
     MatrixView a;
     MatrixView b;
-    const PanelSource* source;  // in place of `b`, or null; not for sums apart
+    const PanelSource* source;  // in place of `b`, or null; `a` and its values are finite then; not for sums apart
     Start start;
     float* c;
 };
 
-void RunProduct(const ProductPlan& plan);
+Ways RunProduct(const ProductPlan& plan);
 
 // A product for each matrix of a stack C[i] = A[i % aCount] * B[i % bCount]; `first` is that of i = 0. The counts of A
 // and B are not 0 if there is any matrix.

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cfenv>
 #include <limits>
 #include <vector>
 
 #include "opkit/helpers.h"
+#include "ops/matrix/product_plan.h"
 #include "tests/reference/matrix_core.h"
 #include "tests/support/float_bits.h"
 #include "tests/support/levels.h"
@@ -146,6 +148,58 @@ TEST(Gemm, AlphaMeetsAFirst)
             EXPECT_TRUE(SameFloats(Product(flags, {1, 17, 1}, {1e10f, 0}, {0}, Floats(17, 1e30f), Floats(17)),
                                    Floats(17, 0.0f)));
         }
+    });
+}
+
+// C = alpha * A * B onto `start`, or onto a cleared C that holds something else; how it went, and the bits of the loop.
+struct Problem {
+    Sizes sizes;
+    Floats a;
+    Floats b;
+    Floats start;
+    bool cleared = true;
+    float alpha = 1.0f;
+    Flags flags = {};  // of a cleared C only
+};
+
+Ways RunAsReference(Problem p)
+{
+    const Sizes& s = p.sizes;
+    Floats expected = p.start;
+    RefGemm({p.flags.transA, p.flags.transB, s.M, s.N, s.K, p.alpha, p.a.data(), p.b.data(), p.cleared ? 0.0f : 1.0f,
+             expected.data()});
+    const MatrixView a = p.flags.transA != 0 ? MatrixView{p.a.data(), 1, s.M} : MatrixView{p.a.data(), s.K, 1};
+    const MatrixView b = p.flags.transB != 0 ? MatrixView{p.b.data(), 1, s.K} : MatrixView{p.b.data(), s.N, 1};
+    const Ways ways = RunProduct(
+        {s.M, s.N, s.K, p.alpha, a, b, nullptr, p.cleared ? Start::kCleared : Start::kFromC, p.start.data()});
+    EXPECT_TRUE(SameFloats(p.start, expected)) << "M " << s.M << " N " << s.N << " K " << s.K;
+    return ways;
+}
+
+TEST(Product, AlphaOfZeroAddsNothingToAClearedC)
+{
+    ForEachLevel([](Level) {
+        Problem p = {{7, 9, 5}, Floats(35, -2.5f), Floats(45, 0.3f), Floats(63, kNan), true, 0.0f};
+        EXPECT_EQ(RunAsReference(p), kWayZeros);
+        p.alpha = -0.0f;
+        EXPECT_EQ(RunAsReference(p), kWayZeros);
+        p.cleared = false;  // -0.0 and +0.0 make +0.0
+        p.start.assign(63, -0.0f);
+        EXPECT_EQ(RunAsReference(p), kWayApart);
+        p.cleared = true;
+        for (const float bad : {kInf, -kInf, kNan}) {
+            Problem badA = p;
+            badA.a[34] = bad;
+            EXPECT_EQ(RunAsReference(badA), kWayApart);
+            Problem badB = p;
+            badB.b[44] = bad;
+            EXPECT_EQ(RunAsReference(badB), kWayApart);
+        }
+        fesetround(FE_DOWNWARD);  // +0.0 and -0.0 make -0.0
+        EXPECT_EQ(RunAsReference(p), kWayApart);
+        fesetround(FE_TONEAREST);
+        p.alpha = 0x1p-149f;
+        EXPECT_EQ(RunAsReference(p), kWayApart);
     });
 }
 
