@@ -1,6 +1,6 @@
 // opkit_bench: measures the table of docs/performance.md.
 //
-//     opkit_bench [--quick] [--level baseline|avx2|avx512] [--only TEXT] [--json FILE] [--no-growth] [--list]
+//     opkit_bench [--quick] [--level baseline|avx2|avx512|vnni] [--only TEXT] [--json FILE] [--no-growth] [--list]
 //
 // Ratios hold for one run: candidates alternate. Peers run on one thread. With --only neither the limits of the machine
 // nor the growth of cost are measured.
@@ -41,7 +41,7 @@ struct Options {
 [[noreturn]] void Usage()
 {
     std::fprintf(stderr,
-                 "usage: opkit_bench [--quick] [--level baseline|avx2|avx512] [--only TEXT] [--json FILE] "
+                 "usage: opkit_bench [--quick] [--level baseline|avx2|avx512|vnni] [--only TEXT] [--json FILE] "
                  "[--no-growth] [--list]\n");
     std::exit(2);
 }
@@ -56,6 +56,9 @@ Level LevelOf(const std::string& name)
     }
     if (name == "avx512") {
         return Level::kAvx512;
+    }
+    if (name == "vnni") {
+        return Level::kVnni;
     }
     Usage();
 }

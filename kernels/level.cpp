@@ -41,7 +41,8 @@ Level Detect()
     }
     constexpr uint32_t kAvx512 = (1U << 16) | (1U << 17) | (1U << 28) | (1U << 30) | (1U << 31);  // F DQ CD BW VL
     const bool avx512 = (b & kAvx512) == kAvx512 && (states & kAvx512State) == kAvx512State;
-    return avx512 ? Level::kAvx512 : Level::kAvx2;
+    constexpr uint32_t kVnni = 1U << 11;
+    return !avx512 ? Level::kAvx2 : (c & kVnni) == 0 ? Level::kAvx512 : Level::kVnni;
 }
 
 }  // namespace
@@ -69,7 +70,7 @@ void OverrideLevel(Level level)
 
 const char* LevelName(Level level)
 {
-    constexpr const char* kNames[] = {"baseline", "AVX2", "AVX-512"};
+    constexpr const char* kNames[] = {"baseline", "AVX2", "AVX-512", "AVX-512 VNNI"};
     return kNames[static_cast<int>(level)];
 }
 

@@ -29,7 +29,7 @@
 
 namespace opkit {
 
-enum class Level { kBaseline = 0, kAvx2 = 1, kAvx512 = 2 };
+enum class Level { kBaseline = 0, kAvx2 = 1, kAvx512 = 2, kVnni = 3 };  // VNNI: AVX-512 with products of small integers
 
 // What the processor and the operating system can run.
 Level DetectedLevel();
@@ -46,22 +46,24 @@ const char* LevelName(Level level);
 template <class Record>
 const Record& Kernels();
 
-// Declares a record's table at every level, named after it: kUnaryKernels of UnaryKernels.
-#define OPKIT_KERNEL_TABLE(Record)                                                                          \
-    namespace baseline {                                                                                    \
-    extern const Record k##Record;                                                                          \
-    }                                                                                                       \
-    namespace avx2 {                                                                                        \
-    extern const Record k##Record;                                                                          \
-    }                                                                                                       \
-    namespace avx512 {                                                                                      \
-    extern const Record k##Record;                                                                          \
-    }                                                                                                       \
-    template <>                                                                                             \
-    inline const Record& Kernels<Record>()                                                                  \
-    {                                                                                                       \
-        static const Record* const tables[] = {&baseline::k##Record, &avx2::k##Record, &avx512::k##Record}; \
-        return *tables[static_cast<int>(ActiveLevel())];                                                    \
+// Declares a record's table at every level, named after it: kUnaryKernels of UnaryKernels. With VNNI that of AVX-512 is
+// used: what is compiled for VNNI alone, kernels/whole.h, has a choice of its own.
+#define OPKIT_KERNEL_TABLE(Record)                                                                         \
+    namespace baseline {                                                                                   \
+    extern const Record k##Record;                                                                         \
+    }                                                                                                      \
+    namespace avx2 {                                                                                       \
+    extern const Record k##Record;                                                                         \
+    }                                                                                                      \
+    namespace avx512 {                                                                                     \
+    extern const Record k##Record;                                                                         \
+    }                                                                                                      \
+    template <>                                                                                            \
+    inline const Record& Kernels<Record>()                                                                 \
+    {                                                                                                      \
+        static const Record* const tables[] = {&baseline::k##Record, &avx2::k##Record, &avx512::k##Record, \
+                                               &avx512::k##Record};                                        \
+        return *tables[static_cast<int>(ActiveLevel())];                                                   \
     }
 
 }  // namespace opkit

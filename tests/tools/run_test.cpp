@@ -65,7 +65,7 @@ TEST_F(RunTest, ComputesAndReports)
     char crc[16];
     std::snprintf(crc, sizeof(crc), "%08x", Crc32(std::as_bytes(std::span(bytes))));
     EXPECT_THAT(out, HasSubstr("opkit   3.0.0 (Version:4ed1745), "));
-    EXPECT_THAT(out, testing::ContainsRegex("processor level (baseline|AVX2|AVX-512)\n"));
+    EXPECT_THAT(out, testing::ContainsRegex("processor level (baseline|AVX2|AVX-512|AVX-512 VNNI)\n"));
     EXPECT_THAT(out, HasSubstr("model   net.json  crc " + std::string(crc)));
     const float x[] = {1, 2, 4, -1, 8, -0.5f};
     std::snprintf(crc, sizeof(crc), "%08x", Crc32(std::as_bytes(std::span(x))));
