@@ -43,8 +43,7 @@ opkit_object_library(opkit_core ${opkit_sources})
 
 include(OpkitKernels)
 
-set(opkit_object_files $<TARGET_OBJECTS:opkit_core> $<TARGET_OBJECTS:opkit_kernels_baseline>
-                       $<TARGET_OBJECTS:opkit_kernels_avx2> $<TARGET_OBJECTS:opkit_kernels_avx512>)
+set(opkit_object_files $<TARGET_OBJECTS:opkit_core> ${opkit_kernel_objects})
 
 # The same objects for tests and benchmarks, hidden functions included.
 add_library(opkit_objects STATIC ${opkit_object_files})

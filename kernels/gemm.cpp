@@ -14,15 +14,13 @@
 
 #include "common/smaller.h"
 #include "kernels/contract.h"
+#include "kernels/tile_columns.h"
 #include "kernels/vector.h"
 
 namespace opkit::OPKIT_LEVEL {
 namespace {
 
-constexpr size_t kTileRows = 6;
-constexpr size_t kTileVectors = kVectorRegisters / 8;  // times six rows: sums take three quarters of the registers
 constexpr size_t kDepth = 512 / kTileVectors;
-constexpr size_t kTileColumns = kTileVectors * kLanes;
 constexpr size_t kBlockRows = 96;     // copied at a time, or their sums kept apart
 constexpr size_t kManyRows = 24;      // read a panel often enough for a copy of it to pay
 constexpr size_t kLine = 16;          // floats in a cache line
@@ -361,15 +359,6 @@ void RunBlocked(const Product& p, bool direct)
             }
         }
     }
-}
-
-// Columns of the tile at j: as many vectors in each tile as in the others, but for one, so that none is narrow.
-size_t EvenColumns(size_t j, size_t columnCount)
-{
-    const size_t vectors = (columnCount - j + kLanes - 1) / kLanes;
-    const size_t tiles = (vectors + kTileVectors - 1) / kTileVectors;
-    const size_t columns = (vectors + tiles - 1) / tiles * kLanes;
-    return Smaller(columns, columnCount - j);
 }
 
 // Sums in C itself. All of C takes one block of terms before the next block, so that packed rows stay in the cache.

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <xmmintrin.h>
 
+#include "common/overlap.h"
 #include "ops/matrix/product_plan.h"
 
 namespace opkit {
@@ -85,6 +86,81 @@ Ways RunApart(const ProductPlan& plan)
     return kWayApart;
 }
 
+// Below this, examining the operands and laying out words costs more than integers gain.
+bool IsLargeEnough(const ProductPlan& plan)
+{
+    constexpr uint32_t kFewestRows = 6;
+    constexpr uint32_t kFewestColumns = 16;
+    constexpr uint32_t kFewestTerms = 8;
+    constexpr uint64_t kLeastWork = 1 << 16;
+    const uint64_t elements = uint64_t{plan.M} * plan.N;
+    return plan.M >= kFewestRows && plan.N >= kFewestColumns && plan.K >= kFewestTerms && elements <= INT32_MAX &&
+           elements * plan.K >= kLeastWork;
+}
+
+// An operand that C covers changes while C is written, in an order that is the f32 kernels' own.
+bool IsCApart(const ProductPlan& plan)
+{
+    const size_t count = ElementsOf(plan);
+    return !RangesOverlap(plan.a.data, size_t{plan.M} * plan.K, plan.c, count) &&
+           (plan.source != nullptr || !RangesOverlap(plan.b.data, size_t{plan.K} * plan.N, plan.c, count));
+}
+
+bool MayBeWhole(const ProductPlan& plan)
+{
+    return IsLargeEnough(plan) && plan.alpha == 1.0f && plan.start != Start::kApart && WholeKernelsInUse() != nullptr &&
+           (plan.source == nullptr || plan.sourceRange.whole) && HasDefaultRounding() && IsCApart(plan);
+}
+
+// A source from its row k0 on.
+struct LaterRows {
+    const PanelSource* source;
+    size_t k0;
+};
+
+void FillLaterRows(const void* context, size_t k0, size_t depth, size_t j0, size_t columns, float* to, size_t step)
+{
+    const LaterRows& rows = *static_cast<const LaterRows*>(context);
+    rows.source->fill(rows.source->context, rows.k0 + k0, depth, j0, columns, to, step);
+}
+
+Ways RunWhole(const ProductPlan& plan, WordForm form);
+
+// What integers have left over of a product: rows from `row` on, terms k0 to k1 - 1. Those of a C that has taken terms
+// before go onto it.
+Ways RunRest(const ProductPlan& plan, bool inShorts, size_t row, size_t k0, size_t k1)
+{
+    const LaterRows later = {plan.source, k0};
+    const PanelSource source = {FillLaterRows, &later};
+    ProductPlan rest = plan;
+    rest.M = plan.M - static_cast<uint32_t>(row);
+    rest.K = static_cast<uint32_t>(k1 - k0);
+    rest.a.data = plan.a.data + row * plan.a.rowStep + k0 * plan.a.columnStep;
+    if (plan.source != nullptr) {
+        rest.source = &source;
+    } else {
+        rest.b.data = plan.b.data + k0 * plan.b.rowStep;
+    }
+    rest.start = k0 == 0 ? plan.start : Start::kFromC;
+    rest.c = plan.c + row * plan.N;
+    return inShorts ? RunWhole(rest, WordForm::kShorts) : RunApart(rest);
+}
+
+Ways RunWhole(const ProductPlan& plan, WordForm form)
+{
+    const WholeProgress done = WholeKernelsInUse()->multiply({form, plan.M, plan.N, plan.K, plan.a, plan.b, plan.source,
+                                                              plan.sourceRange, plan.start == Start::kCleared, plan.c});
+    const bool inShorts = done.wide && form == WordForm::kBytes;
+    Ways ways = done.rows == 0 && done.from == 0 ? 0 : form == WordForm::kBytes ? kWayBytes : kWayShorts;
+    if (done.from < done.to) {
+        ways |= RunRest(plan, inShorts, done.rows, done.from, done.to);
+    }
+    if (done.to < plan.K) {
+        ways |= RunRest(plan, inShorts, 0, done.to, plan.K);
+    }
+    return ways;
+}
+
 }  // namespace
 
 Ways RunProduct(const ProductPlan& plan)
@@ -92,6 +168,9 @@ Ways RunProduct(const ProductPlan& plan)
     if (AddsZerosOnly(plan)) {
         ClearC(plan);
         return kWayZeros;
+    }
+    if (MayBeWhole(plan)) {
+        return RunWhole(plan, WholeKernelsInUse()->hasBytes ? WordForm::kBytes : WordForm::kShorts);
     }
     return RunApart(plan);
 }

@@ -12,6 +12,7 @@
 #define OPKIT_OPS_MATRIX_PRODUCT_PLAN_H
 
 #include "kernels/gemm.h"
+#include "kernels/whole.h"
 #include "opkit/helpers.h"
 
 namespace opkit {
@@ -24,8 +25,10 @@ enum class Start {
 
 // The ways that a product went, as a set.
 using Ways = uint32_t;
-constexpr Ways kWayZeros = 1;  // C was cleared, and there was nothing to add
-constexpr Ways kWayApart = 2;  // in f32, product and sum rounded one after the other: always right
+constexpr Ways kWayZeros = 1;   // C was cleared, and there was nothing to add
+constexpr Ways kWayApart = 2;   // in f32, product and sum rounded one after the other: always right
+constexpr Ways kWayShorts = 4;  // in integers (kernels/whole.h), as words of two shorts
+constexpr Ways kWayBytes = 8;   // or of four bytes
 
 // C [M, N], with the terms (a * alpha) * b of each element added for k ascending.
 struct ProductPlan {
@@ -38,6 +41,7 @@ struct ProductPlan {
     const PanelSource* source;  // in place of `b`, or null; `a` and its values are finite then; not for sums apart
     Start start;
     float* c;
+    WholeRange sourceRange = {false, 0, 0};  // the source's values, where they are known to be whole numbers
 };
 
 Ways RunProduct(const ProductPlan& plan);

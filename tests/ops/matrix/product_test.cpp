@@ -7,8 +7,7 @@
 #include <vector>
 
 #include "opkit/helpers.h"
-#include "ops/matrix/product_plan.h"
-#include "tests/reference/matrix_core.h"
+#include "tests/ops/matrix/product_cases.h"
 #include "tests/support/float_bits.h"
 #include "tests/support/levels.h"
 #include "tests/support/random.h"
@@ -18,25 +17,10 @@ namespace {
 
 using namespace opkit::test;
 using namespace opkit::reference;
-using Floats = std::vector<float>;
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
-
-struct Sizes {
-    uint32_t M;
-    uint32_t N;
-    uint32_t K;
-};
 
 struct Factors {
     float alpha = 1.0f;
     float beta = 1.0f;
-};
-
-struct Flags {
-    uint8_t transA = 0;
-    uint8_t transB = 0;
 };
 
 Floats Product(Flags flags, Sizes sizes, Factors factors, Floats a, Floats b, Floats c)
@@ -149,31 +133,6 @@ TEST(Gemm, AlphaMeetsAFirst)
                                    Floats(17, 0.0f)));
         }
     });
-}
-
-// C = alpha * A * B onto `start`, or onto a cleared C that holds something else; how it went, and the bits of the loop.
-struct Problem {
-    Sizes sizes;
-    Floats a;
-    Floats b;
-    Floats start;
-    bool cleared = true;
-    float alpha = 1.0f;
-    Flags flags = {};  // of a cleared C only
-};
-
-Ways RunAsReference(Problem p)
-{
-    const Sizes& s = p.sizes;
-    Floats expected = p.start;
-    RefGemm({p.flags.transA, p.flags.transB, s.M, s.N, s.K, p.alpha, p.a.data(), p.b.data(), p.cleared ? 0.0f : 1.0f,
-             expected.data()});
-    const MatrixView a = p.flags.transA != 0 ? MatrixView{p.a.data(), 1, s.M} : MatrixView{p.a.data(), s.K, 1};
-    const MatrixView b = p.flags.transB != 0 ? MatrixView{p.b.data(), 1, s.K} : MatrixView{p.b.data(), s.N, 1};
-    const Ways ways = RunProduct(
-        {s.M, s.N, s.K, p.alpha, a, b, nullptr, p.cleared ? Start::kCleared : Start::kFromC, p.start.data()});
-    EXPECT_TRUE(SameFloats(p.start, expected)) << "M " << s.M << " N " << s.N << " K " << s.K;
-    return ways;
 }
 
 TEST(Product, AlphaOfZeroAddsNothingToAClearedC)
