@@ -168,7 +168,7 @@ void MultiplyColumns(const ConvolutionAttr& attr, const Plan& plan, float* colum
 }
 
 // The same straight from the image, where it and the weights are small: then there is nothing to correct.
-void MultiplyImage(const ConvolutionAttr& attr, const Plan& plan, float* image, float* y)
+void MultiplyImage(const ConvolutionAttr& attr, const Plan& plan, const WholeRange& range, float* image, float* y)
 {
     ImageColumns columns = plan.columns;
     const PanelSource source = {Kernels<ImageColumnKernels>().fill, &columns};
@@ -177,7 +177,7 @@ void MultiplyImage(const ConvolutionAttr& attr, const Plan& plan, float* image, 
         const MatrixView w = {plan.product.a.data + GroupOffset(g, attr.weightGroupOffset), attr.gemmK, 1};
         float* const c = y + GroupOffset(g, attr.outGroupOffset);
         columns.args.src = image + g * (attr.channels / attr.groupNum) * size_t{attr.height} * attr.width;
-        RunProduct({attr.gemmM, attr.gemmN, attr.gemmK, alpha, w, {}, &source, Start::kCleared, c});
+        RunProduct({attr.gemmM, attr.gemmN, attr.gemmK, alpha, w, {}, &source, Start::kCleared, c, range});
     }
 }
 
@@ -209,8 +209,9 @@ void RunImages(const ConvolutionAttr& attr, const Operands& o, const Plan& plan,
         if (n == 0 || hasBias) {  // the bias step changes weights
             smallWeights = plan.mayReadImage && AreSmall(o.w.data, plan.weights);
         }
-        if (smallWeights && AreSmall(image, imageSize)) {
-            MultiplyImage(attr, plan, image, y);
+        const WholeRange range = smallWeights ? RangeOfColumns(plan.layout, image, imageSize) : WholeRange{};
+        if (smallWeights && (range.whole || AreSmall(image, imageSize))) {
+            MultiplyImage(attr, plan, range, image, y);
         } else {
             MultiplyColumns(attr, plan, plan.imageIsMatrix ? image : LayOutColumns(plan, image), y);
         }

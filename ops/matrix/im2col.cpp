@@ -101,6 +101,19 @@ bool DescribeColumns(const Im2colArgs& args, ImageColumns* columns)
     return true;
 }
 
+WholeRange RangeOfColumns(const Im2colArgs& args, const float* image, size_t count)
+{
+    const WholeKernels* const kernels = WholeKernelsInUse();
+    if (kernels == nullptr) {
+        return {false, 0, 0};
+    }
+    WholeRange range = kernels->examine(image, count);
+    range.whole = range.whole && args.padValue >= -kLargestWhole && args.padValue <= kLargestWhole;
+    range.lowest = args.padValue < range.lowest ? args.padValue : range.lowest;
+    range.highest = args.padValue > range.highest ? args.padValue : range.highest;
+    return range;
+}
+
 }  // namespace opkit
 
 using namespace opkit;

@@ -3,6 +3,7 @@
 #define OPKIT_OPS_MATRIX_IM2COL_H
 
 #include "kernels/image_columns.h"
+#include "kernels/whole.h"
 #include "opkit/helpers.h"
 
 namespace opkit {
@@ -13,6 +14,9 @@ bool IsPointwise(const Im2colArgs& args);
 // Describes the matrix that Im2col lays out. False, with nothing described, where its coordinates may wrap or run
 // backward, where the kernel exceeds the padded image, and for kernels of more than 2^16 places along an axis.
 bool DescribeColumns(const Im2colArgs& args, ImageColumns* columns);
+
+// The values of the matrix of an image of `count` floats, padding included. Not whole where no product asks for it.
+WholeRange RangeOfColumns(const Im2colArgs& args, const float* image, size_t count);
 
 }  // namespace opkit
 

@@ -1,6 +1,7 @@
 #include <bit>
 
 #include "opkit/attributes/matrix.h"
+#include "ops/matrix/im2col.h"
 #include "tests/ops/matrix/matrix_cases.h"
 #include "tests/reference/convolution.h"
 #include "tests/support/overlap.h"
@@ -559,6 +560,69 @@ TEST(Convolution, ColumnMatrixOnlyWhereNeeded)
     LayerCase narrow = layerOf(wide, small, {}).Output(wide.Result());
     narrow.Attr<ConvolutionAttr>().colChannels = 3;
     EXPECT_TRUE(WritesColumns(narrow)) << "the matrix reaches into the ones";
+}
+
+// Layers large enough for integers: bytes, shorts, and sums that leave them, with zero points and without.
+TEST(Convolution, WholeNumbersAsReference)
+{
+    ForRandomCases(12, [](Random& random) {
+        const uint32_t groups = random.OneOf({1u, 2u});
+        const Problem p = {.images = 2,
+                           .channels = 8 * groups,
+                           .size = {14, static_cast<uint32_t>(random.Int(13, 20))},
+                           .kernel = {3, random.OneOf({1u, 3u})},
+                           .pad = {1, 1, random.OneOf({0u, 1u}), 1},
+                           .stride = {1, random.OneOf({1u, 2u})},
+                           .dilation = {1, random.OneOf({1u, 2u})},
+                           .groups = groups,
+                           .outChannels = 24 * groups};
+        const auto values = [&random](const Shape& shape, int32_t low, int32_t high) {
+            Floats floats(ElementCount(shape));
+            for (float& value : floats) {
+                value = static_cast<float>(random.Int(low, high));
+            }
+            return floats;
+        };
+        const int32_t most = random.OneOf({15, 255, 3000});
+        const Floats zeroPoints = random.OneOf<Floats>({{}, {}, {3}, {0, 2}, {3, 5}, {512}, {40192}});
+        LayerCase layer = Case(2 + static_cast<uint32_t>(zeroPoints.size()), p);
+        Floats x = values(p.Images(), 0, most);
+        if (random.Chance(0.2)) {
+            x[random.Int(0, static_cast<int32_t>(x.size()) - 1)] = random.OneOf({0.5f, -0.0f, 1e9f, kInf});
+        }
+        layer.Online(p.Images(), x).Online(p.Weights(), values(p.Weights(), -128, 127));
+        for (const float zero : zeroPoints) {
+            layer.Online({1}, {zero});
+        }
+        layer.Output(Holding(p.Result(), values(p.Result(), -9, 9)));
+        ExpectSameAsReference(layer, ConvolutionOpkitForward, RefConvolution, {.nan = NanPolicy::kAnyNan});
+    });
+}
+
+TEST(Convolution, RangeOfColumnsCountsPadding)
+{
+    Floats image(50, 7.0f);
+    Im2colArgs args = {};
+    ForEachLevel([&](Level) {
+        const auto range = [&](int32_t padding) {
+            args.padValue = padding;
+            return RangeOfColumns(args, image.data(), image.size());
+        };
+        EXPECT_EQ(range(0).whole, WholeKernelsInUse() != nullptr);
+        if (WholeKernelsInUse() == nullptr) {
+            return;
+        }
+        EXPECT_EQ(range(-3).lowest, -3);
+        EXPECT_EQ(range(-3).highest, 7);
+        EXPECT_EQ(range(200).highest, 200);
+        EXPECT_TRUE(range(32766).whole);
+        EXPECT_TRUE(range(-32766).whole);
+        EXPECT_FALSE(range(32767).whole);
+        EXPECT_FALSE(range(-32767).whole);
+        image[49] = 0.5f;
+        EXPECT_FALSE(range(0).whole);
+        image[49] = 7;
+    });
 }
 
 // Attributes that do not fit together are followed as they stand.
