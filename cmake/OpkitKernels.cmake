@@ -25,7 +25,16 @@ opkit_kernel_library(avx512 ${opkit_kernels})
 opkit_kernel_library(vnni ${opkit_whole})
 target_compile_definitions(opkit_kernels_vnni PRIVATE OPKIT_LEVEL_avx512=1)  # the vectors are those of AVX-512
 
-set(opkit_kernel_libraries opkit_kernels_baseline opkit_kernels_avx2 opkit_kernels_avx512 opkit_kernels_vnni)
+# Steps of f32 products may fuse in these objects only.
+set(opkit_level_avx2_fused ${opkit_level_avx2})
+set(opkit_level_avx512_fused ${opkit_level_avx512})
+foreach(level IN ITEMS avx2 avx512)
+  opkit_kernel_library(${level}_fused ${PROJECT_SOURCE_DIR}/kernels/gemm.cpp)
+  target_compile_definitions(opkit_kernels_${level}_fused PRIVATE OPKIT_LEVEL_${level}=1 OPKIT_FUSED=1)
+endforeach()
+
+set(opkit_kernel_libraries opkit_kernels_baseline opkit_kernels_avx2 opkit_kernels_avx512 opkit_kernels_vnni
+                           opkit_kernels_avx2_fused opkit_kernels_avx512_fused)
 set(opkit_kernel_objects "")
 foreach(library IN LISTS opkit_kernel_libraries)
   list(APPEND opkit_kernel_objects $<TARGET_OBJECTS:${library}>)

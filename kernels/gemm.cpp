@@ -6,6 +6,9 @@
 // In a tile, a vector holds neighbouring columns of one operand (the "panel") and is multiplied by one element of the
 // other, which is broadcast. B is the panel; a product with few columns computes the transposed C with A as the panel
 // instead, since a * b = b * a.
+//
+// Compiled once more with OPKIT_FUSED, for products that are known to be exact: then one fused step has the bits of
+// two.
 
 #include "kernels/gemm.h"
 
@@ -25,6 +28,17 @@ constexpr size_t kBlockRows = 96;     // copied at a time, or their sums kept ap
 constexpr size_t kManyRows = 24;      // read a panel often enough for a copy of it to pay
 constexpr size_t kLine = 16;          // floats in a cache line
 constexpr size_t kAhead = 2 * kLine;  // how far ahead columns are fetched that are read along their own memory
+
+inline Vec MultiplyAdd(Vec a, Vec b, Vec c)
+{
+#if defined(OPKIT_FUSED) && defined(OPKIT_LEVEL_avx512)
+    return (Vec)_mm512_fmadd_ps((__m512)a, (__m512)b, (__m512)c);
+#elif defined(OPKIT_FUSED)
+    return (Vec)_mm256_fmadd_ps((__m256)a, (__m256)b, (__m256)c);
+#else
+    return a * b + c;
+#endif
+}
 
 struct Panel {
     const float* data;  // [depth, step]
@@ -59,7 +73,7 @@ void Tile(size_t depth, const float* a, size_t aRow, size_t aStep, Panel b, floa
             const Vec factor = Broadcast(a + i * aRow + k * aStep);
 #pragma GCC unroll 4
             for (size_t v = 0; v < kVectors; ++v) {
-                sum[i][v] = factor * column[v] + sum[i][v];
+                sum[i][v] = MultiplyAdd(factor, column[v], sum[i][v]);
             }
         }
         row += b.step;
@@ -419,7 +433,7 @@ void RunOneRow(Product& p)
             TransposeSquare(square);
 #pragma GCC unroll 16
             for (size_t i = 0; i < kLanes; ++i, row += p.rows.columnStep) {
-                sum = Broadcast(row) * square[i] + sum;
+                sum = MultiplyAdd(Broadcast(row), square[i], sum);
             }
         }
         for (; k < p.depth; ++k, row += p.rows.columnStep) {
@@ -427,7 +441,7 @@ void RunOneRow(Product& p)
             for (size_t i = 0; i < kLanes; ++i) {
                 column[i] = from[i * p.columns.columnStep + k];
             }
-            sum = Broadcast(row) * column + sum;
+            sum = MultiplyAdd(Broadcast(row), column, sum);
         }
         Store(p.c + j, kApart ? sum + Load(p.c + j) : sum);
     }

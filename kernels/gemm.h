@@ -30,6 +30,26 @@ struct GemmKernels {
 };
 OPKIT_KERNEL_TABLE(GemmKernels)
 
+// The same with fused steps, which round once: for products that are exact.
+namespace avx2_fused {
+extern const GemmKernels kGemmKernels;
+}
+namespace avx512_fused {
+extern const GemmKernels kGemmKernels;
+}
+
+// In the place of what FusesAtTwiceTheRate() finds, for tests. Stands in level.cpp.
+void OverrideFusing(bool fuses);
+
+// Null where they would not be faster.
+inline const GemmKernels* FusedKernelsInUse()
+{
+    if (ActiveLevel() == Level::kBaseline || !FusesAtTwiceTheRate()) {
+        return nullptr;
+    }
+    return ActiveLevel() == Level::kAvx2 ? &avx2_fused::kGemmKernels : &avx512_fused::kGemmKernels;
+}
+
 }  // namespace opkit
 
 #endif  // OPKIT_KERNELS_GEMM_H

@@ -5,11 +5,14 @@
 
 #include <cpuid.h>
 
+#include "kernels/gemm.h"
+
 namespace opkit {
 namespace {
 
 constexpr int kUnknown = -1;
 int activeLevel = kUnknown;
+int fuses = kUnknown;
 
 uint64_t EnabledStates()
 {
@@ -45,7 +48,34 @@ Level Detect()
     return !avx512 ? Level::kAvx2 : (c & kVnni) == 0 ? Level::kAvx512 : Level::kVnni;
 }
 
+// Known by the maker: Intel's processors with FMA multiply and add in the same units, at least in whole vectors; those
+// of other makers have adders besides. A guess costs speed only, never a bit.
+int FindWhetherItFuses()
+{
+    uint32_t a = 0;
+    uint32_t b = 0;
+    uint32_t c = 0;
+    uint32_t d = 0;
+    return __get_cpuid(0, &a, &b, &c, &d) != 0 && b == signature_INTEL_ebx && c == signature_INTEL_ecx &&
+           d == signature_INTEL_edx;
+}
+
 }  // namespace
+
+bool FusesAtTwiceTheRate()
+{
+    int known = __atomic_load_n(&fuses, __ATOMIC_RELAXED);
+    if (known == kUnknown) {
+        known = FindWhetherItFuses();
+        __atomic_store_n(&fuses, known, __ATOMIC_RELAXED);
+    }
+    return known != 0;
+}
+
+void OverrideFusing(bool value)
+{
+    __atomic_store_n(&fuses, value ? 1 : 0, __ATOMIC_RELAXED);
+}
 
 Level DetectedLevel()
 {

@@ -42,6 +42,10 @@ void OverrideLevel(Level level);
 
 const char* LevelName(Level level);
 
+// Whether a fused multiply-add takes the place of two operations in the same units. Elsewhere sums have units of their
+// own beside those of products, and the two apart are as fast.
+bool FusesAtTwiceTheRate();
+
 // The table of a record for the level in use: Kernels<UnaryKernels>().neg(in, out, count).
 template <class Record>
 const Record& Kernels();

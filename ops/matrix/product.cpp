@@ -7,6 +7,7 @@
 #include <xmmintrin.h>
 
 #include "common/overlap.h"
+#include "kernels/significant_bits.h"
 #include "ops/matrix/product_plan.h"
 
 namespace opkit {
@@ -70,22 +71,6 @@ void ClearC(const ProductPlan& plan)
     }
 }
 
-Ways RunApart(const ProductPlan& plan)
-{
-    const GemmKernels& kernels = Kernels<GemmKernels>();
-    if (plan.start == Start::kCleared) {
-        ClearC(plan);
-    }
-    if (plan.source != nullptr) {
-        kernels.accumulateFrom(plan.M, plan.N, plan.K, plan.alpha, plan.a, *plan.source, plan.c);
-    } else if (plan.start != Start::kApart) {
-        kernels.accumulate(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
-    } else if (CountOf(plan.M, plan.N) != 0) {
-        kernels.addSums(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
-    }
-    return kWayApart;
-}
-
 // Below this, examining the operands and laying out words costs more than integers gain.
 bool IsLargeEnough(const ProductPlan& plan)
 {
@@ -104,6 +89,66 @@ bool IsCApart(const ProductPlan& plan)
     const size_t count = ElementsOf(plan);
     return !RangesOverlap(plan.a.data, size_t{plan.M} * plan.K, plan.c, count) &&
            (plan.source != nullptr || !RangesOverlap(plan.b.data, size_t{plan.K} * plan.N, plan.c, count));
+}
+
+int SignificantBits(const BitRange& range)
+{
+    constexpr uint32_t kFirstBit = 1 << 23;
+    return 24 - __builtin_ctz(range.mantissa | kFirstBit);
+}
+
+int ExponentOf(uint32_t bits)
+{
+    return static_cast<int>(bits >> 23) - 127;
+}
+
+// Whether each product of a value of one and a value of the other is a float: it has at most as many bits as both
+// together, the lowest of them not below the smallest float, the highest not above the largest.
+bool ProductsAreExact(const BitRange& a, const BitRange& b)
+{
+    constexpr uint32_t kInfinity = 0x7f800000;
+    constexpr uint32_t kSmallestNormal = 0x00800000;
+    if (a.largest >= kInfinity || b.largest >= kInfinity) {
+        return false;
+    }
+    if (a.largest == 0 || b.largest == 0) {
+        return true;
+    }
+    if (a.smallest < kSmallestNormal || b.smallest < kSmallestNormal) {
+        return false;
+    }
+    const int bits = SignificantBits(a) + SignificantBits(b);
+    return bits <= 24 && ExponentOf(a.smallest) + ExponentOf(b.smallest) - (bits - 2) >= -149 &&
+           ExponentOf(a.largest) + ExponentOf(b.largest) + 1 <= 127;
+}
+
+bool MayFuse(const ProductPlan& plan)
+{
+    if (plan.source != nullptr || plan.alpha != 1.0f || FusedKernelsInUse() == nullptr || !IsLargeEnough(plan) ||
+        !HasDefaultRounding() || !IsCApart(plan)) {
+        return false;
+    }
+    const auto examine = Kernels<SignificantBitsKernels>().examine;
+    constexpr uint32_t kTooManyBits = 3;  // 23 or 24, where even one more on the other side is the whole of it
+    const BitRange b = examine(plan.b.data, size_t{plan.K} * plan.N);
+    return (b.mantissa & kTooManyBits) == 0 && ProductsAreExact(examine(plan.a.data, size_t{plan.M} * plan.K), b);
+}
+
+Ways RunFloats(const ProductPlan& plan)
+{
+    const bool fused = MayFuse(plan);
+    const GemmKernels& kernels = fused ? *FusedKernelsInUse() : Kernels<GemmKernels>();
+    if (plan.start == Start::kCleared) {
+        ClearC(plan);
+    }
+    if (plan.source != nullptr) {
+        kernels.accumulateFrom(plan.M, plan.N, plan.K, plan.alpha, plan.a, *plan.source, plan.c);
+    } else if (plan.start != Start::kApart) {
+        kernels.accumulate(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
+    } else if (CountOf(plan.M, plan.N) != 0) {
+        kernels.addSums(plan.M, plan.N, plan.K, plan.alpha, plan.a, plan.b, plan.c);
+    }
+    return fused ? kWayFused : kWayApart;
 }
 
 bool MayBeWhole(const ProductPlan& plan)
@@ -143,7 +188,7 @@ Ways RunRest(const ProductPlan& plan, bool inShorts, size_t row, size_t k0, size
     }
     rest.start = k0 == 0 ? plan.start : Start::kFromC;
     rest.c = plan.c + row * plan.N;
-    return inShorts ? RunWhole(rest, WordForm::kShorts) : RunApart(rest);
+    return inShorts ? RunWhole(rest, WordForm::kShorts) : RunFloats(rest);
 }
 
 Ways RunWhole(const ProductPlan& plan, WordForm form)
@@ -172,7 +217,7 @@ Ways RunProduct(const ProductPlan& plan)
     if (MayBeWhole(plan)) {
         return RunWhole(plan, WholeKernelsInUse()->hasBytes ? WordForm::kBytes : WordForm::kShorts);
     }
-    return RunApart(plan);
+    return RunFloats(plan);
 }
 
 void MultiplyStack(GemmArgs first, int32_t aCount, int32_t bCount, int32_t count)

@@ -27,6 +27,7 @@ enum class Start {
 using Ways = uint32_t;
 constexpr Ways kWayZeros = 1;   // C was cleared, and there was nothing to add
 constexpr Ways kWayApart = 2;   // in f32, product and sum rounded one after the other: always right
+constexpr Ways kWayFused = 16;  // in f32, both in one step, where every product is exact
 constexpr Ways kWayShorts = 4;  // in integers (kernels/whole.h), as words of two shorts
 constexpr Ways kWayBytes = 8;   // or of four bytes
 
