@@ -468,26 +468,37 @@ TEST_F(RunTest, RefusesAModelThatWouldFault)
          "; and 1 more (opkit check tells all, --unchecked runs it nevertheless)"});
 }
 
-// k of a TopK comes out of the model itself, by way of scratch: nobody tests it.
+// A k of TopK that the caller gives is a condition on data, which a run does not test; one out of the model itself is
+// refused by the check already.
 TEST_F(RunTest, RefusesConditionsThatItCannotKeepTo)
 {
-    ModelBuilder builder;
-    const TensorRef x = builder.AddInput({"x", {4}, 16});
-    const TensorRef y = builder.AddOutput({"y", {4}, 16});
-    const TensorRef k = builder.AddScratch({"k", {1}, 4});
-    builder.AddLayer("NegOpkitForward").Offline({1}, {-2.0f}).Output(k);
-    TopKAttr attr = {};
-    attr.k = OPKIT_TOPK_K_FROM_INPUT;
-    attr.hasValues = 1;
-    builder.AddLayer("TopKOpkitForward").Online(x).Online(k).Output(y).Attr(attr).Workspace(32);
-    SaveModel(builder.Build(), At("topk"));
+    const auto save = [this](const char* name, bool fromRequest) {
+        ModelBuilder builder;
+        const TensorRef x = builder.AddInput({"x", {4}, 16});
+        const TensorRef y = builder.AddOutput({"y", {4}, 16});
+        const TensorRef given = builder.AddInput({"k", {1}, 4});
+        const TensorRef k = fromRequest ? given : builder.AddScratch({"negated", {1}, 4});
+        if (!fromRequest) {
+            builder.AddLayer("NegOpkitForward").Online(given).Output(k);
+        }
+        TopKAttr attr = {};
+        attr.k = OPKIT_TOPK_K_FROM_INPUT;
+        attr.hasValues = 1;
+        builder.AddLayer("TopKOpkitForward").Online(x).Online(k).Output(y).Attr(attr).Workspace(32);
+        SaveModel(builder.Build(), At(name));
+    };
+    save("topk", true);
+    save("inside", false);
     WriteNpy("four.npy", "(4,)", {4, 2, 3, 1});
+    WriteNpy("two.npy", "(1,)", {2});
     EXPECT_EQ(Tool("check topk").code, 0);
-    Bad("run topk -i x=four.npy -o y=y.npy",
-        {"topk.bin: segment 0, layer 1 (TopKOpkitForward): safe if the first element of inputs[1], k, lies from 0 to 4",
+    Bad("run topk -i x=four.npy -i k=two.npy -o y=y.npy",
+        {"topk.bin: segment 0, layer 0 (TopKOpkitForward): safe if the first element of inputs[1], k, lies from 0 to 4",
          "which a run does not test (opkit check tells all, --unchecked runs it nevertheless)"});
-    Good("run topk -i x=four.npy -o y=y.npy --unchecked");
+    Good("run topk -i x=four.npy -i k=two.npy -o y=y.npy --unchecked");
     EXPECT_THAT(ReadNpy("y.npy").values, ElementsAre(1, 2, 0, 0));
+    Bad("run inside -i x=four.npy -i k=two.npy -o y=y.npy",
+        {"inside.bin: segment 0, layer 1 (TopKOpkitForward)", "k lies in scratch"});
 }
 
 // A sort stage that packs its boxes writes them all before it cuts their number.
