@@ -34,6 +34,7 @@ using Action = std::function<int()>;  // returns the exit code
 
 Action SetUpRun(CLI::App& app);
 Action SetUpInspect(CLI::App& app);
+Action SetUpReport(CLI::App& app);
 Action SetUpCheck(CLI::App& app);
 Action SetUpAssemble(CLI::App& app);
 Action SetUpDisassemble(CLI::App& app);

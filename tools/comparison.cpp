@@ -40,7 +40,7 @@ DumpComparison::DumpComparison(const fs::path& directory, double tolerance)
 }
 
 // The items from `begin` to `end`, which both have.
-void DumpComparison::ComparePiece(const DumpedTensor& tensor, Piece* piece, uint32_t begin, uint32_t end)
+Difference DumpComparison::ComparePiece(const DumpedTensor& tensor, Piece* piece, uint32_t begin, uint32_t end)
 {
     const DumpEntry& entry = tensor.entry;
     const size_t itemSize = ElementCount(entry.shape);
@@ -48,7 +48,7 @@ void DumpComparison::ComparePiece(const DumpedTensor& tensor, Piece* piece, uint
     const std::vector<float> there = NpyReader(directory_ / piece->entry->file)
                                          .Read((begin - piece->entry->firstItem) * itemSize, (end - begin) * itemSize);
     const auto here = std::span(tensor.values).subspan(offset, there.size());
-    const Difference difference = Compare(here, there, tolerance_);
+    Difference difference = Compare(here, there, tolerance_);
     if (difference.elements != 0 && sum_.elements == 0) {
         const size_t first = difference.firstElement;
         first_ = FirstText(Describe(entry), BatchedShape(entry.shape, entry.items), offset + first, here[first],
@@ -56,18 +56,22 @@ void DumpComparison::ComparePiece(const DumpedTensor& tensor, Piece* piece, uint
     }
     sum_.Add(difference);
     piece->compared += end - begin;
+    difference.firstElement += offset;
+    return difference;
 }
 
-void DumpComparison::Add(const DumpedTensor& tensor)
+std::optional<Difference> DumpComparison::Add(const DumpedTensor& tensor)
 {
     const DumpEntry& entry = tensor.entry;
-    const size_t differedBefore = sum_.elements;
+    Difference all;
     uint32_t found = 0;
     for (Piece& piece : pieces_[{entry.pass, entry.segment, entry.layer, entry.output}]) {
         const uint32_t begin = std::max(entry.firstItem, piece.entry->firstItem);
         const uint32_t end = std::min(entry.EndItem(), piece.entry->EndItem());
         if (begin < end && piece.entry->shape == entry.shape) {
-            ComparePiece(tensor, &piece, begin, end);
+            const Difference difference = ComparePiece(tensor, &piece, begin, end);
+            all.firstElement = all.elements == 0 ? difference.firstElement : all.firstElement;
+            all.Add(difference);
             found += end - begin;
         }
     }
@@ -75,7 +79,8 @@ void DumpComparison::Add(const DumpedTensor& tensor)
         onlyHere_ = Describe(entry);
     }
     tensors_ += found == 0 ? 0 : 1;
-    different_ += sum_.elements == differedBefore ? 0 : 1;
+    different_ += all.elements == 0 ? 0 : 1;
+    return found == 0 ? std::nullopt : std::optional(all);
 }
 
 bool DumpComparison::Finish() const

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <tuple>
 #include <vector>
 
@@ -19,8 +20,10 @@ public:
     // Throws where there is no dump to compare with.
     DumpComparison(const std::filesystem::path& directory, double tolerance);
 
-    // Takes the run's tensors as they come.
-    void Add(const DumpedTensor& tensor);
+    // Takes the run's tensors as they come. Returns how this one differs, or nothing where the dump has none of it.
+    std::optional<Difference> Add(const DumpedTensor& tensor);
+    // In words: where it is, and both values; empty where nothing differs so far.
+    const std::string& FirstDifference() const { return first_; }
     // Prints the first difference and the sum, and tells whether nothing differs.
     bool Finish() const;
 
@@ -30,7 +33,7 @@ private:
         const DumpEntry* entry;
         uint32_t compared = 0;  // items
     };
-    void ComparePiece(const DumpedTensor& tensor, Piece* piece, uint32_t begin, uint32_t end);
+    Difference ComparePiece(const DumpedTensor& tensor, Piece* piece, uint32_t begin, uint32_t end);
     std::vector<float> Load(const DumpEntry& entry, const modelkit::Shape& shape, uint32_t begin, uint32_t end) const;
 
     std::filesystem::path directory_;

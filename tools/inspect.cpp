@@ -10,6 +10,7 @@
 #include "modelkit/model_text.h"
 #include "tools/command.h"
 #include "tools/inspect_dot.h"
+#include "tools/inspect_json.h"
 #include "tools/layer_names.h"
 #include "tools/report_header.h"
 #include "tools/scratch_map.h"
@@ -211,47 +212,11 @@ private:
     std::map<uint32_t, const ModelConstant*> constantAt_;  // the first one at an offset
 };
 
-ordered_json ScratchToJson(const ScratchMap& map)
-{
-    ordered_json json = {{"peakBytes", map.peakBytes}, {"peakLayer", map.peakLayer}, {"reach", map.reach}};
-    json["uses"] = ordered_json::array();
-    for (const ScratchUse& use : map.uses) {
-        json["uses"].push_back({{"begin", use.begin},
-                                {"end", use.end},
-                                {"firstLayer", use.firstLayer},
-                                {"lastLayer", use.lastLayer},
-                                {"what", use.what}});
-    }
-    json["overlaps"] = ordered_json::array();
-    for (const ScratchOverlap& overlap : map.overlaps) {
-        json["overlaps"].push_back({{"first", overlap.first},
-                                    {"second", overlap.second},
-                                    {"begin", overlap.begin},
-                                    {"end", overlap.end},
-                                    {"inPlace", overlap.inPlace}});
-    }
-    if (map.moreOverlaps) {
-        json["moreOverlaps"] = true;
-    }
-    return json;
-}
-
-ordered_json JsonOf(const Model& model)
-{
-    ordered_json json = DescribeModel(model, {.positions = true, .data = false});
-    json["format"] = "opkit-inspection";
-    json["bufferCrc32"] = Crc32(model.bytes.Span());
-    for (size_t t = 0; t < model.tables.size(); ++t) {
-        json["tables"][t]["scratch"] = ScratchToJson(MapScratch(ReadLayerTable(model, t), model.maxBatch));
-    }
-    return json;
-}
-
 int Inspect(const Options& options)
 {
     const Model model = LoadModel(options.model);
     if (options.json) {
-        fmt::print("{}", JsonText(JsonOf(model)));
+        fmt::print("{}", JsonText(InspectionJson(model)));
     } else if (options.dot) {
         fmt::print("{}", DotOf(model));
     } else {

@@ -25,6 +25,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"run", "Runs a model on .npy files; times, traces, dumps and compares its layers", SetUpRun},
     {"inspect", "Shows what a model consists of", SetUpInspect},
+    {"report", "Draws a model and a run of it on a page for a browser", SetUpReport},
     {"check", "Verifies a model before a process trusts it", SetUpCheck},
     {"assemble", "Makes a model of its text form", SetUpAssemble},
     {"disassemble", "Writes a model as text", SetUpDisassemble},

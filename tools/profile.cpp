@@ -6,6 +6,7 @@
 
 #include "modelkit/file_io.h"
 #include "tools/layer_names.h"
+#include "tools/progress.h"
 
 namespace opkit::tools {
 namespace {
@@ -62,15 +63,21 @@ size_t Profile::CallsOf(uint32_t table, uint32_t layer) const
     }));
 }
 
+LayerTime Profile::TimeOf(uint32_t table, uint32_t layer) const
+{
+    const std::vector<uint64_t> times = TimesOf(table, layer);
+    return {CallsOf(table, layer), *std::min_element(times.begin(), times.end()), Median(times)};
+}
+
 void Profile::PrintTable(uint32_t table, double medians) const
 {
     for (uint32_t i = 0; i < layers_[table].layers.size(); ++i) {
         const ReadLayer& layer = layers_[table].layers[i];
-        const std::vector<uint64_t> times = TimesOf(table, i);
-        const double share = medians == 0 ? 0 : 100 * Median(times) / medians;
+        const LayerTime time = TimeOf(table, i);
+        const double share = medians == 0 ? 0 : 100 * time.median / medians;
         fmt::print("{:>5}  {:<21} {:<18} {:>6} {:>9} {:>9.1f} {:>6.1f} %\n", i, ShortName(layer.name),
-                   layer.outputs.empty() ? "" : ShapeText(layer.outputs[0].shape), CallsOf(table, i),
-                   *std::min_element(times.begin(), times.end()), Median(times), share);
+                   layer.outputs.empty() ? "" : ShapeText(layer.outputs[0].shape), time.calls, time.shortest,
+                   time.median, share);
     }
 }
 
@@ -126,6 +133,25 @@ void Profile::SaveTrace(const std::filesystem::path& file) const
         }
     }
     WriteFile(file, ordered_json({{"displayTimeUnit", "ms"}, {"traceEvents", std::move(events)}}).dump() + "\n");
+}
+
+Profile TimedRuns(const Model& model, Stream& stream, uint32_t repeat, uint32_t warmup)
+{
+    Progress progress("requests", uint64_t{stream.RequestCount()} * (warmup + repeat));
+    stream.OnRequest([&] { progress.Advance(); });
+    for (uint32_t i = 0; i < warmup; ++i) {
+        stream.RunFresh();
+    }
+    Profile profile(model);
+    stream.EnableProfiling();
+    stream.OnPass(
+        [&](const StreamPass& pass) { profile.Add(pass, stream.Request().Profile(), stream.Request().Batch()); });
+    for (uint32_t i = 0; i < repeat; ++i) {
+        stream.RunFresh();
+        profile.EndRun();
+    }
+    stream.OnRequest(nullptr);
+    return profile;
 }
 
 }  // namespace opkit::tools

@@ -11,6 +11,13 @@
 
 namespace opkit::tools {
 
+// Of one run, all its items and passes together, in microseconds.
+struct LayerTime {
+    size_t calls = 0;
+    uint64_t shortest = 0;
+    double median = 0;
+};
+
 class Profile {
 public:
     explicit Profile(const modelkit::Model& model);
@@ -19,6 +26,8 @@ public:
     void Add(const StreamPass& pass, std::span<const ProfilingSlot> slots, uint32_t batch);
     void EndRun() { runs_.emplace_back(); }
 
+    // Over the runs that have ended; at least one has.
+    LayerTime TimeOf(uint32_t table, uint32_t layer) const;
     // Layer, operator, output shape, calls per run, shortest and median time of a run, share of the medians.
     void Print() const;
     // Chrome's trace event format.
@@ -44,6 +53,9 @@ private:
     std::vector<modelkit::ReadTable> layers_;  // of each table
     std::vector<Run> runs_;                    // the last one is in progress
 };
+
+// Runs the data `warmup` times, then `repeat` times with the clock on.
+Profile TimedRuns(const modelkit::Model& model, Stream& stream, uint32_t repeat, uint32_t warmup);
 
 }  // namespace opkit::tools
 

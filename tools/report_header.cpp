@@ -19,12 +19,17 @@ constexpr const char* kCompiler = "gcc " __VERSION__;
 
 }  // namespace
 
-void PrintEnvironment(std::optional<Level> level)
+std::string EnvironmentText(std::optional<Level> level)
 {
     const uint32_t version = OpkitGetVersion();
-    fmt::print("opkit   {}.{}.{} ({}), {}, processor level {}{}\n", version >> 16, version >> 8 & 0xff, version & 0xff,
-               OPKIT_GIT_VERSION, kCompiler, LevelName(DetectedLevel()),
-               level ? fmt::format(", run at {}", LevelName(*level)) : "");
+    return fmt::format("{}.{}.{} ({}), {}, processor level {}{}", version >> 16, version >> 8 & 0xff, version & 0xff,
+                       OPKIT_GIT_VERSION, kCompiler, LevelName(DetectedLevel()),
+                       level ? fmt::format(", run at {}", LevelName(*level)) : "");
+}
+
+void PrintEnvironment(std::optional<Level> level)
+{
+    fmt::print("opkit   {}\n", EnvironmentText(level));
 }
 
 void PrintModelLine(const std::filesystem::path& path, const Model& model)

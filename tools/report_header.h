@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 
 #include "kernels/level.h"
 #include "modelkit/model.h"
@@ -11,7 +12,9 @@
 
 namespace opkit::tools {
 
-// `level`: the one that was asked for.
+// "3.0.0 (4ed1745), gcc 12.2.0, processor level AVX2". `level`: the one that was asked for.
+std::string EnvironmentText(std::optional<Level> level = std::nullopt);
+
 void PrintEnvironment(std::optional<Level> level = std::nullopt);
 void PrintModelLine(const std::filesystem::path& path, const modelkit::Model& model);
 void PrintTensorLines(const char* side, const std::vector<modelkit::TensorSpec>& specs, const RunData& data,

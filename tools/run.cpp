@@ -47,23 +47,6 @@ struct Options {
     bool unchecked = false;
 };
 
-// As many items as there are and as the model takes. With several tables it is 1: a segment id is one for the whole
-// request, so items that want different ways must not share one.
-uint32_t ChooseBatch(const Model& model, uint32_t items, uint32_t wanted)
-{
-    if (wanted > LargestBatch(model)) {
-        throw ToolError(
-            fmt::format("--batch {}: the model's scratch is planned for {} batch items", wanted, LargestBatch(model)));
-    }
-    return std::min(items, wanted != 0 ? wanted : model.tables.size() > 1 ? 1 : LargestBatch(model));
-}
-
-bool IsNamedFile(const std::string& argument)
-{
-    const size_t equals = argument.find('=');
-    return equals != std::string::npos && equals != 0 && equals + 1 != argument.size();
-}
-
 // What the run is compared with: dumps, and files for outputs.
 struct References {
     std::vector<NamedFile> outputs;
@@ -137,26 +120,6 @@ bool Same(const Model& model, const RunData& outputs, const References& referenc
     return same;
 }
 
-Profile TimedRuns(const Model& model, Stream& stream, const Options& options)
-{
-    const uint32_t repeat = std::max(options.repeat, 1U);
-    Progress progress("requests", uint64_t{stream.RequestCount()} * (options.warmup + repeat));
-    stream.OnRequest([&] { progress.Advance(); });
-    for (uint32_t i = 0; i < options.warmup; ++i) {
-        stream.RunFresh();
-    }
-    Profile profile(model);
-    stream.EnableProfiling();
-    stream.OnPass(
-        [&](const StreamPass& pass) { profile.Add(pass, stream.Request().Profile(), stream.Request().Batch()); });
-    for (uint32_t i = 0; i < repeat; ++i) {
-        stream.RunFresh();
-        profile.EndRun();
-    }
-    stream.OnRequest(nullptr);
-    return profile;
-}
-
 // Times layers or streams, as asked.
 void Measure(const Model& model, const RunData& inputs, const RunData& outputs, Stream& stream,
              const StreamOptions& streamOptions, const Options& options)
@@ -165,7 +128,7 @@ void Measure(const Model& model, const RunData& inputs, const RunData& outputs, 
         const uint32_t repeat = options.repeat != 0 ? options.repeat : ThroughputOptions{}.repeat;
         MeasureThroughput(model, inputs, outputs, streamOptions, {options.threads, repeat, options.warmup});
     } else if (options.repeat != 0 || !options.trace.empty()) {
-        const Profile profile = TimedRuns(model, stream, options);
+        const Profile profile = TimedRuns(model, stream, std::max(options.repeat, 1U), options.warmup);
         if (options.repeat != 0) {
             profile.Print();
         }

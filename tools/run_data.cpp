@@ -47,6 +47,12 @@ uint32_t ItemsIn(const Shape& shape, const Shape& item)
 
 }  // namespace
 
+bool IsNamedFile(const std::string& argument)
+{
+    const size_t equals = argument.find('=');
+    return equals != std::string::npos && equals != 0 && equals + 1 != argument.size();
+}
+
 std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments, const std::vector<TensorSpec>& tensors,
                                   const char* side)
 {

@@ -16,6 +16,9 @@ struct NamedFile {
     std::filesystem::path file;
 };
 
+// Whether an argument is of the form NAME=FILE.
+bool IsNamedFile(const std::string& argument);
+
 // Splits NAME=FILE arguments. Throws ToolError for a name that stands twice or is not among the tensors.
 std::vector<NamedFile> NamedFiles(const std::vector<std::string>& arguments,
                                   const std::vector<modelkit::TensorSpec>& tensors, const char* side);

@@ -10,6 +10,15 @@ namespace opkit::tools {
 
 using namespace opkit::modelkit;
 
+uint32_t ChooseBatch(const Model& model, uint32_t items, uint32_t wanted)
+{
+    if (wanted > LargestBatch(model)) {
+        throw ToolError(
+            fmt::format("--batch {}: the model's scratch is planned for {} batch items", wanted, LargestBatch(model)));
+    }
+    return std::min(items, wanted != 0 ? wanted : model.tables.size() > 1 ? 1 : LargestBatch(model));
+}
+
 Stream::Stream(const Model& model, const RunData& data, const StreamOptions& options)
     : model_(model), data_(data), options_(options), whole_(model, options.batch)
 {

@@ -22,6 +22,11 @@ struct StreamOptions {
                                         // counts each time that the loop begins
 };
 
+// Items per request: `wanted`, or, where that is 0, as many as there are and as the model takes. With several tables it
+// is 1: a segment id is one for the whole request, so items that want different ways must not share one. Throws
+// ToolError for more than the model takes.
+uint32_t ChooseBatch(const modelkit::Model& model, uint32_t items, uint32_t wanted);
+
 // A pass of one of the data's requests.
 struct StreamPass {
     uint32_t request = 0;
