@@ -35,9 +35,8 @@ size_t TensorCount(const Model& model, const std::vector<ReadTable>& tables)
 ordered_json CheckJson(const Model& model)
 {
     const CheckReport report = CheckModel(model);
-    ordered_json json = {{"batch", report.batch},
-                         {"refusals", ordered_json::array()},
-                         {"conditions", ordered_json::array()}};
+    ordered_json json = {
+        {"batch", report.batch}, {"refusals", ordered_json::array()}, {"conditions", ordered_json::array()}};
     for (const CheckRefusal& refusal : report.refusals) {
         json["refusals"].push_back(refusal.Text());
     }
@@ -91,10 +90,8 @@ ordered_json ReportData::EdgesJson() const
 {
     ordered_json edges = ordered_json::array();
     for (const GraphEdge& edge : EdgesOf(model_, tables_)) {
-        edges.push_back({{"from", NodeJson(edge.from)},
-                         {"to", NodeJson(edge.to)},
-                         {"label", edge.label},
-                         {"jump", edge.jump}});
+        edges.push_back(
+            {{"from", NodeJson(edge.from)}, {"to", NodeJson(edge.to)}, {"label", edge.label}, {"jump", edge.jump}});
     }
     return edges;
 }
@@ -144,9 +141,9 @@ void ReportData::Add(const DumpedTensor& tensor, const Difference& difference)
     Entry& entry = EntryOf(tensor.entry);
     entry.compared = true;
     if (difference.elements != 0 && entry.difference.elements == 0) {
-        entry.firstDifference = fmt::format(
-            "request {}, pass {}, element {}", tensor.entry.request, tensor.entry.pass,
-            ElementText(BatchedShape(tensor.entry.shape, tensor.entry.items), difference.firstElement));
+        entry.firstDifference =
+            fmt::format("request {}, pass {}, element {}", tensor.entry.request, tensor.entry.pass,
+                        ElementText(BatchedShape(tensor.entry.shape, tensor.entry.items), difference.firstElement));
     }
     entry.difference.Add(difference);
 }

@@ -12,7 +12,8 @@ constexpr std::string_view kData = "data";
 std::string_view ContentOf(std::string_view name)
 {
     const std::span<const PageFile> files = PageFiles();
-    const auto found = std::find_if(files.begin(), files.end(), [&](const PageFile& file) { return file.name == name; });
+    const auto found =
+        std::find_if(files.begin(), files.end(), [&](const PageFile& file) { return file.name == name; });
     if (found == files.end()) {
         throw std::logic_error("the page has no file " + std::string(name));
     }

@@ -69,11 +69,10 @@ double CellMean(const TensorPicture& picture, const float* plane, uint32_t y, ui
 
 ordered_json PictureJson(const TensorPicture& picture)
 {
-    return {{"planes", picture.planes},           {"shown", picture.shown},
-            {"columns", picture.columns},         {"height", picture.height},
-            {"width", picture.width},             {"planeHeight", picture.planeHeight},
-            {"planeWidth", picture.planeWidth},   {"low", picture.low},
-            {"high", picture.high},               {"cells", Base64(picture.cells)}};
+    return {{"planes", picture.planes},         {"shown", picture.shown}, {"columns", picture.columns},
+            {"height", picture.height},         {"width", picture.width}, {"planeHeight", picture.planeHeight},
+            {"planeWidth", picture.planeWidth}, {"low", picture.low},     {"high", picture.high},
+            {"cells", Base64(picture.cells)}};
 }
 
 }  // namespace

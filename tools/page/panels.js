@@ -260,7 +260,7 @@ function comparisonPanel(plots, selected) {
   const first = firstDifferent();
   return [
     make('h2', {class: 'bad'}, `${different.length} of ${countText(compared.length, 'layer output')} differ from ${report.comparison.directory}`),
-    make('p', {}, report.comparison.first),
+    make('p', {class: 'lines'}, report.comparison.first),
     make('p', {}, make('button', {type: 'button', onclick: () => selectLayer(first, 'layer')},
                        `Go to the first: ${layerLabel(first)}`)),
     place,

@@ -153,14 +153,15 @@ function scratchPlot(place, table, selected, onChoose) {
     const x = (value) => u.valToPos(value, 'x', true);
     const y = (value) => u.valToPos(value, 'y', true);
     scratch.uses.forEach((use, number) => {
-      const box = [x(use.firstLayer), y(use.end), x(use.lastLayer + 1) - x(use.firstLayer), y(use.begin) - y(use.end)];
+      const left = x(use.firstLayer - 0.5);
+      const box = [left, y(use.end), x(use.lastLayer + 0.5) - left, y(use.begin) - y(use.end)];
       context.fillStyle = painted[number];
       context.globalAlpha = 0.85;
       context.fillRect(...box);
       context.globalAlpha = 1;
       context.strokeStyle = colour('ground');
       context.strokeRect(...box);
-      labelUse(context, use, box);
+      labelUse(context, use, tableLayers, box);
     });
     markColumn(context, u, x, scratch.peakLayer, colour('bad'));
     if (selected !== undefined && selected.table === table) {
@@ -177,21 +178,21 @@ function scratchPlot(place, table, selected, onChoose) {
                  values: (u, values) => values.map(bytesText)})],
     series: [{}, {paths: () => null, points: {show: false}}],
     hooks: {draw: [paint]},
-  }, [[0, tableLayers.length], [0, reach]], place);
-  const useAt = (x, y) => scratch.uses.findLast((use) => use.firstLayer <= x && x < use.lastLayer + 1 &&
+  }, [[-0.5, tableLayers.length - 0.5], [0, reach]], place);
+  const useAt = (x, y) => scratch.uses.findLast((use) => use.firstLayer <= x + 0.5 && x < use.lastLayer + 0.5 &&
                                                          use.begin <= y && y < use.end);
   return pointAt(plot, (x, y) => {
     const use = useAt(x, y);
     return use && `${use.what} (${tableLayers[use.firstLayer].shortName})\nbytes ${use.begin} to ${use.end}, ` +
                       `${bytesText(use.end - use.begin)}\nlayers ${use.firstLayer} to ${use.lastLayer}`;
   }, (x, y) => {
-    const layer = layerAt(table, useAt(x, y)?.firstLayer ?? Math.floor(x));
+    const layer = layerAt(table, useAt(x, y)?.firstLayer ?? Math.round(x));
     layer && onChoose(layer);
   });
 }
 
-function labelUse(context, use, [left, top, width, height]) {
-  const text = use.what.replace('work space of layer', 'work of').replace(/output \d+ of layer/, 'of');
+function labelUse(context, use, tableLayers, [left, top, width, height]) {
+  const text = use.firstLayer + ' ' + tableLayers[use.firstLayer].shortName;
   if (context.measureText(text).width + 8 < width && height > 16 * devicePixelRatio) {
     context.fillStyle = colour('text');
     context.textAlign = 'center';
@@ -204,7 +205,7 @@ function markColumn(context, u, x, layer, stroke) {
   context.strokeStyle = stroke;
   context.lineWidth = 2 * devicePixelRatio;
   context.setLineDash([6 * devicePixelRatio, 4 * devicePixelRatio]);
-  context.strokeRect(x(layer), u.bbox.top + 1, x(layer + 1) - x(layer), u.bbox.height - 2);
+  context.strokeRect(x(layer - 0.5), u.bbox.top + 1, x(layer + 0.5) - x(layer - 0.5), u.bbox.height - 2);
   context.setLineDash([]);
   context.lineWidth = 1;
 }
