@@ -10,6 +10,7 @@ const VIEWS = [
   {id: 'constants', title: 'Constants', make: constantsPanel},
   {id: 'comparison', title: 'Comparison', make: comparisonPanel},
 ];
+const VIEWS_OF_A_LAYER = ['layer', 'scratch'];  // the others do not change with it but for a row
 const KEYS = [
   ['/', 'search; Enter goes to the next one found', () => query.focus()],
   ['j', 'next layer; also the arrow keys', () => step(1)],
@@ -38,7 +39,13 @@ function refreshPanel() {
   plots.clear();
   panel.replaceChildren(...view.make(plots, selected));
   plots.showAll();
+  markRows();
   panel.scrollTop = top;
+}
+
+function markRows() {
+  panel.querySelectorAll('tr.selected').forEach((row) => row.classList.remove('selected'));
+  panel.querySelectorAll(`tr[data-layer="${selected?.number}"]`).forEach((row) => row.classList.add('selected'));
 }
 
 function showView(next) {
@@ -60,9 +67,12 @@ function selectLayer(layer, viewId = view.id === 'model' ? 'layer' : view.id) {
   selected = layer;
   scratchTable = layer.table;
   graph.select(layer);
-  showView(VIEWS.find((candidateView) => candidateView.id === viewId));
-  if (viewId === 'layer') {
-    panel.scrollTop = 0;
+  if (viewId !== view.id || VIEWS_OF_A_LAYER.includes(viewId)) {
+    showView(VIEWS.find((candidateView) => candidateView.id === viewId));
+    panel.scrollTop = viewId === 'layer' ? 0 : panel.scrollTop;
+  } else {
+    markRows();
+    remember();
   }
 }
 
@@ -189,6 +199,7 @@ function start() {
   query.addEventListener('blur', () => showResults(false));
   query.addEventListener('focus', () => showResults(found.length > 0));
   document.addEventListener('keydown', key);
+  window.addEventListener('hashchange', recall);
   matchMedia('(prefers-color-scheme: dark)').addEventListener('change', refreshPanel);
   recall();
 }

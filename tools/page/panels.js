@@ -9,13 +9,15 @@ function modelName() {
   return report.file.replace(/\.json$/, '');
 }
 
-// Rows of cells under titles; a number's title begins with '#'. `onChoose` makes a row lead somewhere.
+// Rows of cells under titles; a number's title begins with '#'. `onChoose` makes a row lead somewhere, `layer` shows
+// when that is selected.
 function dataTable(titles, rows) {
   const numeric = titles.map((title) => title.startsWith('#'));
   const cellClass = (k) => numeric[k] ? 'number' : undefined;
   const head = make('tr', {}, titles.map((title, k) => make('th', {class: cellClass(k)}, title.replace('#', ''))));
   return make('table', {}, make('thead', {}, head), make('tbody', {}, rows.map((row) => make(
-      'tr', {class: [row.onChoose ? 'choice' : '', row.alarm ? 'alarm' : '', row.selected ? 'selected' : ''].join(' '),
+      'tr', {class: [row.onChoose ? 'choice' : '', row.alarm ? 'alarm' : ''].join(' '),
+             'data-layer': row.layer?.number,
              onclick: () => row.onChoose?.()},
       row.cells.map((cell, k) => make('td', {class: cell.bar === undefined ? cellClass(k) : 'bars'},
           cell.bar === undefined ? cell : make('span', {class: 'bar', style: `width: ${100 * cell.bar}%`})))))));
@@ -140,7 +142,7 @@ function differenceText(tensor) {
         (difference.nan ? ', some by NaN' : '') + `; first at ${difference.first}`;
 }
 
-function timePanel(plots, selected) {
+function timePanel(plots) {
   if (!report.times) {
     return [hint('Times come with inputs and repeated runs:',
                  `opkit report ${modelName()} --input NAME=FILE.npy --repeat 20 ...`)];
@@ -157,7 +159,7 @@ function timePanel(plots, selected) {
     place,
     make('h3', {}, 'Slowest first'),
     dataTable(['layer', 'output', '#calls', '#shortest', '#median', '#share', ''], ordered.map((layer) => ({
-      selected: layer === selected,
+      layer,
       onChoose: () => selectLayer(layer),
       cells: [layerLabel(layer), layer.json.outputs?.length ? shapeText(layer.json.outputs[0].shape) : '',
               layer.time.calls.toLocaleString('en'), timeText(layer.time.shortest), timeText(layer.time.median),
@@ -201,7 +203,7 @@ function scratchPanel(plots, selected) {
   ];
 }
 
-function tensorsPanel(plots, selected) {
+function tensorsPanel(plots) {
   if (!report.run) {
     return [hint('Tensors come with inputs:', `opkit report ${modelName()} --input NAME=FILE.npy ...`)];
   }
@@ -214,7 +216,7 @@ function tensorsPanel(plots, selected) {
       const layer = layerAt(tensor.table, tensor.layer);
       const summary = tensor.summary;
       return {
-        selected: layer === selected,
+        layer,
         alarm: summary.nan > 0 || summary.infinite > 0,
         onChoose: () => selectLayer(layer, 'layer'),
         cells: [layerLabel(layer) + (tensor.output ? `, output ${tensor.output}` : ''), thumbnail(summary),
@@ -244,7 +246,7 @@ function constantsPanel() {
   ];
 }
 
-function comparisonPanel(plots, selected) {
+function comparisonPanel(plots) {
   if (!report.comparison) {
     return [hint('Dump one run and compare another with it:',
                  `opkit run ${modelName()} --input NAME=FILE.npy --dump DIR; ` +
@@ -268,7 +270,7 @@ function comparisonPanel(plots, selected) {
     dataTable(['layer', '#elements', '#ulps', '#distance', 'first at'], compared.map((tensor) => {
       const layer = layerAt(tensor.table, tensor.layer);
       return {
-        selected: layer === selected,
+        layer,
         alarm: tensor.difference.elements > 0,
         onChoose: () => selectLayer(layer, 'layer'),
         cells: [layerLabel(layer), share(tensor.difference.elements, tensor.summary.count),
