@@ -1,6 +1,7 @@
 #include "tools/stream.h"
 
 #include <fmt/core.h>
+#include <algorithm>
 #include <cstring>
 
 #include "opkit/attributes/control.h"
