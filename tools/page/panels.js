@@ -200,6 +200,7 @@ function scratchPanel(plots, selected) {
       cells: [name(overlap.first), name(overlap.second), `${overlap.begin} to ${overlap.end}`,
               overlap.inPlace ? 'in place' : 'both in use'],
     }))) : '',
+    scratch.moreOverlaps ? make('p', {class: 'note'}, `And more share bytes; ${scratch.overlaps.length} are shown.`) : '',
   ];
 }
 
