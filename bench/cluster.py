@@ -23,9 +23,10 @@ from distributed import Client
 
 import opkit
 from opkit import cluster
-from opkit.cluster import store, worker
+from opkit.cluster import collector, store, worker
 
-ROUNDS = 5
+ROUNDS = 9
+CALM = {**os.environ, **collector.CALM_WORKERS}
 DIGITS = pathlib.Path(__file__).resolve().parent.parent / "examples/digits/data"
 
 
@@ -49,7 +50,8 @@ def processes(workers, folder):
     programs = [subprocess.Popen([*begin, "distributed.cli.dask_scheduler", "--port", "0", "--scheduler-file", file,
                                   *address], **quiet)]
     programs += [subprocess.Popen([*begin, "distributed.cli.dask_worker", "--scheduler-file", file, "--nthreads", "1",
-                                   "--no-nanny", "--local-directory", folder, *address], **quiet) for _ in range(workers)]
+                                   "--no-nanny", "--local-directory", folder, *address], env=CALM, **quiet)
+                 for _ in range(workers)]
     try:
         while not file.exists():
             time.sleep(0.1)
@@ -67,7 +69,7 @@ def program_time(tool, file, batch, items):
     def spent(repeat):
         before = children_time()
         subprocess.run([tool, "run", DIGITS / "digits", "--input", f"pixels={file}", "--batch", str(batch),
-                        "--threads", "1", "--repeat", str(repeat)], check=True, stdout=subprocess.DEVNULL)
+                        "--threads", "1", "--warmup", "0", "--repeat", str(repeat)], check=True, stdout=subprocess.DEVNULL)
         return children_time() - before
     few, many = 1, 6
     return (spent(many) - spent(few)) / (2 * (many - few) * items)  # one stream, and then "all" one of them
@@ -84,27 +86,25 @@ def cluster_time(client, scheduler, workers, file, folder, **options):
 
 
 def throughput(tool, folder):
+    """The least disturbed of ROUNDS of each candidate, and the median of the ratios."""
     images = np.load(DIGITS / "images.npy").astype(np.float32) / 16
-    for batch, chunk, items in ((256, 256, 25600), (256, 4096, 81920)):
-        file = folder / f"pixels{items}.npy"
-        np.save(file, np.resize(images, (items, 8, 8)))
-        rows = {1: [], 2: []}
-        alone = []
-        for workers in (1, 2):
-            with processes(workers, folder) as (client, scheduler, pids):
-                cluster_time(client, scheduler, pids, file, folder, batch=batch, chunk=chunk)
-                for _ in range(ROUNDS):
-                    base = program_time(tool, file, batch, items)
-                    alone.append(base)
-                    times, chunks = cluster_time(client, scheduler, pids, file, folder, batch=batch, chunk=chunk)
-                    rows[workers].append((times[0] / items / base, *(times[1:3] / chunks * 1e3), times[3]))
-        print(f"chunks of {chunk} items, requests of {batch}: one thread of the program {statistics.median(alone) * 1e6:.1f} "
-              f"us/item, {statistics.median(alone) * batch * 1e3:.1f} ms a request")
-        for workers, values in rows.items():
-            ratio, ours, collector, clock = (statistics.median(column) for column in zip(*values))
-            spread = [value[0] for value in values]
-            print(f"  {workers} workers: {ratio:.3f} of the program's time per item ({min(spread):.3f} to {max(spread):.3f}); "
-                  f"scheduler {ours:.2f} ms, collector {collector:.2f} ms a chunk; {clock:.2f} s on the clock")
+    batch, chunk, few, items = 256, 8192, 8192, 65536
+    for count in (few, items):
+        np.save(folder / f"pixels{count}.npy", np.resize(images, (count, 8, 8)))
+    for workers in (1, 2):
+        alone, ours = [], []
+        with processes(workers, folder) as (client, scheduler, pids):
+            for _ in range(ROUNDS):
+                alone.append(program_time(tool, folder / f"pixels{few}.npy", batch, few))
+                times, chunks = cluster_time(client, scheduler, pids, folder / f"pixels{items}.npy", folder, batch=batch,
+                                             chunk=chunk)
+                ours.append((times[0] / items, *(times[1:3] / chunks), times[3]))
+        least = [min(column) for column in zip(*ours)]
+        ratios = [one[0] / base for one, base in zip(ours, alone)]
+        print(f"{workers} workers, chunks of {chunk} items, requests of {batch}: the program {min(alone) * 1e6:.1f} us/item, "
+              f"{min(alone) * chunk * 1e3:.0f} ms a chunk; workers {least[0] * 1e6:.1f} us/item, {least[0] / min(alone):.3f} "
+              f"of that, median of all rounds {statistics.median(ratios):.3f}; scheduler {least[1] * 1e3:.1f} ms, collector "
+              f"{least[2] * 1e3:.1f} ms a chunk; {least[3]:.2f} s on the clock")
 
 
 def messages(folder):

@@ -65,8 +65,8 @@ def compute(model, arrays, batch):
     return outputs
 
 
-def run_chunk(digest, inputs, batch):
-    result = real_run_chunk(digest, inputs, batch)
+def run_chunk(digest, inputs, batch, compared):
+    result = real_run_chunk(digest, inputs, batch, compared)
     if every("transit") and isinstance(result, worker.Computed):
         flip(result.arrays)
     return result

@@ -612,7 +612,7 @@ class FaultsTest(ClusterTest):
         summary = self.run_digits(verify=0.2)
         timer.join()
         self.check()
-        self.assertTrue(any("scheduler went away" in why for why in summary.again), summary.again)
+        self.assertGreater(sum(summary.again.values()), 0)  # it was in the middle of something
 
     def test_the_scheduler_stays_away(self):
         self.start({"sleep": 0.1})

@@ -31,6 +31,8 @@ from opkit.model import Model
 from opkit.model import load as load_model
 
 MOST_OPINIONS = 5  # computations of one chunk of which no two agree, before it is given up
+# How often workers sample their own stacks, and wake up to see whether they are late; by default every 10 and 20 ms.
+CALM_WORKERS = {"DASK_DISTRIBUTED__WORKER__PROFILE__INTERVAL": "1s", "DASK_DISTRIBUTED__ADMIN__TICK__INTERVAL": "500ms"}
 TICK = 1.0  # seconds between looks at workers and scheduler
 
 
@@ -141,7 +143,7 @@ def run(model: Model | str | os.PathLike, arrays: dict, out: str | os.PathLike, 
 @contextlib.contextmanager
 def local_client(workers: int | None = None):
     """A Client of workers on this machine, one process and one thread each, that talk over loopback only."""
-    environment = {"OPKIT_LIBRARY": os.path.realpath(library().path) if os.path.exists(library().path)
+    environment = {**CALM_WORKERS, "OPKIT_LIBRARY": os.path.realpath(library().path) if os.path.exists(library().path)
                    else library().path, "PYTHONPATH": os.pathsep.join(path for path in sys.path if path)}
     with LocalCluster(n_workers=workers or len(os.sched_getaffinity(0)), threads_per_worker=1, processes=True,
                       host="127.0.0.1", dashboard_address="127.0.0.1:0", worker_dashboard_address="127.0.0.1:0",
@@ -173,6 +175,7 @@ class _Job:
     def __init__(self, model, sources, bounds, batch, store, client, retries, in_flight, patience, summary, bar):
         self.model, self.sources, self.bounds, self.batch = model, sources, bounds, batch
         self.store, self.client, self.retries, self.patience = store, client, retries, patience
+        self.address = client.scheduler.address
         self.most, self.summary, self.bar = in_flight, summary, bar
         self.checked: set[int] = set()
         self.pending: deque[_Chunk] = deque()
@@ -222,7 +225,7 @@ class _Job:
             self.client.wait_for_workers(1, timeout=self.patience)
             self.send(broadcast=True)
         except (OSError, asyncio.TimeoutError) as error:
-            raise ClusterError(f"{self.client.scheduler.address}: no worker for {self.patience} s: {error}") from error
+            raise ClusterError(f"{self.address}: no worker for {self.patience} s: {error}") from error
         self.tick_due = 0
 
     def send(self, **where) -> None:
@@ -276,7 +279,7 @@ class _Job:
         deadline = time.monotonic() + self.patience
         while self.client.status != "running":
             if self.client.status in ("closed", "closing") or time.monotonic() > deadline:
-                raise ClusterError(f"{self.client.scheduler.address}: the scheduler went away; {self._done()}")
+                raise ClusterError(f"{self.address}: the scheduler went away; {self._done()}")
             time.sleep(0.1)
         for future in list(self.flights):
             self.lost(future, "the scheduler went away")
@@ -305,8 +308,8 @@ class _Job:
             pieces = {name: source.piece(self.client, chunk.index, first, last)
                       for name, source in self.sources.items()}
             everyone = not busy and not chunk.avoid and not self.unfit
-            future = self.client.submit(worker.run_chunk, self.digest, pieces, self.batch, pure=False, retries=0,
-                                        key=f"opkit-chunk-{time.time_ns():x}-{chunk.index}",
+            future = self.client.submit(worker.run_chunk, self.digest, pieces, self.batch, self.compared(chunk),
+                                        pure=False, key=f"opkit-chunk-{time.time_ns():x}-{chunk.index}",
                                         workers=None if everyone else sorted(allowed), allow_other_workers=False)
         except (OSError, RuntimeError, asyncio.TimeoutError, CancelledError):  # scheduler or workers went away just now
             self.pending.appendleft(chunk)
@@ -315,6 +318,9 @@ class _Job:
         self.flights[future] = _Flight(chunk, None if everyone else allowed, pieces)
         future.add_done_callback(self.arrived.put)
         return None
+
+    def compared(self, chunk: _Chunk) -> bool:
+        return chunk.index in self.checked
 
     def take(self, future: Future) -> None:
         """A future that is done, one way or another."""
@@ -373,7 +379,7 @@ class _Job:
         except OpkitError as error:
             return self.give_up(chunk, f"there is no other worker to compare with, and here {error}")
         worker.keep(worker.Parcel(self.model))
-        self.judge(chunk, worker.run_chunk(self.digest, self.client.gather(pieces), self.batch))
+        self.judge(chunk, worker.run_chunk(self.digest, self.client.gather(pieces), self.batch, True))
         return None
 
     def judge(self, chunk: _Chunk, result: Computed | Failed | Absent) -> None:
@@ -389,7 +395,7 @@ class _Job:
             return self.fail(chunk, result.machine, "the result was damaged on its way")
         chunk.results.append(result)
         groups = _group(chunk.results)
-        needed = 2 if chunk.index in self.checked or len(chunk.results) > 1 else 1
+        needed = 2 if self.compared(chunk) else 1
         if len(groups[0]) < needed:
             if len(chunk.results) >= MOST_OPINIONS:
                 return self.give_up(chunk, "no two of these agree: " +
@@ -401,7 +407,7 @@ class _Job:
         return None
 
     def write(self, chunk: _Chunk, result: Computed, difference: Difference | None) -> None:
-        record = {"chunk": chunk.index, "crc": result.crc, "inputs": result.input_crc, "libm": result.machine.libm,
+        record = {"chunk": chunk.index, "crc": result.crc, "libm": result.machine.libm,
                   "workers": [one.machine.worker for one in chunk.results]}
         if difference:
             record["difference"] = str(difference)

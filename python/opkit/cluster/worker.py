@@ -50,7 +50,7 @@ class Machine:
 
 @dataclass
 class Computed:
-    """A chunk's outputs, with the CRC-32 that the worker took of them and of what it had read."""
+    """A chunk's outputs, with the CRC-32 that the worker took of them, and of what it had read if that was asked for."""
     machine: Machine
     arrays: dict[str, np.ndarray]
     crc: dict[str, int]
@@ -125,8 +125,8 @@ def keep(parcel: Parcel) -> None:
         del _models[digest]
 
 
-def run_chunk(digest: str, inputs: dict, batch: int | None) -> Computed | Failed | Absent:
-    """Computes one chunk. Whatever goes wrong comes back as a Failed, so that it is known which machine it was."""
+def run_chunk(digest: str, inputs: dict, batch: int | None, compared: bool) -> Computed | Failed | Absent:
+    """Computes one chunk, whose result is to be `compared` with another's or not. Whatever goes wrong comes back as a Failed, so that it is known which machine it was."""
     model = _models.get(digest)
     if model is None:
         return Absent(machine())
@@ -134,7 +134,7 @@ def run_chunk(digest: str, inputs: dict, batch: int | None) -> Computed | Failed
         arrays = {name: _items(model, name, piece) for name, piece in inputs.items()}
         outputs = compute(model, arrays, batch)
         return Computed(machine(), outputs, {name: crc(array) for name, array in outputs.items()},
-                        {name: crc(array) for name, array in arrays.items()})
+                        {name: crc(array) for name, array in arrays.items()} if compared else {})
     except (Exception, SystemExit) as error:
         return Failed(machine(), f"{type(error).__name__}: {error}")
 
