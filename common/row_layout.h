@@ -11,7 +11,7 @@ namespace opkit {
 // Floats from one row to the next. An alignment of 0 is a division fault, as everywhere in this layout.
 constexpr uint32_t RowPitch(uint32_t width, uint32_t alignNum)
 {
-    return ((width + alignNum - 1) / alignNum) * alignNum;
+    return ((width + alignNum - 1) / alignNum) * alignNum;  // NOLINT(clang-analyzer-core.DivideZero): see above
 }
 
 // Rows without width have no places: a hardware fault, as the division by the width would be.

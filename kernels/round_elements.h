@@ -12,7 +12,7 @@
 namespace opkit {
 namespace {
 
-constexpr float kAllWhole = 8388608.0f;
+inline constexpr float kAllWhole = 8388608.0f;
 
 inline float WithSignOf(float magnitude, float x)
 {

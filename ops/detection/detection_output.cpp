@@ -132,7 +132,7 @@ bool SortOrdered(DetBox* boxes, int32_t low, int32_t high)
 void ReadBoxes(const float* rows, size_t rowLength, DetBox* boxes, uint32_t count, bool withClassId)
 {
     for (uint32_t i = 0; i < count; ++i) {
-        boxes[i].x1 = rows[i];
+        boxes[i].x1 = rows[i];  // NOLINT: the input has resolved
         boxes[i].y1 = rows[rowLength + i];
         boxes[i].x2 = rows[2 * rowLength + i];
         boxes[i].y2 = rows[3 * rowLength + i];
