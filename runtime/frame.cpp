@@ -70,11 +70,11 @@ bool ResolveNext(InputCursor* cursor, Input* input, Rows rows, Messages messages
     return true;
 }
 
-bool Resolve(LayerParam* param, std::initializer_list<Input*> inputs, Rows rows, Messages messages, Caller caller)
+bool ResolveEach(LayerParam* param, Input* const* inputs, uint32_t count, Rows rows, Messages messages, Caller caller)
 {
     InputCursor cursor = {param};
-    for (Input* input : inputs) {
-        if (!ResolveNext(&cursor, input, rows, messages, caller)) {
+    for (uint32_t k = 0; k < count; ++k) {
+        if (!ResolveNext(&cursor, inputs[k], rows, messages, caller)) {
             return false;
         }
     }
@@ -92,13 +92,10 @@ bool Resolve(LayerParam* param, Input* inputs, uint32_t count, Rows rows, Messag
     return true;
 }
 
-bool ResolveThenCompact(LayerParam* param, std::initializer_list<Input*> inputs, Caller caller)
+bool CompactEach(Input* const* inputs, uint32_t count, Caller caller)
 {
-    if (!Resolve(param, inputs, Rows::kInPlace, Messages::kNone)) {
-        return false;
-    }
-    for (const Input* input : inputs) {
-        if (!CompactInput(*input, MessageEnd::kBlankLine, caller)) {
+    for (uint32_t k = 0; k < count; ++k) {
+        if (!CompactInput(*inputs[k], MessageEnd::kBlankLine, caller)) {
             return false;
         }
     }

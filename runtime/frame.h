@@ -5,8 +5,6 @@
 #ifndef OPKIT_RUNTIME_FRAME_H
 #define OPKIT_RUNTIME_FRAME_H
 
-#include <initializer_list>
-
 #include "common/overlap.h"
 #include "common/report.h"
 #include "common/row_layout.h"
@@ -86,17 +84,28 @@ enum class Messages {
     kNone,    // neither, and rows are compacted without a check
 };
 
+// What stands behind Resolve() and ResolveThenCompact().
+bool ResolveEach(LayerParam* param, Input* const* inputs, uint32_t count, Rows rows, Messages messages, Caller caller);
+bool CompactEach(Input* const* inputs, uint32_t count, Caller caller);
+
 // Resolves logical inputs 0, 1, ... in turn. False at the first that fails: one that is offline without dimensions, or
 // online and not there, or whose rows cannot be compacted. With Rows::kCompacting each input is compacted before the
 // next is resolved, and what was compacted before a failure stays so.
-bool Resolve(LayerParam* param, std::initializer_list<Input*> inputs, Rows rows, Messages messages,
-             Caller caller = Here());
+template <uint32_t N>
+bool Resolve(LayerParam* param, Input* const (&inputs)[N], Rows rows, Messages messages, Caller caller = Here())
+{
+    return ResolveEach(param, inputs, N, rows, messages, caller);
+}
 
 // The same for the first `count` records of an array.
 bool Resolve(LayerParam* param, Input* inputs, uint32_t count, Rows rows, Messages messages, Caller caller = Here());
 
 // Resolves all inputs, silently, before it compacts the first one.
-bool ResolveThenCompact(LayerParam* param, std::initializer_list<Input*> inputs, Caller caller = Here());
+template <uint32_t N>
+bool ResolveThenCompact(LayerParam* param, Input* const (&inputs)[N], Caller caller = Here())
+{
+    return ResolveEach(param, inputs, N, Rows::kInPlace, Messages::kNone, caller) && CompactEach(inputs, N, caller);
+}
 
 // The place among a layer's inputs, for operators that resolve in an order of their own.
 struct InputCursor {

@@ -137,7 +137,7 @@ bool MayFuse(const ProductPlan& plan)
 Ways RunFloats(const ProductPlan& plan)
 {
     const bool fused = MayFuse(plan);
-    const GemmKernels& kernels = fused ? *FusedKernelsInUse() : Kernels<GemmKernels>();
+    const GemmKernels& kernels = fused ? *FusedKernelsInUse() : Kernels<GemmKernels>();  // NOLINT: rows of a source
     if (plan.start == Start::kCleared) {
         ClearC(plan);
     }
