@@ -170,9 +170,12 @@ inline __attribute__((always_inline)) void ForEachFullBlock(const PoolWindows& w
 inline bool MayReduce(const PoolWindows& windows, const float* accumulators)
 {
     const size_t window = FloatsSpanned(windows.rows, windows.pitch, windows.columns);
-    const size_t span = FloatsSpanned(windows.count, static_cast<size_t>(windows.step), window);
-    return windows.step >= 0 && Present(windows.in, span) && Present(accumulators, windows.count) &&
-           Apart(windows.in, span, accumulators, windows.count);
+    const size_t step = static_cast<size_t>(windows.step < 0 ? -windows.step : windows.step);
+    const size_t span = FloatsSpanned(windows.count, step, window);
+    const ptrdiff_t last = static_cast<ptrdiff_t>(windows.count) - 1;
+    const float* const first = windows.step < 0 && last > 0 ? windows.in + last * windows.step : windows.in;
+    return Present(first, span) && Present(accumulators, windows.count) &&
+           Apart(first, span, accumulators, windows.count);
 }
 
 template <class Kind>

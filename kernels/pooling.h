@@ -13,7 +13,7 @@ struct PoolWindows {
     size_t pitch;
     uint32_t rows;
     uint32_t columns;
-    ptrdiff_t step;
+    ptrdiff_t step;  // also backward
     size_t count;
 };
 
